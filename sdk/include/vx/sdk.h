@@ -1,0 +1,238 @@
+// The host SDK stand-in: registry, generic objects, file lists, host image and sound objects,
+// time, time code, edge code, LUT helpers, message boxes and host flags.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vx/com.h"
+
+#if defined(_WIN32)
+#if defined(VXSDK_BUILDING)
+#define VXSDK_API __declspec(dllexport)
+#else
+#define VXSDK_API __declspec(dllimport)
+#endif
+#else
+#define VXSDK_API __attribute__((visibility("default")))
+#endif
+
+// Identifiers of the host SDK's own interfaces (same family as the parser interfaces).
+inline constexpr IID IID_IVxFileList = {0xA54A9D90, 0x10A7, 0x11CF,
+                                        {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxImage = {0xA54A9D91, 0x10A7, 0x11CF,
+                                     {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxGeneric = {0xA54A9D92, 0x10A7, 0x11CF,
+                                       {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxAudioBuffer = {0xA54A9D96, 0x10A7, 0x11CF,
+                                           {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+
+// ---- Strings handed across interfaces (allocated by the callee, freed by the caller) -------
+VXSDK_API VxChar* VxSysAllocString(const VxChar* s);
+VXSDK_API void VxSysFreeString(VxChar* s);
+
+// ---- Generic objects ------------------------------------------------------------------------
+// Process-wide service objects. Start runs once when the host first creates the object.
+struct IVxGeneric : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE Start() = 0;  // slot 3
+  virtual HRESULT STDMETHODCALLTYPE Stop() = 0;   // slot 4
+};
+
+// ---- Registry -------------------------------------------------------------------------------
+VXSDK_API HRESULT VxRegisterFileParser(const GUID& clsid, HINSTANCE module,
+                                       const VxChar* displayName, DWORD mediaKind,
+                                       DWORD capabilities, const VxChar* const* extensions,
+                                       int extensionCount);
+VXSDK_API HRESULT VxUnregisterFileParser(const GUID& clsid, HINSTANCE module);
+VXSDK_API HRESULT VxRegisterGenericObj(const GUID& clsid, const VxChar* name, int flag,
+                                       HINSTANCE module);
+VXSDK_API HRESULT VxUnRegisterGenericObj(const GUID& clsid, HINSTANCE module);
+VXSDK_API HRESULT CBRegisterCOMObject(const GUID& clsid, HINSTANCE module, const VxChar* name);
+VXSDK_API HRESULT CBUnregisterCOMObject(const GUID& clsid);
+
+// Loads the registered module of `clsid`, creates the object through its class factory once per
+// process (calling Start then), and hands out a new reference to that one instance.
+VXSDK_API HRESULT VxQueryGenericObject(REFCLSID clsid, IVxGeneric** out);
+// Stops and releases every generic object this process created (host shutdown).
+VXSDK_API void VxReleaseGenericObjects();
+
+namespace vx::registry {
+
+enum class Kind { FileParser, GenericObject, ComObject };
+
+struct Entry {
+  Kind kind = Kind::FileParser;
+  GUID clsid{};
+  std::string name;                     // display name (UTF-8)
+  std::uint32_t mediaKind = 0;          // parsers: 1 still, 2 audio, 3 movie
+  std::uint32_t capabilities = 0;       // parsers: bit 0 import, bit 1 export
+  std::vector<std::string> extensions;  // parsers: upper case, no dot
+  int flag = 0;                         // generic objects
+  std::string module;                   // absolute path of the module (UTF-8)
+};
+
+// Where the registry lives: $VXHOST_REGISTRY, else $XDG_CONFIG_HOME/vxhost/registry.json, else
+// ~/.config/vxhost/registry.json (Windows: %APPDATA%\vxhost\registry.json).
+VXSDK_API std::string Path();
+// All entries in registration order. A missing file is an empty registry.
+VXSDK_API std::vector<Entry> List();
+// Parser entry for a class id (kind FileParser first, then any kind). False when absent.
+VXSDK_API bool FindByClsid(const GUID& clsid, Entry* out, Kind kind);
+VXSDK_API bool FindByClsid(const GUID& clsid, Entry* out);
+// File parser for an extension, case-insensitive, with or without the dot.
+VXSDK_API bool FindByExtension(std::string_view extension, Entry* out);
+
+}  // namespace vx::registry
+
+// ---- File lists -----------------------------------------------------------------------------
+struct IVxFileList : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE GetCount(int* count) = 0;  // slot 3
+  // New string from VxSysAllocString; the caller frees it with VxSysFreeString.
+  virtual HRESULT STDMETHODCALLTYPE GetFileName(int index, VxChar** name) = 0;  // slot 4
+  // The frame number the name carries (its index when it has none).
+  virtual HRESULT STDMETHODCALLTYPE GetFrameNumber(int index, int* frame) = 0;  // slot 5
+};
+
+// Expands a numbered-sequence pattern: "shot.####.dpx", "shot.%04d.dpx", or a plain name whose
+// last digit run names a frame. A name without digits, or a sequence of one, gives one entry.
+VXSDK_API HRESULT VxGetFileListFromPattern(const VxChar* name, IVxFileList** out);
+// A list of names the host already has.
+VXSDK_API HRESULT VxCreateFileList(const VxChar* const* names, int count, IVxFileList** out);
+// The name of frame `frame` for a pattern ("####", "%04d" or a digit run); the name itself when
+// it has no frame field.
+VXSDK_API VxString VxFileNameForFrame(const VxChar* pattern, int frame);
+
+// ---- Time -----------------------------------------------------------------------------------
+// Time base: 705,600,000 ticks per second, which every common frame rate (23.976, 24, 25,
+// 29.97, 30, 48, 50, 59.94, 60, 120) and audio rate (8 kHz to 192 kHz) divides exactly.
+inline constexpr std::int64_t kVxTicksPerSecond = 705600000;
+
+struct VxTimeFormat {
+  std::int32_t rateNum = 0;  // frames (or samples) per second as a fraction
+  std::int32_t rateDen = 1;
+  double Rate() const { return rateDen ? static_cast<double>(rateNum) / rateDen : 0.0; }
+};
+
+// Nearest exact rate: 23.976 → 24000/1001, 29.97 → 30000/1001, 59.94 → 60000/1001; other
+// rates as num/1000 reduced. Non-positive or absurd rates give 0/1.
+VXSDK_API VxTimeFormat VxGetTimeFormatFromSampleRate(double rate);
+
+class CVxTime {
+ public:
+  CVxTime() = default;
+  explicit CVxTime(std::int64_t ticks) : ticks_(ticks) {}
+  // Start of frame `frame` at the format's rate.
+  VXSDK_API CVxTime(std::int64_t frame, const VxTimeFormat& format);
+  std::int64_t Ticks() const { return ticks_; }
+  double Seconds() const { return static_cast<double>(ticks_) / kVxTicksPerSecond; }
+  // Frame containing this time at the format's rate (floor).
+  VXSDK_API std::int64_t ToFrame(const VxTimeFormat& format) const;
+  bool operator==(const CVxTime&) const = default;
+
+ private:
+  std::int64_t ticks_ = 0;
+};
+static_assert(sizeof(CVxTime) == 8);
+
+// ---- Time code and edge code ----------------------------------------------------------------
+// SMPTE time code word: BCD nibbles HH MM SS FF from the most significant down.
+VXSDK_API DWORD VxConstructLTCInBCD(int hours, int minutes, int seconds, int frames);
+// Inverse; false when a nibble is not a decimal digit.
+VXSDK_API bool VxParseLTCInBCD(DWORD bcd, int* hours, int* minutes, int* seconds, int* frames);
+
+// Film edge code (key code) of a frame: manufacturer, film type, prefix, count and perf offset.
+class VXSDK_API EdgeCode {
+ public:
+  // Text of the form "MM TT PPPPPP-CCCC+OO" (manufacturer, type, prefix, count, perf offset);
+  // fields may be shorter or missing. False (and invalid) when nothing usable is found.
+  bool InitFromString(const char* text);
+  // Perforation type: 0 unknown, 1 = 4-perf 35 mm, 3 = 3-perf, 4 = 2-perf, 5 = 8-perf 65 mm.
+  void InitPos(int perfType);
+  bool IsValid() const { return valid_; }
+  std::string ToString() const;  // the InitFromString form; empty when invalid
+  std::string manufacturer, filmType, prefix, count, perfOffset;
+  int perfType = 0;
+
+ private:
+  bool valid_ = false;
+};
+
+// ---- Host image -----------------------------------------------------------------------------
+enum VxPixelFormat : std::uint32_t {
+  VX_PF_UNKNOWN = 0,
+  VX_PF_RGB8 = 1,
+  VX_PF_RGBA8 = 2,
+  VX_PF_BGRA8 = 3,
+  VX_PF_RGB16 = 4,
+  VX_PF_RGBA16 = 5,
+  VX_PF_RGBF32 = 6,
+  VX_PF_RGBAF32 = 7,
+  VX_PF_GRAY8 = 8,
+  VX_PF_GRAY16 = 9,
+  VX_PF_GRAYF32 = 10,
+};
+VXSDK_API int VxPixelFormatChannels(VxPixelFormat f);
+VXSDK_API int VxPixelFormatBytesPerPixel(VxPixelFormat f);
+VXSDK_API const char* VxPixelFormatName(VxPixelFormat f);
+
+// Row 0 is the top line. Rows may be padded: always step by GetRowStride.
+struct IVxImage : IUnknown {
+  virtual int STDMETHODCALLTYPE GetWidth() = 0;                                      // 3
+  virtual int STDMETHODCALLTYPE GetHeight() = 0;                                     // 4
+  virtual VxPixelFormat STDMETHODCALLTYPE GetPixelFormat() = 0;                      // 5
+  virtual int STDMETHODCALLTYPE GetRowStride() = 0;                                  // 6 bytes
+  virtual BYTE* STDMETHODCALLTYPE GetBuffer() = 0;                                   // 7
+  virtual HRESULT STDMETHODCALLTYPE Allocate(int width, int height, VxPixelFormat) = 0;  // 8
+  virtual double STDMETHODCALLTYPE GetPixelAspect() = 0;                             // 9
+  virtual void STDMETHODCALLTYPE SetPixelAspect(double aspect) = 0;                  // 10
+  virtual int STDMETHODCALLTYPE GetFieldMode() = 0;                                  // 11
+  virtual void STDMETHODCALLTYPE SetFieldMode(int mode) = 0;                         // 12
+  virtual void STDMETHODCALLTYPE GetTiming(CVxTime* start, CVxTime* duration) = 0;   // 13
+  virtual void STDMETHODCALLTYPE SetTiming(CVxTime start, CVxTime duration) = 0;     // 14
+};
+
+// Field modes as the parsers report them.
+enum : int { VX_FIELD_LOWER_FIRST = 0, VX_FIELD_UPPER_FIRST = 1, VX_FIELD_PROGRESSIVE = 2,
+             VX_FIELD_UNKNOWN = 3 };
+
+// New image (reference count 1); width/height 0 makes an empty image to Allocate later.
+VXSDK_API HRESULT VxCreateImage(int width, int height, VxPixelFormat format, IVxImage** out);
+// Converts between any two formats of equal size. 8-bit v ↔ 16-bit v·257 ↔ float v/255;
+// float → integer clamps to [0, 1] and rounds; grey → colour replicates; colour → grey uses
+// Rec. 709 weights; a missing alpha becomes opaque. Also copies aspect, field mode and timing.
+VXSDK_API HRESULT VxConvertImage(IVxImage* src, IVxImage* dst);
+
+// ---- Sound buffer ---------------------------------------------------------------------------
+struct IVxAudioBuffer : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE GetFormat(WAVEFORMATEX* format) = 0;  // 3
+  virtual BYTE* STDMETHODCALLTYPE GetBuffer() = 0;                        // 4
+  virtual DWORD STDMETHODCALLTYPE GetCapacity() = 0;                      // 5 bytes
+  virtual DWORD STDMETHODCALLTYPE GetLength() = 0;                        // 6 bytes in use
+  virtual HRESULT STDMETHODCALLTYPE SetLength(DWORD bytes) = 0;           // 7
+};
+VXSDK_API HRESULT VxCreateAudioBuffer(const WAVEFORMATEX* format, DWORD capacityBytes,
+                                      IVxAudioBuffer** out);
+
+// ---- LUT helpers ----------------------------------------------------------------------------
+struct VxLUT3D;  // opaque
+// Loads a 3D LUT file (.cube). E_NOTIMPL for a kind it cannot read, E_FAIL when malformed.
+VXSDK_API HRESULT VxGetPresetLUT(const VxChar* path, VxLUT3D** out);
+VXSDK_API void VxFreeLUT(VxLUT3D* lut);
+// Applies the LUT in place to `pixels` interleaved float samples (3 or 4 channels; alpha kept).
+VXSDK_API HRESULT VxLUTHelperApply3DLut(const VxLUT3D* lut, float* pixels, std::size_t count,
+                                        int channels);
+
+// ---- Host flags, project properties and message boxes ---------------------------------------
+VXSDK_API void VxSetShowParserUI(BOOL show);
+VXSDK_API BOOL VxGetShowParserUI();
+VXSDK_API BOOL VxHWIsVideoHALInstantiated();
+VXSDK_API void VxSetVideoHALInstantiated(BOOL up);  // the host's own switch
+// Numeric project properties ("Project Frame Rate", ...). False when the host never set it.
+VXSDK_API BOOL VxGetProjectProperty(const VxChar* name, double* value);
+VXSDK_API void VxSetProjectProperty(const VxChar* name, double value);
+
+using VxMessageBoxHandler = void (*)(const VxChar* caption, const VxChar* text, void* context);
+// Windows: MessageBoxW. Elsewhere the handler, by default one line "caption: text" on stderr.
+VXSDK_API void VxMessageBox(const VxChar* caption, const VxChar* text);
+VXSDK_API void VxSetMessageBoxHandler(VxMessageBoxHandler handler, void* context);
