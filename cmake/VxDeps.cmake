@@ -1,9 +1,38 @@
 # Third-party libraries. Those Debian does not ship for a target are optional there:
 # the rows that need them still register and answer Open with E_NOTIMPL.
 find_package(Threads REQUIRED)
-find_package(nlohmann_json 3 QUIET)
-find_package(CLI11 QUIET CONFIG)
+if(NOT CMAKE_CROSSCOMPILING)
+  find_package(nlohmann_json 3 QUIET)
+  find_package(CLI11 QUIET CONFIG)
+endif()
 if(NOT WIN32)
   find_package(GTest QUIET)
   find_package(benchmark QUIET)
+endif()
+
+if(CMAKE_CROSSCOMPILING)
+  # The header-only libraries of the build machine serve the cross targets too. Their own package
+  # files would put /usr/include on the include path, ahead of the target's C library, so only
+  # their folders are exposed, through links in the build tree.
+  set(VX_XINCLUDE ${CMAKE_BINARY_DIR}/xinclude)
+  file(MAKE_DIRECTORY ${VX_XINCLUDE})
+  foreach(spec "nlohmann_json;nlohmann;nlohmann/json.hpp" "CLI11;CLI;CLI/CLI.hpp")
+    list(GET spec 0 pkg)
+    list(GET spec 1 dir)
+    list(GET spec 2 probe)
+    if(EXISTS /usr/include/${probe} AND NOT TARGET ${pkg}::${pkg})
+      file(CREATE_LINK /usr/include/${dir} ${VX_XINCLUDE}/${dir} SYMBOLIC)
+      add_library(${pkg}::${pkg} INTERFACE IMPORTED GLOBAL)
+      set_target_properties(${pkg}::${pkg} PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${VX_XINCLUDE})
+      set(${pkg}_FOUND TRUE)
+    endif()
+  endforeach()
+endif()
+
+# Windows targets build GoogleTest from the Debian source package.
+if(WIN32 AND VX_BUILD_TESTS AND NOT TARGET GTest::gtest AND EXISTS /usr/src/googletest/CMakeLists.txt)
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  set(BUILD_GMOCK ON CACHE BOOL "" FORCE)
+  set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 endif()

@@ -137,4 +137,10 @@ bool GetEnv(const char* name, std::string* value);
 bool ShowMessageBox(const VxChar* caption, const VxChar* text);
 bool IsTerminal(int fd);  // 1 = standard output, 2 = standard error
 
+// ---- Module start-up ----------------------------------------------------------------------
+// What the OS wants done once when the component's module is loaded into a process (Windows:
+// no thread notifications, the AVI file library, 2048 stdio streams). `instance` is the module
+// handle the loader passed in; a no-op where there is nothing to do.
+void ModuleProcessAttach(void* instance);
+
 }  // namespace vx::os

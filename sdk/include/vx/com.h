@@ -18,6 +18,10 @@
 #include <windows.h>
 #include <objbase.h>
 #include <mmreg.h>
+// These macros would rename the vx::os functions of the same name in code that sees both.
+#undef CreateEvent
+#undef OpenEvent
+#undef FreeModule
 #define VX_EXPORT extern "C" __declspec(dllexport)
 #else
 
