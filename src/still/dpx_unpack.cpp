@@ -1,0 +1,356 @@
+#include "still/dpx_unpack.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <thread>
+
+#include "still/dpx_format.h"
+
+namespace vx::dpx {
+namespace {
+
+inline std::uint32_t Load32(const std::uint8_t* p, bool big) {
+  std::uint32_t v;
+  std::memcpy(&v, p, 4);
+  // The reader runs on little-endian machines only (x86 and x86-64).
+  return big ? __builtin_bswap32(v) : v;
+}
+inline std::uint16_t Load16(const std::uint8_t* p, bool big) {
+  std::uint16_t v;
+  std::memcpy(&v, p, 2);
+  return big ? __builtin_bswap16(v) : v;
+}
+
+std::uint32_t MaxCode(std::uint32_t bits) {
+  return (1u << bits) - 1;
+}
+
+// 16-bit and float images of every code value, per depth, built once.
+struct ScaleTables {
+  std::vector<std::uint16_t> to16[17];
+  std::vector<float> toFloat[17];
+  ScaleTables() {
+    for (std::uint32_t bits : {1u, 8u, 10u, 12u, 16u}) {
+      const std::uint32_t max = MaxCode(bits);
+      to16[bits].resize(max + 1);
+      toFloat[bits].resize(max + 1);
+      for (std::uint32_t v = 0; v <= max; ++v) {
+        to16[bits][v] = static_cast<std::uint16_t>((std::uint64_t{v} * 65535 + max / 2) / max);
+        toFloat[bits][v] = static_cast<float>(static_cast<double>(v) / max);
+      }
+    }
+  }
+};
+const ScaleTables& Tables() {
+  static const ScaleTables tables;
+  return tables;
+}
+
+// Samples of `bits` bits running through 32-bit words, lowest bits first.
+void UnpackBitStream(const std::uint8_t* src, bool big, std::uint32_t bits, std::size_t count,
+                     std::uint16_t* out) {
+  const std::uint32_t mask = MaxCode(bits);
+  const std::size_t words = (count * bits + 31) / 32;
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t bit = i * bits;
+    const std::size_t w = bit / 32;
+    const std::uint32_t shift = bit % 32;
+    std::uint64_t v = Load32(src + w * 4, big);
+    if (shift + bits > 32 && w + 1 < words) v |= std::uint64_t{Load32(src + w * 4 + 4, big)} << 32;
+    out[i] = static_cast<std::uint16_t>((v >> shift) & mask);
+  }
+}
+
+void Unpack10Filled(const std::uint8_t* src, bool big, bool methodA, std::size_t count,
+                    std::uint16_t* out) {
+  const std::uint32_t s0 = methodA ? 22 : 20, s1 = methodA ? 12 : 10, s2 = methodA ? 2 : 0;
+  const std::size_t whole = count / 3;
+  for (std::size_t i = 0; i < whole; ++i) {
+    const std::uint32_t w = Load32(src + i * 4, big);
+    out[3 * i] = static_cast<std::uint16_t>((w >> s0) & 0x3FF);
+    out[3 * i + 1] = static_cast<std::uint16_t>((w >> s1) & 0x3FF);
+    out[3 * i + 2] = static_cast<std::uint16_t>((w >> s2) & 0x3FF);
+  }
+  const std::size_t rest = count - whole * 3;
+  if (rest != 0) {
+    const std::uint32_t w = Load32(src + whole * 4, big);
+    out[3 * whole] = static_cast<std::uint16_t>((w >> s0) & 0x3FF);
+    if (rest > 1) out[3 * whole + 1] = static_cast<std::uint16_t>((w >> s1) & 0x3FF);
+  }
+}
+
+struct Scratch {
+  std::vector<std::uint16_t> codes;
+  std::vector<float> floats;
+};
+
+template <typename T>
+constexpr T FullScale() {
+  if constexpr (sizeof(T) == 2) {
+    return 65535;
+  } else {
+    return 1.0f;
+  }
+}
+
+template <typename S>
+void ReversePixels(S* samples, std::uint32_t width, std::uint32_t n) {
+  for (std::uint32_t a = 0, b = width ? width - 1 : 0; a < b; ++a, --b) {
+    for (std::uint32_t k = 0; k < n; ++k) std::swap(samples[a * n + k], samples[b * n + k]);
+  }
+}
+
+// Places the N components of each pixel into the C-channel row through a value map.
+template <int N, int C, typename S, typename T, typename Map>
+void Scatter(const S* src, T* dst, std::uint32_t width, const std::int8_t* channelOf, Map map) {
+  std::int8_t ch[N];
+  bool all = true;
+  for (int k = 0; k < N; ++k) {
+    ch[k] = channelOf[k];
+    all = all && ch[k] == k;
+  }
+  if (all && N <= C) {
+    // Straight order: the common case, kept free of per-sample branches.
+    for (std::uint32_t x = 0; x < width; ++x) {
+      for (int k = 0; k < N; ++k) dst[x * C + k] = map(src[x * N + k]);
+    }
+    return;
+  }
+  for (int k = 0; k < N; ++k) {
+    const int c = ch[k];
+    if (c < 0 || c >= C) continue;
+    for (std::uint32_t x = 0; x < width; ++x) dst[x * C + c] = map(src[x * N + k]);
+  }
+}
+
+template <int N, typename S, typename T, typename Map>
+void ScatterTo(const S* src, T* dst, std::uint32_t width, std::uint32_t channels,
+               const std::int8_t* channelOf, Map map) {
+  switch (channels) {
+    case 1:
+      Scatter<N, 1>(src, dst, width, channelOf, map);
+      break;
+    case 3:
+      Scatter<N, 3>(src, dst, width, channelOf, map);
+      break;
+    default:
+      Scatter<N, 4>(src, dst, width, channelOf, map);
+      break;
+  }
+}
+
+template <typename S, typename T, typename Map>
+void ScatterAny(const S* src, T* dst, std::uint32_t width, std::uint32_t n, std::uint32_t channels,
+                const std::int8_t* channelOf, Map map) {
+  switch (n) {
+    case 1:
+      ScatterTo<1>(src, dst, width, channels, channelOf, map);
+      break;
+    case 3:
+      ScatterTo<3>(src, dst, width, channels, channelOf, map);
+      break;
+    default:
+      ScatterTo<4>(src, dst, width, channels, channelOf, map);
+      break;
+  }
+}
+
+template <typename T>
+void DecodeRow(const DpxElementJob& job, const std::uint8_t* src, T* dst, std::uint32_t width,
+               std::uint32_t channels, bool flipX, Scratch& s) {
+  const DpxSampleLayout& l = job.layout;
+  const std::uint32_t n = l.components;
+  const std::size_t count = std::size_t{width} * n;
+  if (l.bits == 32) {
+    s.floats.resize(count);
+    UnpackFloats(src, l.bigEndian, count, s.floats.data());
+    if (flipX) ReversePixels(s.floats.data(), width, n);
+    if constexpr (sizeof(T) == 2) {
+      ScatterAny(s.floats.data(), dst, width, n, channels, job.channelOf, [](float v) {
+        const float c = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;  // NaN lands on 0
+        return static_cast<std::uint16_t>(c * 65535.0f + 0.5f);
+      });
+    } else {
+      ScatterAny(s.floats.data(), dst, width, n, channels, job.channelOf,
+                 [](float v) { return v; });
+    }
+  } else {
+    s.codes.resize(count);
+    UnpackCodes(src, l, count, s.codes.data());
+    if (flipX) ReversePixels(s.codes.data(), width, n);
+    if constexpr (sizeof(T) == 2) {
+      if (l.bits == 16) {
+        ScatterAny(s.codes.data(), dst, width, n, channels, job.channelOf,
+                   [](std::uint16_t v) { return v; });
+      } else {
+        const std::uint16_t* lut = Tables().to16[l.bits].data();
+        ScatterAny(s.codes.data(), dst, width, n, channels, job.channelOf,
+                   [lut](std::uint16_t v) { return lut[v]; });
+      }
+    } else {
+      const float* lut = Tables().toFloat[l.bits].data();
+      ScatterAny(s.codes.data(), dst, width, n, channels, job.channelOf,
+                 [lut](std::uint16_t v) { return lut[v]; });
+    }
+  }
+  if (job.replicateLuma && channels >= 3) {
+    for (std::uint32_t x = 0; x < width; ++x) {
+      dst[x * channels + 1] = dst[x * channels];
+      dst[x * channels + 2] = dst[x * channels];
+    }
+  }
+}
+
+template <typename T>
+void DecodeRange(const DpxElementJob* jobs, int jobCount, const DpxTarget& t, bool flipX,
+                 bool flipY, int fillChannel, std::uint32_t rowBegin, std::uint32_t rowEnd) {
+  Scratch scratch;
+  for (std::uint32_t y = rowBegin; y < rowEnd; ++y) {
+    T* dst = reinterpret_cast<T*>(t.pixels + static_cast<std::ptrdiff_t>(y) * t.rowStride);
+    const std::uint32_t stored = flipY ? t.height - 1 - y : y;
+    for (int j = 0; j < jobCount; ++j) {
+      const std::uint8_t* src = jobs[j].data + stored * jobs[j].rowStride;
+      DecodeRow(jobs[j], src, dst, t.width, t.channels, flipX, scratch);
+    }
+    if (fillChannel >= 0) {
+      for (std::uint32_t x = 0; x < t.width; ++x)
+        dst[x * t.channels + fillChannel] = FullScale<T>();
+    }
+  }
+}
+
+}  // namespace
+
+std::uint64_t DpxSampleBytes(const DpxSampleLayout& l, std::uint64_t samples) {
+  switch (l.bits) {
+    case 1:
+      return (samples + 7) / 8;
+    case 8:
+      return samples;
+    case 10:
+      return l.packing == kPackPacked ? (samples * 10 + 31) / 32 * 4 : (samples + 2) / 3 * 4;
+    case 12:
+      return l.packing == kPackPacked ? (samples * 12 + 31) / 32 * 4 : samples * 2;
+    case 16:
+      return samples * 2;
+    default:
+      return samples * 4;
+  }
+}
+
+void UnpackCodes(const std::uint8_t* src, const DpxSampleLayout& l, std::size_t count,
+                 std::uint16_t* out) {
+  switch (l.bits) {
+    case 1:
+      for (std::size_t i = 0; i < count; ++i) out[i] = (src[i >> 3] >> (i & 7)) & 1;
+      break;
+    case 8:
+      for (std::size_t i = 0; i < count; ++i) out[i] = src[i];
+      break;
+    case 10:
+      if (l.packing == kPackPacked) {
+        UnpackBitStream(src, l.bigEndian, 10, count, out);
+      } else {
+        Unpack10Filled(src, l.bigEndian, l.packing == kPackFillA, count, out);
+      }
+      break;
+    case 12:
+      if (l.packing == kPackPacked) {
+        UnpackBitStream(src, l.bigEndian, 12, count, out);
+      } else {
+        const bool methodA = l.packing == kPackFillA;
+        for (std::size_t i = 0; i < count; ++i) {
+          const std::uint16_t v = Load16(src + 2 * i, l.bigEndian);
+          out[i] = methodA ? static_cast<std::uint16_t>(v >> 4) : (v & 0xFFF);
+        }
+      }
+      break;
+    default:  // 16
+      for (std::size_t i = 0; i < count; ++i) out[i] = Load16(src + 2 * i, l.bigEndian);
+      break;
+  }
+}
+
+void UnpackFloats(const std::uint8_t* src, bool big, std::size_t count, float* out) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint32_t u = Load32(src + 4 * i, big);
+    std::memcpy(out + i, &u, 4);
+  }
+}
+
+std::uint16_t CodeTo16(std::uint32_t code, std::uint32_t bits) {
+  const auto& t = Tables().to16[bits];
+  return code < t.size() ? t[code] : 65535;
+}
+
+float CodeToFloat(std::uint32_t code, std::uint32_t bits) {
+  const auto& t = Tables().toFloat[bits];
+  return code < t.size() ? t[code] : 1.0f;
+}
+
+bool DpxJobFits(const DpxElementJob& job, std::uint32_t width, std::uint32_t height) {
+  if (width == 0 || height == 0) return true;
+  if (job.data == nullptr) return false;
+  const std::uint64_t line =
+      DpxSampleBytes(job.layout, std::uint64_t{width} * job.layout.components);
+  if (line > job.size) return false;
+  const std::uint64_t more = height - 1;
+  if (more == 0) return true;
+  if (job.rowStride == 0) return true;
+  if (more > (job.size - line) / job.rowStride) return false;
+  return true;
+}
+
+bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
+               std::uint32_t orientation, int fillChannel, int threads) {
+  if (t.pixels == nullptr || !(t.channels == 1 || t.channels == 3 || t.channels == 4)) return false;
+  const std::uint64_t sampleSize = t.isFloat ? 4 : 2;
+  if (static_cast<std::uint64_t>(t.rowStride < 0 ? -t.rowStride : t.rowStride) <
+      sampleSize * t.channels * t.width) {
+    return false;
+  }
+  for (int j = 0; j < jobCount; ++j) {
+    const DpxSampleLayout& l = jobs[j].layout;
+    const bool depthOk =
+        l.bits == 1 || l.bits == 8 || l.bits == 10 || l.bits == 12 || l.bits == 16 || l.bits == 32;
+    if (!depthOk || !(l.components == 1 || l.components == 3 || l.components == 4) ||
+        !DpxJobFits(jobs[j], t.width, t.height)) {
+      return false;
+    }
+  }
+  if (fillChannel >= static_cast<int>(t.channels)) fillChannel = -1;
+  const bool flipX = orientation == 1 || orientation == 3;
+  const bool flipY = orientation == 2 || orientation == 3;
+  auto run = [&](std::uint32_t begin, std::uint32_t end) {
+    if (t.isFloat) {
+      DecodeRange<float>(jobs, jobCount, t, flipX, flipY, fillChannel, begin, end);
+    } else {
+      DecodeRange<std::uint16_t>(jobs, jobCount, t, flipX, flipY, fillChannel, begin, end);
+    }
+  };
+  // Small pictures are not worth a thread.
+  const std::uint64_t pixels = std::uint64_t{t.width} * t.height;
+  if (threads < 2 || pixels < (1u << 16) || t.height < 2) {
+    run(0, t.height);
+    return true;
+  }
+  const std::uint32_t parts =
+      static_cast<std::uint32_t>(std::min<std::uint64_t>(threads, t.height));
+  std::vector<std::thread> pool;
+  pool.reserve(parts - 1);
+  for (std::uint32_t p = 1; p < parts; ++p) {
+    const std::uint32_t begin = static_cast<std::uint32_t>(std::uint64_t{t.height} * p / parts);
+    const std::uint32_t end = static_cast<std::uint32_t>(std::uint64_t{t.height} * (p + 1) / parts);
+    try {
+      pool.emplace_back(run, begin, end);
+    } catch (...) {
+      run(begin, end);  // no thread to be had: do the share here
+    }
+  }
+  run(0, static_cast<std::uint32_t>(t.height / parts));
+  for (auto& th : pool) th.join();
+  return true;
+}
+
+}  // namespace vx::dpx
