@@ -90,7 +90,11 @@ VxString FromUtf8(std::string_view text) {
       continue;
     }
     i += 1 + extra;
-    if (c >= 0x10000 && c <= 0x10FFFF) {
+    // Overlong forms would let e.g. "/" or NUL hide in a longer encoding.
+    static constexpr std::uint32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
+    if (c < kMinimum[extra]) {
+      out += static_cast<VxChar>(0xFFFD);
+    } else if (c >= 0x10000 && c <= 0x10FFFF) {
       c -= 0x10000;
       out += static_cast<VxChar>(0xD800 + (c >> 10));
       out += static_cast<VxChar>(0xDC00 + (c & 0x3FF));

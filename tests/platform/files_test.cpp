@@ -1,0 +1,160 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "platform_test_util.h"
+
+using namespace vx::os;
+using vxtest::TempDir;
+using vxtest::Wide;
+
+namespace {
+
+// Closes on scope exit so a failed assertion does not leak the descriptor.
+struct File {
+  FileHandle h;
+  explicit File(FileHandle f) : h(f) {}
+  ~File() { Close(h); }
+};
+
+TEST(Files, HandlesAreNeverStandardDescriptors) {
+  TempDir dir;
+  vxtest::WriteFile(dir / "a", {1, 2, 3});
+  File f(OpenRead(Wide(dir / "a").c_str()));
+  ASSERT_NE(f.h, kNoFile);
+  EXPECT_GE(f.h, 3);
+  EXPECT_EQ(OpenRead(Wide(dir / "missing").c_str()), kNoFile);
+  EXPECT_EQ(OpenReadWrite(Wide(dir / "missing").c_str()), kNoFile);
+  EXPECT_EQ(OpenRead(VXT("")), kNoFile);
+  EXPECT_EQ(OpenRead(nullptr), kNoFile);
+  // A directory is not a file to read, even though POSIX lets one open it.
+  EXPECT_EQ(OpenRead(Wide(dir.path()).c_str()), kNoFile);
+}
+
+TEST(Files, PositionedTransfersBeyondFourGiBInSparseFile) {
+  TempDir dir;
+  File f(Create(Wide(dir / "big").c_str()));
+  ASSERT_NE(f.h, kNoFile);
+  const std::uint64_t far = (5ull << 30) + 123;  // above 32 bits: catches truncated offsets
+  const char tail[] = "tail-bytes";
+  std::uint32_t done = 0;
+  ASSERT_TRUE(WriteAt(f.h, far, tail, sizeof tail, &done));
+  EXPECT_EQ(done, sizeof tail);
+  ASSERT_TRUE(WriteAt(f.h, 1ull << 32, "X", 1, &done));
+  std::uint64_t size = 0;
+  ASSERT_TRUE(Size(f.h, &size));
+  EXPECT_EQ(size, far + sizeof tail);
+
+  char back[sizeof tail] = {};
+  ASSERT_TRUE(ReadAt(f.h, far, back, sizeof back, &done));
+  EXPECT_EQ(done, sizeof back);
+  EXPECT_STREQ(back, tail);
+  char x[3] = {'?', '?', '?'};
+  ASSERT_TRUE(ReadAt(f.h, (1ull << 32) - 1, x, 3, &done));
+  EXPECT_EQ(done, 3u);
+  EXPECT_EQ(x[0], 0);  // hole
+  EXPECT_EQ(x[1], 'X');
+  EXPECT_EQ(x[2], 0);
+  // The low 32 bits of the far offset alone must hold nothing.
+  ASSERT_TRUE(ReadAt(f.h, far & 0xFFFFFFFFu, back, 4, &done));
+  EXPECT_EQ(std::memcmp(back, "\0\0\0\0", 4), 0);
+}
+
+TEST(Files, ShortReadAtEndReportsWhatWasRead) {
+  TempDir dir;
+  vxtest::WriteFile(dir / "f", {10, 11, 12, 13, 14});
+  File f(OpenRead(Wide(dir / "f").c_str()));
+  ASSERT_NE(f.h, kNoFile);
+  std::uint8_t buf[16] = {};
+  std::uint32_t done = 99;
+  ASSERT_TRUE(ReadAt(f.h, 3, buf, sizeof buf, &done));
+  EXPECT_EQ(done, 2u);
+  EXPECT_EQ(buf[0], 13);
+  EXPECT_EQ(buf[1], 14);
+  ASSERT_TRUE(ReadAt(f.h, 5, buf, 4, &done));
+  EXPECT_EQ(done, 0u);
+  ASSERT_TRUE(ReadAt(f.h, 1ull << 40, buf, 4, &done));
+  EXPECT_EQ(done, 0u);
+  // Writing through a read-only handle is an OS error, not a short transfer.
+  EXPECT_FALSE(WriteAt(f.h, 0, buf, 1, &done));
+  EXPECT_EQ(done, 0u);
+  EXPECT_FALSE(ReadAt(kNoFile, 0, buf, 1, &done));
+}
+
+TEST(Files, CreateTruncatesAndReadWriteKeeps) {
+  TempDir dir;
+  vxtest::WriteFile(dir / "f", std::vector<std::uint8_t>(100, 7));
+  {
+    File f(OpenReadWrite(Wide(dir / "f").c_str()));
+    ASSERT_NE(f.h, kNoFile);
+    std::uint32_t done = 0;
+    ASSERT_TRUE(WriteAt(f.h, 10, "ab", 2, &done));
+    ASSERT_TRUE(Truncate(f.h, 50));
+  }
+  auto bytes = vxtest::ReadFile(dir / "f");
+  ASSERT_EQ(bytes.size(), 50u);
+  EXPECT_EQ(bytes[9], 7);
+  EXPECT_EQ(bytes[10], 'a');
+  EXPECT_EQ(bytes[12], 7);
+  {
+    File f(Create(Wide(dir / "f").c_str()));
+    ASSERT_NE(f.h, kNoFile);
+    std::uint64_t size = 1;
+    ASSERT_TRUE(Size(f.h, &size));
+    EXPECT_EQ(size, 0u);
+  }
+}
+
+TEST(Files, PathQueriesRemoveAndReplace) {
+  TempDir dir;
+  vxtest::WriteFile(dir / "a", {1});
+  vxtest::WriteFile(dir / "b", {2, 2});
+  EXPECT_TRUE(IsFile(Wide(dir / "a").c_str()));
+  EXPECT_FALSE(IsFile(Wide(dir.path()).c_str()));
+  EXPECT_TRUE(IsDirectory(Wide(dir.path()).c_str()));
+  EXPECT_FALSE(IsDirectory(Wide(dir / "a").c_str()));
+  EXPECT_FALSE(IsFile(Wide(dir / "none").c_str()));
+  EXPECT_FALSE(IsDirectory(Wide(dir / "none").c_str()));
+
+  ASSERT_TRUE(Replace(Wide(dir / "b").c_str(), Wide(dir / "a").c_str()));
+  EXPECT_FALSE(IsFile(Wide(dir / "b").c_str()));
+  EXPECT_EQ(vxtest::ReadFile(dir / "a"), (std::vector<std::uint8_t>{2, 2}));
+  EXPECT_TRUE(Remove(Wide(dir / "a").c_str()));
+  EXPECT_FALSE(Remove(Wide(dir / "a").c_str()));
+}
+
+TEST(Files, NonAsciiNamesRoundTrip) {
+  TempDir dir;
+  const VxString name = Wide(dir.path()) + VXT("/\u00e9t\u00e9-\u6f22\U0001F600.dpx");
+  {
+    File f(Create(name.c_str()));
+    ASSERT_NE(f.h, kNoFile);
+  }
+  EXPECT_TRUE(IsFile(name.c_str()));
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "\u00e9t\u00e9-\u6f22\U0001F600.dpx"));
+}
+
+TEST(Files, TwoHandlesOfOneProcessExcludeEachOther) {
+  TempDir dir;
+  vxtest::WriteFile(dir / "l", {0});
+  File a(OpenReadWrite(Wide(dir / "l").c_str()));
+  File b(OpenReadWrite(Wide(dir / "l").c_str()));
+  ASSERT_TRUE(LockFile(a.h));
+  std::atomic<bool> got{false};
+  std::thread t([&] {
+    LockFile(b.h);
+    got = true;
+    UnlockFile(b.h);
+  });
+  SleepMs(100);
+  EXPECT_FALSE(got.load());
+  UnlockFile(a.h);
+  t.join();
+  EXPECT_TRUE(got.load());
+}
+
+}  // namespace

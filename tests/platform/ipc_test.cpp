@@ -1,0 +1,364 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform_test_util.h"
+
+using namespace vx::os;
+using vxtest::U;
+using vxtest::UniqueName;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long long MsSince(Clock::time_point t0) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+}
+
+double CpuMs(std::clock_t c0) {
+  return 1000.0 * static_cast<double>(std::clock() - c0) / CLOCKS_PER_SEC;
+}
+
+ProcessHandle LaunchChild(const std::string& args) {
+  return LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("vx_platform_child"),
+                       U(args).c_str());
+}
+
+// Waits for the child and hands back its exit code; -1 if it would not end.
+int Finish(ProcessHandle p) {
+  int code = -1;
+  if (WaitProcess(p, 20000) != Wait::Signaled) TerminateProcess(p, -1);
+  WaitProcess(p, 5000);
+  ProcessExitCode(p, &code);
+  CloseProcess(p);
+  return code;
+}
+
+// ---- Shared memory ------------------------------------------------------------------------
+
+TEST(SharedMemory, CreateThenOpenSeeTheSameBytes) {
+  const std::string name = UniqueName("shm");
+  SharedMemory a, b;
+  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 100, &a));
+  EXPECT_TRUE(a.owner);
+  EXPECT_EQ(a.size, RoundToPage(100));
+  EXPECT_EQ(a.size % PageSize(), 0u);
+  // Fresh mappings are zero-filled.
+  EXPECT_EQ(static_cast<unsigned char*>(a.view)[a.size - 1], 0);
+  ASSERT_TRUE(OpenSharedMemory(U(name).c_str(), 100, &b));
+  EXPECT_FALSE(b.owner);
+  EXPECT_NE(a.view, b.view);
+  std::memcpy(a.view, "hello", 6);
+  EXPECT_STREQ(static_cast<char*>(b.view), "hello");
+
+  SharedMemory c;  // Create on an existing name joins it and does not own it
+  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 100, &c));
+  EXPECT_FALSE(c.owner);
+  EXPECT_STREQ(static_cast<char*>(c.view), "hello");
+  CloseSharedMemory(&c);
+  CloseSharedMemory(&b);
+  EXPECT_EQ(b.view, nullptr);
+
+  CloseSharedMemory(&a);  // the creator takes the name with it
+  SharedMemory d;
+  EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), 100, &d));
+}
+
+TEST(SharedMemory, RejectsAbsentOversizedAndBadNames) {
+  SharedMemory m;
+  EXPECT_FALSE(OpenSharedMemory(U(UniqueName("absent")).c_str(), 10, &m));
+  EXPECT_FALSE(CreateSharedMemory(VXT(""), 10, &m));
+  EXPECT_FALSE(CreateSharedMemory(U(UniqueName("zero")).c_str(), 0, &m));
+
+  const std::string name = UniqueName("small");
+  SharedMemory a, b;
+  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 10, &a));
+  EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), a.size + 1, &b));
+  CloseSharedMemory(&a);
+}
+
+TEST(SharedMemory, NamesWithSlashesAndSimilarSpellingsStayApart) {
+  const std::string base = UniqueName("n");
+  SharedMemory a, b;
+  ASSERT_TRUE(CreateSharedMemory(U(base + "/x y").c_str(), 8, &a));
+  ASSERT_TRUE(CreateSharedMemory(U(base + "_x_y").c_str(), 8, &b));
+  EXPECT_TRUE(b.owner);  // a different object, not the first one reopened
+  CloseSharedMemory(&a);
+  CloseSharedMemory(&b);
+}
+
+// ---- Events within one process -------------------------------------------------------------
+
+TEST(Events, AutoResetTakesOneSetPerWait) {
+  const std::string name = UniqueName("ev");
+  EventHandle e = CreateEvent(U(name).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(WaitEvent(e, 0), Wait::Timeout);
+  ASSERT_TRUE(SetEvent(e));
+  ASSERT_TRUE(SetEvent(e));  // sets do not count up
+  EXPECT_EQ(WaitEvent(e, 0), Wait::Signaled);
+  EXPECT_EQ(WaitEvent(e, 0), Wait::Timeout);
+  SetEvent(e);
+  ResetEvent(e);
+  EXPECT_EQ(WaitEvent(e, 0), Wait::Timeout);
+  CloseEvent(e);
+}
+
+TEST(Events, InitialStateAndOpeningByName) {
+  const std::string name = UniqueName("ev");
+  EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);
+  EventHandle a = CreateEvent(U(name).c_str(), true);
+  ASSERT_NE(a, nullptr);
+  EventHandle b = OpenEvent(U(name).c_str());
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(WaitEvent(b, 0), Wait::Signaled);  // the other handle sees the initial set
+  EXPECT_EQ(WaitEvent(a, 0), Wait::Timeout);
+  // Creating an existing event opens it; its state is not reset by the initial flag.
+  EventHandle c = CreateEvent(U(name).c_str(), true);
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(WaitEvent(a, 0), Wait::Timeout);
+  SetEvent(c);
+  EXPECT_EQ(WaitEvent(a, 0), Wait::Signaled);
+  CloseEvent(a);  // the first handle going does not take the name while others hold it
+  EventHandle d = OpenEvent(U(name).c_str());
+  EXPECT_NE(d, nullptr);
+  CloseEvent(b);
+  CloseEvent(c);
+  CloseEvent(d);
+  EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);  // the last handle removed it
+}
+
+TEST(Events, OneSetReleasesExactlyOneOfTwoWaiters) {
+  const std::string name = UniqueName("ev");
+  EventHandle e = CreateEvent(U(name).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  std::atomic<int> signalled{0}, timedOut{0};
+  auto waiter = [&] {
+    const Wait w = WaitEvent(e, 600);
+    if (w == Wait::Signaled) ++signalled;
+    if (w == Wait::Timeout) ++timedOut;
+  };
+  std::thread t1(waiter), t2(waiter);
+  SleepMs(100);
+  SetEvent(e);
+  t1.join();
+  t2.join();
+  EXPECT_EQ(signalled.load(), 1);
+  EXPECT_EQ(timedOut.load(), 1);
+  CloseEvent(e);
+}
+
+TEST(Events, SetWakesABlockedWaiterPromptly) {
+  EventHandle e = CreateEvent(U(UniqueName("ev")).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  const auto t0 = Clock::now();
+  std::thread setter([&] {
+    SleepMs(50);
+    SetEvent(e);
+  });
+  EXPECT_EQ(WaitEvent(e, kInfinite), Wait::Signaled);
+  EXPECT_LT(MsSince(t0), 1000);
+  setter.join();
+  CloseEvent(e);
+}
+
+TEST(Events, TimeoutIsHonouredAndSleepsInTheKernel) {
+  EventHandle e = CreateEvent(U(UniqueName("ev")).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  const auto t0 = Clock::now();
+  const std::clock_t c0 = std::clock();
+  EXPECT_EQ(WaitEvent(e, 200), Wait::Timeout);
+  const double cpu = CpuMs(c0);
+  const long long wall = MsSince(t0);
+  EXPECT_GE(wall, 195);
+  EXPECT_LT(wall, 1500);
+  EXPECT_LT(cpu, 50.0);
+  CloseEvent(e);
+}
+
+TEST(Events, NullHandlesFail) {
+  EXPECT_EQ(WaitEvent(nullptr, 0), Wait::Failed);
+  EXPECT_FALSE(SetEvent(nullptr));
+  EXPECT_FALSE(ResetEvent(nullptr));
+  CloseEvent(nullptr);
+  EXPECT_EQ(CreateEvent(VXT(""), false), nullptr);
+}
+
+// ---- Processes ----------------------------------------------------------------------------
+
+TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
+  ProcessHandle p = LaunchChild("exit 7 150");
+  ASSERT_NE(p, nullptr);
+  EXPECT_NE(ProcessIdOf(p), 0u);
+  EXPECT_NE(ProcessIdOf(p), CurrentProcessId());
+  int code = -1;
+  EXPECT_FALSE(ProcessExitCode(p, &code));
+  EXPECT_EQ(WaitProcess(p, 10), Wait::Timeout);
+  EXPECT_EQ(WaitProcess(p, 10000), Wait::Signaled);
+  ASSERT_TRUE(ProcessExitCode(p, &code));
+  EXPECT_EQ(code, 7);
+  EXPECT_EQ(WaitProcess(p, 0), Wait::Signaled);  // stays signalled
+  CloseProcess(p);
+}
+
+TEST(Processes, TerminateReportsTheGivenCode) {
+  ProcessHandle p = LaunchChild("sleep 30000");
+  ASSERT_NE(p, nullptr);
+  const auto t0 = Clock::now();
+  ASSERT_TRUE(TerminateProcess(p, 3));
+  EXPECT_EQ(WaitProcess(p, 5000), Wait::Signaled);
+  EXPECT_LT(MsSince(t0), 5000);
+  int code = -1;
+  ASSERT_TRUE(ProcessExitCode(p, &code));
+  EXPECT_EQ(code, 3);
+  EXPECT_FALSE(TerminateProcess(p, 4));  // already gone
+  CloseProcess(p);
+}
+
+TEST(Processes, WaitingForAProcessDoesNotBurnCpu) {
+  ProcessHandle p = LaunchChild("sleep 5000");
+  ASSERT_NE(p, nullptr);
+  const auto t0 = Clock::now();
+  const std::clock_t c0 = std::clock();
+  EXPECT_EQ(WaitProcess(p, 200), Wait::Timeout);
+  const double cpu = CpuMs(c0);
+  EXPECT_GE(MsSince(t0), 195);
+  EXPECT_LT(MsSince(t0), 1500);
+  EXPECT_LT(cpu, 50.0);
+  TerminateProcess(p, 0);
+  Finish(p);
+}
+
+TEST(Processes, MissingProgramFailsToLaunch) {
+  EXPECT_EQ(
+      LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("no-such-program"), VXT("")),
+      nullptr);
+  EXPECT_EQ(LaunchProcess(VXT("/nonexistent-folder"), VXT("vx_platform_child"), VXT("")), nullptr);
+}
+
+TEST(Processes, ArgumentsAreSplitLikeAShellAndFolderIsTheWorkingDirectory) {
+  vxtest::TempDir dir;
+  std::filesystem::copy_file(vxtest::ChildDir() / "vx_platform_child", dir / "vx_platform_child");
+  ProcessHandle p = LaunchProcess(vxtest::Wide(dir.path()).c_str(), VXT("vx_platform_child"),
+                                  VXT("args  one \"two words\" \"\" th\"re\"e \u00e9"));
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(Finish(p), 0);
+  std::ifstream in(dir / "args.txt");
+  std::string all((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_EQ(all, "one\ntwo words\n\nthree\n\xC3\xA9\n");
+}
+
+TEST(Processes, StandardInputIsEmpty) {
+  ProcessHandle p = LaunchChild("stdin");
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(Finish(p), 0);
+}
+
+TEST(Processes, OwnExecutablePath) {
+  const std::filesystem::path exe = vx::ToUtf8(ExecutablePath());
+  EXPECT_TRUE(exe.is_absolute());
+  EXPECT_EQ(exe.filename(), "vx_tests_platform");
+}
+
+// ---- Between two processes ----------------------------------------------------------------
+
+TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
+  const std::string prefix = UniqueName("pp");
+  SharedMemory shm;
+  ASSERT_TRUE(CreateSharedMemory(U(prefix + "_map").c_str(), 8, &shm));
+  EventHandle request = CreateEvent(U(prefix + "_req").c_str(), false);
+  EventHandle reply = CreateEvent(U(prefix + "_rep").c_str(), false);
+  ASSERT_NE(request, nullptr);
+  ASSERT_NE(reply, nullptr);
+  constexpr int kRounds = 300;
+  ProcessHandle p = LaunchChild("pingpong " + prefix + " " + std::to_string(kRounds));
+  ASSERT_NE(p, nullptr);
+  auto* words = static_cast<volatile std::uint32_t*>(shm.view);
+  int good = 0;
+  for (int i = 0; i < kRounds; ++i) {
+    const std::uint32_t v = 0x10000u * static_cast<std::uint32_t>(i) + 17u;
+    words[0] = v;
+    SetEvent(request);
+    const Wait w = WaitEventOrProcess(reply, p, 10000);
+    if (w != Wait::Signaled) {
+      ADD_FAILURE() << "round " << i << " got no reply";
+      break;
+    }
+    if (words[1] == v * 2 + 1) ++good;
+  }
+  EXPECT_EQ(good, kRounds);
+  EXPECT_EQ(Finish(p), 0);
+  CloseEvent(request);
+  CloseEvent(reply);
+  CloseSharedMemory(&shm);
+}
+
+TEST(CrossProcess, ChildExitEndsTheWait) {
+  EventHandle e = CreateEvent(U(UniqueName("ev")).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  ProcessHandle p = LaunchChild("exit 0 100");
+  ASSERT_NE(p, nullptr);
+  const auto t0 = Clock::now();
+  EXPECT_EQ(WaitEventOrProcess(e, p, kInfinite), Wait::ProcessExited);
+  EXPECT_LT(MsSince(t0), 5000);
+  Finish(p);
+  CloseEvent(e);
+}
+
+TEST(CrossProcess, EventSetBeforeExitWins) {
+  const std::string name = UniqueName("ev");
+  EventHandle e = CreateEvent(U(name).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  ProcessHandle p = LaunchChild("signal-exit " + name + " 5");
+  ASSERT_NE(p, nullptr);
+  ASSERT_EQ(WaitProcess(p, 10000), Wait::Signaled);
+  EXPECT_EQ(WaitEventOrProcess(e, p, 1000), Wait::Signaled);
+  EXPECT_EQ(WaitEventOrProcess(e, p, 1000), Wait::ProcessExited);
+  EXPECT_EQ(Finish(p), 5);
+  CloseEvent(e);
+}
+
+TEST(CrossProcess, EventOrProcessTimeoutSleeps) {
+  EventHandle e = CreateEvent(U(UniqueName("ev")).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  ProcessHandle p = LaunchChild("sleep 5000");
+  ASSERT_NE(p, nullptr);
+  const auto t0 = Clock::now();
+  const std::clock_t c0 = std::clock();
+  EXPECT_EQ(WaitEventOrProcess(e, p, 200), Wait::Timeout);
+  const double cpu = CpuMs(c0);
+  EXPECT_GE(MsSince(t0), 195);
+  EXPECT_LT(MsSince(t0), 1500);
+  EXPECT_LT(cpu, 50.0);
+  TerminateProcess(p, 0);
+  Finish(p);
+  CloseEvent(e);
+}
+
+TEST(CrossProcess, FileLockExcludesAnotherProcess) {
+  vxtest::TempDir dir;
+  vxtest::WriteFile(dir / "lock", {0});
+  const std::string name = UniqueName("locked");
+  EventHandle locked = CreateEvent(U(name).c_str(), false);
+  ASSERT_NE(locked, nullptr);
+  ProcessHandle p = LaunchChild("lock " + (dir / "lock").string() + " " + name + " 300");
+  ASSERT_NE(p, nullptr);
+  ASSERT_EQ(WaitEventOrProcess(locked, p, 10000), Wait::Signaled);
+  FileHandle f = OpenReadWrite(vxtest::Wide(dir / "lock").c_str());
+  ASSERT_NE(f, kNoFile);
+  const auto t0 = Clock::now();
+  ASSERT_TRUE(LockFile(f));
+  EXPECT_GE(MsSince(t0), 150);  // had to wait for the child to let go
+  UnlockFile(f);
+  Close(f);
+  EXPECT_EQ(Finish(p), 0);
+  CloseEvent(locked);
+}
+
+}  // namespace
