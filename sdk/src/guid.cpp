@@ -3,10 +3,11 @@
 #include <string_view>
 
 #include "vx/com.h"
+#include "vx/sdk.h"
 
 namespace vx {
 
-std::string GuidToString(const GUID& g) {
+VXSDK_API std::string GuidToString(const GUID& g) {
   char buf[40];
   std::snprintf(buf, sizeof buf, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
                 static_cast<unsigned>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1],
@@ -14,7 +15,7 @@ std::string GuidToString(const GUID& g) {
   return buf;
 }
 
-bool GuidFromString(std::string_view text, GUID* out) {
+VXSDK_API bool GuidFromString(std::string_view text, GUID* out) {
   if (text.size() == 38) {
     if (text.front() != '{' || text.back() != '}') return false;
     text = text.substr(1, 36);
@@ -49,25 +50,42 @@ bool GuidFromString(std::string_view text, GUID* out) {
   return true;
 }
 
-std::string HresultText(HRESULT hr) {
+VXSDK_API std::string HresultText(HRESULT hr) {
   switch (static_cast<std::uint32_t>(hr)) {
-    case 0x00000000u: return "S_OK";
-    case 0x00000001u: return "S_FALSE: nothing to report";
-    case 0x80004001u: return "E_NOTIMPL: not supported";
-    case 0x80004002u: return "E_NOINTERFACE: interface not available";
-    case 0x80004003u: return "E_POINTER: null pointer";
-    case 0x80004004u: return "E_ABORT: aborted";
-    case 0x80004005u: return "E_FAIL: malformed file";
-    case 0x8000FFFFu: return "E_UNEXPECTED: unexpected call or value";
-    case 0x80070002u: return "ERROR_FILE_NOT_FOUND: file not found";
-    case 0x80070005u: return "E_ACCESSDENIED: access denied";
-    case 0x80070006u: return "E_HANDLE: invalid handle";
-    case 0x8007000Eu: return "E_OUTOFMEMORY: out of memory";
-    case 0x80070057u: return "E_INVALIDARG: invalid argument";
-    case 0x8007007Au: return "ERROR_INSUFFICIENT_BUFFER: buffer too small";
-    case 0x80040110u: return "CLASS_E_NOAGGREGATION: aggregation not supported";
-    case 0x80040111u: return "CLASS_E_CLASSNOTAVAILABLE: class not available";
-    default: break;
+    case 0x00000000u:
+      return "S_OK";
+    case 0x00000001u:
+      return "S_FALSE: nothing to report";
+    case 0x80004001u:
+      return "E_NOTIMPL: not supported";
+    case 0x80004002u:
+      return "E_NOINTERFACE: interface not available";
+    case 0x80004003u:
+      return "E_POINTER: null pointer";
+    case 0x80004004u:
+      return "E_ABORT: aborted";
+    case 0x80004005u:
+      return "E_FAIL: malformed file";
+    case 0x8000FFFFu:
+      return "E_UNEXPECTED: unexpected call or value";
+    case 0x80070002u:
+      return "ERROR_FILE_NOT_FOUND: file not found";
+    case 0x80070005u:
+      return "E_ACCESSDENIED: access denied";
+    case 0x80070006u:
+      return "E_HANDLE: invalid handle";
+    case 0x8007000Eu:
+      return "E_OUTOFMEMORY: out of memory";
+    case 0x80070057u:
+      return "E_INVALIDARG: invalid argument";
+    case 0x8007007Au:
+      return "ERROR_INSUFFICIENT_BUFFER: buffer too small";
+    case 0x80040110u:
+      return "CLASS_E_NOAGGREGATION: aggregation not supported";
+    case 0x80040111u:
+      return "CLASS_E_CLASSNOTAVAILABLE: class not available";
+    default:
+      break;
   }
   char buf[16];
   std::snprintf(buf, sizeof buf, "0x%08X", static_cast<unsigned>(hr));

@@ -144,8 +144,10 @@ VXSDK_API bool VxParseLTCInBCD(DWORD bcd, int* hours, int* minutes, int* seconds
 // Film edge code (key code) of a frame: manufacturer, film type, prefix, count and perf offset.
 class VXSDK_API EdgeCode {
  public:
-  // Text of the form "MM TT PPPPPP-CCCC+OO" (manufacturer, type, prefix, count, perf offset);
-  // fields may be shorter or missing. False (and invalid) when nothing usable is found.
+  // Text of the form "MM TT OO-PPPPPP+CCCC": manufacturer, film type, perf offset, prefix and
+  // count, separated by ' ', ' ', '-' and '+' (the order of a DPX film header). Fields may be
+  // shorter, blank-padded or missing; they must not contain their separator. False (and
+  // invalid) when neither manufacturer, type, prefix nor count is found.
   bool InitFromString(const char* text);
   // Perforation type: 0 unknown, 1 = 4-perf 35 mm, 3 = 3-perf, 4 = 2-perf, 5 = 8-perf 65 mm.
   void InitPos(int perfType);
