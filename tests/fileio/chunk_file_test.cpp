@@ -1,0 +1,497 @@
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "fileio/file_cache_manager.h"
+#include "fileio_test_util.h"
+
+using vx::fileio::CChunkFile;
+using vx::fileio::CProxyChunkFile;
+using vx::fileio::CReverseChunkFile;
+using vx::fileio::FourCC;
+using namespace fileio_test;
+
+namespace {
+
+// Every transfer test runs on direct and on cached I/O.
+class ChunkIo : public ::testing::TestWithParam<bool> {
+ protected:
+  bool cached() const { return GetParam(); }
+  vxtest::TempDir dir_;
+};
+
+INSTANTIATE_TEST_SUITE_P(DirectAndCached, ChunkIo, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Cached" : "Direct"; });
+
+TEST_P(ChunkIo, ValuesAcrossEndOfFileReadZeroAndKeepPosition) {
+  auto f = OpenWith<CChunkFile>(dir_ / "six.bin", Bytes({1, 2, 3, 4, 5, 6}), cached());
+  f->position = 4;
+  EXPECT_EQ(f->ReadLong(), 0u);
+  EXPECT_EQ(f->position, 4u);
+  EXPECT_EQ(f->ReadQuad(), 0u);
+  EXPECT_EQ(f->ReadDouble(), 0.0);
+  EXPECT_EQ(f->ReadFourCC(), 0x20202020u);
+  EXPECT_EQ(f->position, 4u);
+  EXPECT_EQ(f->ReadWord(), 0x0605);
+  EXPECT_EQ(f->position, 6u);
+  EXPECT_EQ(f->ReadByte(), 0);
+  EXPECT_EQ(f->position, 6u);
+
+  f->position = 0;
+  EXPECT_EQ(f->ReadExtended(), 0.0);  // 10 bytes wanted, 6 there
+  std::uint16_t words[4] = {9, 9, 9, 9};
+  EXPECT_EQ(f->ReadWords(words, 4), 0u);
+  std::uint32_t longs[2];
+  EXPECT_EQ(f->ReadLongs(longs, 2), 0u);
+  std::uint8_t triples[9];
+  EXPECT_EQ(f->ReadTriples(triples, 3), 0u);
+  EXPECT_EQ(f->position, 0u);
+  EXPECT_EQ(f->ReadTriples(triples, 2), 2u);
+  EXPECT_EQ(f->position, 6u);
+  EXPECT_EQ(f->ReadWords(words, 0), 0u);  // nothing asked, nothing done
+  EXPECT_EQ(f->position, 6u);
+}
+
+TEST_P(ChunkIo, RawReadAndWriteDoNotMoveThePosition) {
+  auto f = OpenWith<CChunkFile>(dir_ / "raw.bin", Bytes({1, 2, 3}), cached());
+  std::uint8_t buf[8] = {};
+  std::uint32_t done = 99;
+  EXPECT_TRUE(f->Read(buf, 8, &done));
+  EXPECT_EQ(done, 3u);  // short but not a failure
+  EXPECT_EQ(f->position, 0u);
+  f->position = 1;
+  EXPECT_TRUE(f->Write("\xAA\xBB", 2, &done));
+  EXPECT_EQ(done, 2u);
+  EXPECT_EQ(f->position, 1u);
+  EXPECT_EQ(f->ReadWord(), 0xBBAA);
+}
+
+TEST_P(ChunkIo, PositionCarriesIntoUpperWord) {
+  vx::os::FileHandle h = CreateFile(dir_ / "sparse.bin");
+  ASSERT_NE(h, vx::os::kNoFile);
+  {
+    CChunkFile f(h, cached());
+    f.position = 0xFFFFFFFEull;
+    ASSERT_TRUE(f.WriteLong(0x44332211u));
+    EXPECT_EQ(f.position, 0x100000002ull);
+    f.position = 0xFFFFFFFFull;
+    EXPECT_EQ(f.ReadByte(), 0x22);
+    EXPECT_EQ(f.position, 0x100000000ull);
+    f.position = 0xFFFFFFFEull;
+    EXPECT_EQ(f.ReadLong(), 0x44332211u);
+  }
+  auto h2 = OpenRW(dir_ / "sparse.bin");
+  std::uint8_t b[4] = {};
+  std::uint32_t done = 0;
+  ASSERT_TRUE(vx::os::ReadAt(h2, 0xFFFFFFFEull, b, 4, &done));
+  EXPECT_EQ(done, 4u);
+  EXPECT_EQ(b[0], 0x11);
+  EXPECT_EQ(b[3], 0x44);
+  vx::os::Close(h2);
+}
+
+TEST_P(ChunkIo, ReverseOrderOnEveryWidthAndCallerArraysUntouched) {
+  vx::os::FileHandle h = CreateFile(dir_ / "be.bin");
+  {
+    CReverseChunkFile f(h, cached());
+    EXPECT_TRUE(f.WriteWord(0x0102));
+    EXPECT_TRUE(f.WriteLong(0x03040506u));
+    EXPECT_TRUE(f.WriteQuad(0x0708090A0B0C0D0Eull));
+    EXPECT_TRUE(f.WriteDouble(1.0));  // 3F F0 00 ...
+    const std::uint16_t words[2] = {0x1112, 0x1314};
+    const std::uint8_t triples[6] = {0x21, 0x22, 0x23, 0x24, 0x25, 0x26};
+    const std::uint32_t longs[2] = {0x31323334u, 0x35363738u};
+    EXPECT_EQ(f.WriteWords(words, 2), 2u);
+    EXPECT_EQ(f.WriteTriples(triples, 2), 2u);
+    EXPECT_EQ(f.WriteLongs(longs, 2), 2u);
+    EXPECT_EQ(words[0], 0x1112);
+    EXPECT_EQ(triples[0], 0x21);
+    EXPECT_EQ(triples[2], 0x23);
+    EXPECT_EQ(longs[1], 0x35363738u);
+    EXPECT_TRUE(f.WriteByte(0x41));
+    EXPECT_TRUE(f.WriteFourCC(FourCC("FORM")));
+    EXPECT_EQ(f.position, 2u + 4 + 8 + 8 + 4 + 6 + 8 + 1 + 4);
+
+    f.position = 0;
+    EXPECT_EQ(f.ReadWord(), 0x0102);
+    EXPECT_EQ(f.ReadLong(), 0x03040506u);
+    EXPECT_EQ(f.ReadQuad(), 0x0708090A0B0C0D0Eull);
+    EXPECT_EQ(f.ReadDouble(), 1.0);
+    std::uint16_t w[2];
+    std::uint8_t t[6];
+    std::uint32_t l[2];
+    EXPECT_EQ(f.ReadWords(w, 2), 2u);
+    EXPECT_EQ(f.ReadTriples(t, 2), 2u);
+    EXPECT_EQ(f.ReadLongs(l, 2), 2u);
+    EXPECT_EQ(w[1], 0x1314);
+    EXPECT_EQ(std::vector<std::uint8_t>(t, t + 6), Bytes({0x21, 0x22, 0x23, 0x24, 0x25, 0x26}));
+    EXPECT_EQ(l[0], 0x31323334u);
+    EXPECT_EQ(f.ReadByte(), 0x41);
+    EXPECT_EQ(f.ReadFourCC(), FourCC("FORM"));
+  }
+  auto bytes = vxtest::ReadFile(dir_ / "be.bin");
+  ASSERT_GE(bytes.size(), 45u);
+  bytes.resize(45);
+  EXPECT_EQ(bytes, Bytes({0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C,
+                          0x0D, 0x0E, 0x3F, 0xF0, 0,    0,    0,    0,    0,    0,    0x11, 0x12,
+                          0x13, 0x14, 0x23, 0x22, 0x21, 0x26, 0x25, 0x24, 0x31, 0x32, 0x33, 0x34,
+                          0x35, 0x36, 0x37, 0x38, 0x41, 'F',  'O',  'R',  'M'}));
+}
+
+TEST_P(ChunkIo, MachineOrderOnEveryWidth) {
+  vx::os::FileHandle h = CreateFile(dir_ / "le.bin");
+  {
+    CChunkFile f(h, cached());
+    EXPECT_TRUE(f.WriteWord(0x0102));
+    EXPECT_TRUE(f.WriteLong(0x03040506u));
+    EXPECT_TRUE(f.WriteQuad(0x0708090A0B0C0D0Eull));
+    const std::uint8_t triples[3] = {0x21, 0x22, 0x23};
+    EXPECT_EQ(f.WriteTriples(triples, 1), 1u);
+    f.position = 0;
+    EXPECT_EQ(f.ReadWord(), 0x0102);
+    EXPECT_EQ(f.ReadLong(), 0x03040506u);
+    EXPECT_EQ(f.ReadQuad(), 0x0708090A0B0C0D0Eull);
+  }
+  auto bytes = vxtest::ReadFile(dir_ / "le.bin");
+  bytes.resize(17);
+  EXPECT_EQ(bytes, Bytes({0x02, 0x01, 0x06, 0x05, 0x04, 0x03, 0x0E, 0x0D, 0x0C, 0x0B, 0x0A, 0x09,
+                          0x08, 0x07, 0x21, 0x22, 0x23}));
+}
+
+TEST_P(ChunkIo, OddChunksArePaddedAndWalkedAsSiblings) {
+  vx::os::FileHandle h = CreateFile(dir_ / "riff.bin");
+  CChunkFile f(h, cached());
+  ASSERT_TRUE(f.CreateChunk(FourCC("RIFF")));
+  ASSERT_TRUE(f.WriteFourCC(FourCC("WAVE")));
+  ASSERT_TRUE(f.CreateChunk(FourCC("odd ")));
+  std::uint64_t dataStart = f.position;
+  for (int i = 0; i < 5; ++i) f.WriteByte(static_cast<std::uint8_t>(0xA0 + i));
+  EXPECT_EQ(f.CloseChunk(), 5u);
+  EXPECT_EQ(f.position, dataStart + 6);
+  ASSERT_TRUE(f.CreateChunk(FourCC("even")));
+  f.WriteWord(0x1234);
+  EXPECT_EQ(f.CloseChunk(), 2u);
+  EXPECT_EQ(f.CloseChunk(), 4u + 8 + 6 + 8 + 2);
+  EXPECT_EQ(f.Depth(), 0u);
+  std::uint64_t end = f.position;
+  EXPECT_EQ(end, 8u + 28);
+
+  f.position = 0;
+  std::vector<std::uint8_t> raw(end);
+  std::uint32_t done = 0;
+  ASSERT_TRUE(f.Read(raw.data(), static_cast<std::uint32_t>(end), &done));
+  ASSERT_EQ(done, end);
+  EXPECT_EQ(raw, Bytes({'R',  'I', 'F', 'F', 28,  0,   0, 0, 'W',  'A',  'V',  'E',
+                        'o',  'd', 'd', ' ', 5,   0,   0, 0, 0xA0, 0xA1, 0xA2, 0xA3,
+                        0xA4, 0,   'e', 'v', 'e', 'n', 2, 0, 0,    0,    0x34, 0x12}));
+
+  // Walk it back: the pad byte must be skipped to find the sibling.
+  std::uint32_t id = 0;
+  EXPECT_EQ(f.Descend(&id), 28u);
+  EXPECT_EQ(id, FourCC("RIFF"));
+  EXPECT_EQ(f.ReadFourCC(), FourCC("WAVE"));
+  EXPECT_EQ(f.Descend(&id), 5u);
+  EXPECT_EQ(id, FourCC("odd "));
+  f.Ascend();
+  EXPECT_EQ(f.position, 26u);
+  EXPECT_EQ(f.Descend(&id), 2u);
+  EXPECT_EQ(id, FourCC("even"));
+  EXPECT_EQ(f.ReadWord(), 0x1234);
+  f.Ascend();
+  EXPECT_EQ(f.Descend(&id), 0u);  // end of file stops the walk
+  EXPECT_EQ(id, 0x20202020u);
+  f.Ascend();
+  f.Ascend();
+  EXPECT_EQ(f.position, 36u);  // the RIFF chunk's end
+  f.Ascend();
+  EXPECT_EQ(f.position, 0u);  // empty stack
+}
+
+}  // namespace
+
+// ---- Chunk stack ---------------------------------------------------------------------------
+
+TEST(ChunkStack, DescendOnOddSizePushesPaddedEnd) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CChunkFile>(dir / "c.bin", Bytes({'d', 'a', 't', 'a', 7, 0, 0, 0}), false);
+  std::uint32_t id;
+  EXPECT_EQ(f->Descend(&id), 7u);
+  EXPECT_EQ(f->position, 8u);
+  EXPECT_EQ(f->PopEnd(), 16u);
+  EXPECT_EQ(f->PopEnd(), 0u);
+}
+
+TEST(ChunkStack, ReverseSizesAreBigEndian) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CReverseChunkFile>(
+      dir / "f.bin", Bytes({'F', 'O', 'R', 'M', 0, 0, 0, 5, 'A', 'I', 'F', 'F', 1}), false);
+  std::uint32_t id;
+  EXPECT_EQ(f->Descend(&id), 5u);
+  EXPECT_EQ(id, FourCC("FORM"));  // identifiers are never reversed
+  f->Ascend();
+  EXPECT_EQ(f->position, 14u);
+}
+
+TEST(ChunkStack, DeepNestingKeepsSixtyFourEntriesAndNoMore) {
+  CProxyChunkFile f(nullptr);
+  for (std::uint64_t i = 1; i <= 100; ++i) f.PushEnd(i * 10);
+  EXPECT_EQ(f.Depth(), 64u);
+  for (std::uint64_t i = 64; i >= 1; --i) EXPECT_EQ(f.PopEnd(), i * 10);
+  EXPECT_EQ(f.PopEnd(), 0u);
+  EXPECT_EQ(f.Depth(), 0u);
+}
+
+TEST(ChunkStack, CloseChunkClampsHugeSizes) {
+  vxtest::TempDir dir;
+  vx::os::FileHandle h = CreateFile(dir / "huge.bin");
+  CChunkFile f(h, FALSE);
+  ASSERT_TRUE(f.CreateChunk(FourCC("big ")));
+  f.position = 8 + 0x100000001ull;  // sparse: only the header is written
+  EXPECT_EQ(f.CloseChunk(), 0xFFFFFFFFu);
+  EXPECT_EQ(f.position, 8 + 0x100000001ull + 1);  // odd, so padded
+  f.position = 4;
+  EXPECT_EQ(f.ReadLong(), 0xFFFFFFFFu);
+}
+
+TEST(ChunkStack, CloseChunkWithoutCreateFailsCleanly) {
+  vxtest::TempDir dir;
+  CChunkFile f(CreateFile(dir / "x.bin"), FALSE);
+  f.position = 3;
+  EXPECT_EQ(f.CloseChunk(), 0u);  // the size field would sit before the file's start
+}
+
+// ---- 80-bit extended ------------------------------------------------------------------------
+
+TEST(Extended, AiffRateBothWays) {
+  vxtest::TempDir dir;
+  const auto stored = Bytes({0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0});
+  auto f = OpenWith<CReverseChunkFile>(dir / "rate.bin", stored, false);
+  EXPECT_EQ(f->ReadExtended(), 44100.0);
+  EXPECT_EQ(f->position, 10u);
+  f->position = 10;
+  EXPECT_TRUE(f->WriteExtended(44100.0));
+  f->position = 10;
+  std::uint8_t back[10];
+  std::uint32_t done;
+  ASSERT_TRUE(f->Read(back, 10, &done));
+  EXPECT_EQ(std::vector<std::uint8_t>(back, back + 10), stored);
+}
+
+TEST(Extended, MachineOrderIsLowHighExponent) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CChunkFile>(dir / "le.bin", {}, false);
+  EXPECT_TRUE(f->WriteExtended(44100.0));
+  f->position = 0;
+  EXPECT_EQ(f->ReadExtended(), 44100.0);
+  f.reset();
+  EXPECT_EQ(vxtest::ReadFile(dir / "le.bin"), Bytes({0, 0, 0, 0, 0, 0, 0x44, 0xAC, 0x0E, 0x40}));
+}
+
+TEST(Extended, InfinitiesZerosAndNaN) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CReverseChunkFile>(
+      dir / "inf.bin", Bytes({0x7F, 0xFF, 0x80, 0, 0, 0,    0, 0, 0, 1, 0xFF, 0xFF, 0, 0, 0,
+                              0,    0,    0,    0, 0, 0x80, 0, 0, 0, 0, 0,    0,    0, 0, 0}),
+      false);
+  EXPECT_EQ(f->ReadExtended(), HUGE_VAL);
+  EXPECT_EQ(f->ReadExtended(), -HUGE_VAL);
+  double negZero = f->ReadExtended();
+  EXPECT_EQ(negZero, 0.0);
+  EXPECT_TRUE(std::signbit(negZero));
+
+  std::uint8_t b[10];
+  std::uint32_t done;
+  auto written = [&](double v) {
+    f->position = 100;
+    EXPECT_TRUE(f->WriteExtended(v));
+    f->position = 100;
+    EXPECT_TRUE(f->Read(b, 10, &done));
+    return std::vector<std::uint8_t>(b, b + 10);
+  };
+  EXPECT_EQ(written(-0.0), Bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(written(HUGE_VAL), Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(written(-HUGE_VAL), Bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(written(std::numeric_limits<double>::quiet_NaN()),
+            Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(written(1.0), Bytes({0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(Extended, EveryDoubleSurvivesTheRoundTrip) {
+  vxtest::TempDir dir;
+  for (bool reversed : {false, true}) {
+    std::unique_ptr<CChunkFile> f;
+    if (reversed) {
+      f = OpenWith<CReverseChunkFile>(dir / "rt.bin", {}, false);
+    } else {
+      f = OpenWith<CChunkFile>(dir / "rt.bin", {}, false);
+    }
+    const double values[] = {1.0,
+                             -2.5,
+                             48000.0,
+                             22050.0,
+                             1.0 / 3.0,
+                             -1e300,
+                             std::numeric_limits<double>::max(),
+                             std::numeric_limits<double>::min(),
+                             std::numeric_limits<double>::denorm_min(),
+                             -3 * std::numeric_limits<double>::denorm_min(),
+                             123456789.123456789};
+    for (double v : values) {
+      f->position = 0;
+      ASSERT_TRUE(f->WriteExtended(v));
+      f->position = 0;
+      EXPECT_EQ(f->ReadExtended(), v) << "reversed=" << reversed;
+    }
+  }
+}
+
+// ---- Strings ---------------------------------------------------------------------------------
+
+TEST(Strings, FourCCFirstByteIsLowest) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CReverseChunkFile>(dir / "r.bin", Bytes({'R', 'I', 'F', 'F'}), false);
+  EXPECT_EQ(f->ReadFourCC(), 0x46464952u);
+}
+
+TEST(Strings, CStringNeedsTerminatorWithin512Bytes) {
+  vxtest::TempDir dir;
+  std::vector<std::uint8_t> bytes(512, 'x');
+  bytes.push_back(0);
+  auto f = OpenWith<CChunkFile>(dir / "s.bin", bytes, false);
+  EXPECT_EQ(f->ReadCString(), nullptr);
+  EXPECT_EQ(f->position, 0u);
+
+  f->position = 1;  // 511 characters and the terminator fit
+  char* s = f->ReadCString();
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(std::strlen(s), 511u);
+  EXPECT_EQ(f->position, 513u);
+  delete[] s;
+
+  f->position = 600;  // nothing at all there
+  EXPECT_EQ(f->ReadCString(), nullptr);
+}
+
+TEST(Strings, CStringRunningIntoEndOfFileIsNull) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CChunkFile>(dir / "s.bin", Bytes({'a', 'b', 0, 'c', 'd'}), false);
+  char* s = f->ReadCString();
+  ASSERT_NE(s, nullptr);
+  EXPECT_STREQ(s, "ab");
+  delete[] s;
+  EXPECT_EQ(f->ReadCString(), nullptr);
+  EXPECT_EQ(f->position, 3u);
+}
+
+TEST(Strings, CountedStrings) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CReverseChunkFile>(
+      dir / "c.bin",
+      Bytes({3, 'a', 'b', 'c', 0, 2, 'h', 'i', 3, 'x', 'y', 'z', 'w', 0, 4, 'd', 'o', 'n'}), false);
+  std::uint8_t len8 = 0;
+  char* s = f->ReadByteCountedString(&len8);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(len8, 3);
+  EXPECT_STREQ(s, "abc");
+  delete[] s;
+  std::uint16_t len16 = 0;
+  s = f->ReadWordCountedString(&len16);  // big-endian count in the reversed class
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(len16, 2);
+  EXPECT_STREQ(s, "hi");
+  delete[] s;
+  s = f->ReadPaddedCountedString(&len8);  // odd text: the byte after it is taken too
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(len8, 3);
+  EXPECT_STREQ(s, "xyz");
+  EXPECT_EQ(f->position, 13u);
+  delete[] s;
+  std::uint64_t at = f->position;
+  EXPECT_EQ(f->ReadWordCountedString(&len16), nullptr);  // count 4, 3 bytes left
+  EXPECT_EQ(len16, 0);
+  EXPECT_EQ(f->position, at);
+}
+
+TEST(Strings, FixedStringUsesLow16BitsOfLength) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CChunkFile>(dir / "f.bin", Bytes({'a', 'b', 'c', 'd'}), false);
+  char* s = f->ReadFixedString(0x10003);
+  ASSERT_NE(s, nullptr);
+  EXPECT_STREQ(s, "abc");
+  delete[] s;
+  EXPECT_EQ(f->ReadFixedString(2), nullptr);
+  EXPECT_EQ(f->position, 3u);
+  s = f->ReadFixedString(0);
+  ASSERT_NE(s, nullptr);
+  EXPECT_STREQ(s, "");
+  delete[] s;
+}
+
+// ---- Files without a handle and the proxy --------------------------------------------------
+
+TEST(NoFile, EveryOperationFailsQuietly) {
+  for (vx::os::FileHandle none : {vx::os::FileHandle{0}, vx::os::kNoFile}) {
+    for (BOOL cached : {FALSE, TRUE}) {
+      CReverseChunkFile f(none, cached);
+      EXPECT_FALSE(f.WriteLong(1));
+      EXPECT_EQ(f.ReadLong(), 0u);
+      std::uint16_t w[3] = {1, 2, 3};
+      EXPECT_EQ(f.WriteWords(w, 3), 0u);
+      EXPECT_EQ(f.ReadWords(w, 3), 0u);
+      EXPECT_EQ(f.CloseChunk(), 0u);
+      EXPECT_EQ(f.position, 0u);
+      EXPECT_EQ(f.Handle(), none);
+    }
+  }
+}
+
+namespace {
+
+class MemoryReader : public IVxHostReader {
+ public:
+  explicit MemoryReader(std::vector<std::uint8_t> data) : data_(std::move(data)) {}
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** ppv) override {
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+  ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+  HRESULT STDMETHODCALLTYPE Read(void* buffer, DWORD count, DWORD* done,
+                                 VxOverlapped* at) override {
+    lastOffset = at->offset;
+    *done = 0;
+    if (at->offset >= data_.size()) return S_OK;
+    std::size_t n = std::min<std::size_t>(count, data_.size() - at->offset);
+    std::memcpy(buffer, data_.data() + at->offset, n);
+    *done = static_cast<DWORD>(n);
+    return failNext ? E_FAIL : S_OK;
+  }
+  ULONG refs = 1;
+  std::uint64_t lastOffset = 0;
+  bool failNext = false;
+
+ private:
+  std::vector<std::uint8_t> data_;
+};
+
+}  // namespace
+
+TEST(Proxy, ReadsAtThePositionThroughTheHostReader) {
+  MemoryReader reader(Bytes({'F', 'O', 'R', 'M', 0, 0, 0, 4, 'A', 'I', 'F', 'F'}));
+  {
+    CProxyChunkFile f(&reader);
+    EXPECT_EQ(reader.refs, 2u);
+    f.position = 4;
+    EXPECT_EQ(f.ReadLong(), 0x04000000u);  // machine order: the proxy is a CChunkFile
+    EXPECT_EQ(reader.lastOffset, 4u);
+    EXPECT_EQ(f.ReadFourCC(), FourCC("AIFF"));
+    EXPECT_EQ(f.ReadWord(), 0);
+    EXPECT_EQ(f.position, 12u);
+    EXPECT_FALSE(f.WriteLong(1));  // no way to write
+    reader.failNext = true;
+    f.position = 0;
+    EXPECT_EQ(f.ReadLong(), 0u);
+    EXPECT_EQ(f.position, 0u);
+  }
+  EXPECT_EQ(reader.refs, 1u);
+}
