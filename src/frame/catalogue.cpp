@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "fileio/file_cache_manager.h"
+#include "still/dpx_parser.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -204,7 +205,7 @@ constexpr CatalogueRow kCatalogue[] = {
      3,
      kCineon,
      0,
-     nullptr,
+     &Parser<CVxDPXFileParser>,
      "CVxDPXFileParser"},  // 18
     {{0xB980120D, 0xCF7D, 0x49D4, {0x93, 0x3F, 0x46, 0x7E, 0x7B, 0x54, 0x11, 0x11}},
      VXT("DPX"),
@@ -212,7 +213,7 @@ constexpr CatalogueRow kCatalogue[] = {
      3,
      kDpx,
      1,
-     nullptr,
+     &Parser<CVxDPXFileParser>,
      "CVxDPXFileParser"},  // 19
     {{0x32D3C213, 0x0E3B, 0x11CF, {0xAF, 0xA9, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}},
      VXT("PHOTOSHOP"),
