@@ -22,7 +22,8 @@
 #undef CreateEvent
 #undef OpenEvent
 #undef FreeModule
-#define VX_EXPORT extern "C" __declspec(dllexport)
+// The module's .def file names the exports; dllexport would add the stdcall-decorated names.
+#define VX_EXPORT extern "C"
 #else
 
 #define STDMETHODCALLTYPE
