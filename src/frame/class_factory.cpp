@@ -1,10 +1,10 @@
 #include "frame/class_factory.h"
 
-#include <cstdio>
 #include <new>
 
 #include "frame/catalogue.h"
 #include "frame/module.h"
+#include "vx/platform.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -12,12 +12,7 @@ namespace vx::frame {
 // ---- Module entry ---------------------------------------------------------------------------
 
 void ProcessAttach(HINSTANCE instance) {
-#ifdef _WIN32
-  DisableThreadLibraryCalls(static_cast<HMODULE>(instance));
-  // Windows port: AVIFileInit() belongs here, before anything else runs; it needs the Video for
-  // Windows headers and library, which the AVI parser's platform glue brings in.
-  if (_getmaxstdio() < 2048) _setmaxstdio(2048);
-#endif
+  os::ModuleProcessAttach(instance);
   module::SetInstance(instance);
 }
 
