@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,15 +18,61 @@ namespace {
 
 constexpr std::uint32_t kReady = 0x56584556u;  // set once the creator has built the block
 
-// One page of shared memory per event name. Every handle in every process counts itself in
-// `users`; the last one to close removes the name, as a kernel object would vanish.
+constexpr int kMaxProcesses = 64;
+
+// Handles one process holds on the event.
+struct UserSlot {
+  std::int32_t pid;  // 0: free
+  std::int32_t handles;
+};
+
+// One small shared block per event name. Every process counts its handles in `users`; the
+// last one to close removes the name, as a kernel object would vanish. Processes that died
+// without closing (decoders get killed) are pruned, so they neither keep the name alive nor
+// hand a stale signal to the next session.
 struct EventBlock {
   std::uint32_t ready;
-  std::int32_t users;  // 0 with ready set: dead, being removed
+  std::int32_t dead;  // set by whoever removes the name
   std::int32_t signalled;
   pthread_mutex_t mutex;
   pthread_cond_t cond;
+  UserSlot users[kMaxProcesses];
 };
+
+bool AddUser(EventBlock* b, std::int32_t pid) {
+  UserSlot* free = nullptr;
+  for (UserSlot& u : b->users) {
+    if (u.pid == pid) {
+      ++u.handles;
+      return true;
+    }
+    if (u.pid == 0 && !free) free = &u;
+  }
+  if (!free) return false;
+  free->pid = pid;
+  free->handles = 1;
+  return true;
+}
+
+void RemoveUser(EventBlock* b, std::int32_t pid) {
+  for (UserSlot& u : b->users) {
+    if (u.pid == pid && --u.handles <= 0) u = UserSlot{0, 0};
+  }
+}
+
+// Drops the slots of processes that no longer exist; true while anyone is left.
+bool PruneAndCheckUsers(EventBlock* b, std::int32_t self) {
+  bool any = false;
+  for (UserSlot& u : b->users) {
+    if (u.pid == 0) continue;
+    if (u.pid != self && ::kill(u.pid, 0) != 0 && errno == ESRCH) {
+      u = UserSlot{0, 0};
+      continue;
+    }
+    any = true;
+  }
+  return any;
+}
 
 bool LockBlock(EventBlock* b) {
   const int r = ::pthread_mutex_lock(&b->mutex);
@@ -56,7 +103,7 @@ bool InitBlock(EventBlock* b, bool initiallySet) {
   const int rc = ::pthread_cond_init(&b->cond, &ca);
   ::pthread_condattr_destroy(&ca);
   if (rm != 0 || rc != 0) return false;
-  b->users = 1;
+  AddUser(b, static_cast<std::int32_t>(::getpid()));
   b->signalled = initiallySet ? 1 : 0;
   __atomic_store_n(&b->ready, kReady, __ATOMIC_RELEASE);
   return true;
@@ -99,12 +146,22 @@ Join JoinExisting(const std::string& name, EventBlock** out) {
     ::munmap(b, sizeof(EventBlock));
     return Join::Failed;
   }
-  const bool alive = b->users > 0;
-  if (alive) ++b->users;
+  const auto self = static_cast<std::int32_t>(::getpid());
+  Join result = Join::Joined;
+  if (b->dead) {
+    result = Join::Dead;
+  } else if (!PruneAndCheckUsers(b, self)) {
+    // Everyone who used it is gone: it no longer exists in any meaningful sense.
+    b->dead = 1;
+    ::shm_unlink(name.c_str());
+    result = Join::Dead;
+  } else if (!AddUser(b, self)) {
+    result = Join::Failed;
+  }
   UnlockBlock(b);
-  if (!alive) {
+  if (result != Join::Joined) {
     ::munmap(b, sizeof(EventBlock));
-    return Join::Dead;
+    return result;
   }
   *out = b;
   return Join::Joined;
@@ -151,8 +208,7 @@ EventHandle Acquire(const VxChar* name, bool create, bool initiallySet) {
         break;  // vanished in between: create it afresh
       case Join::Dead:
         if (!create) return nullptr;
-        SleepMs(1);  // its last user is about to remove the name
-        break;
+        break;  // its name is gone already: create afresh
       case Join::Broken:
         // Left behind by a creator that died half-way; nobody can be using it.
         ::shm_unlink(shmName.c_str());
@@ -195,8 +251,12 @@ bool ResetEvent(EventHandle e) {
 void CloseEvent(EventHandle e) {
   if (!e) return;
   if (LockBlock(e->block)) {
-    const bool last = --e->block->users <= 0;
-    if (last) ::shm_unlink(e->name.c_str());
+    const auto self = static_cast<std::int32_t>(::getpid());
+    RemoveUser(e->block, self);
+    if (!e->block->dead && !PruneAndCheckUsers(e->block, self)) {
+      e->block->dead = 1;
+      ::shm_unlink(e->name.c_str());
+    }
     UnlockBlock(e->block);
   }
   ::munmap(e->block, sizeof(EventBlock));

@@ -347,18 +347,49 @@ TEST(CrossProcess, FileLockExcludesAnotherProcess) {
   const std::string name = UniqueName("locked");
   EventHandle locked = CreateEvent(U(name).c_str(), false);
   ASSERT_NE(locked, nullptr);
-  ProcessHandle p = LaunchChild("lock " + (dir / "lock").string() + " " + name + " 300");
+  ProcessHandle p = LaunchChild("lock " + (dir / "lock").string() + " " + name + " 500");
   ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitEventOrProcess(locked, p, 10000), Wait::Signaled);
   FileHandle f = OpenReadWrite(vxtest::Wide(dir / "lock").c_str());
   ASSERT_NE(f, kNoFile);
   const auto t0 = Clock::now();
   ASSERT_TRUE(LockFile(f));
-  EXPECT_GE(MsSince(t0), 150);  // had to wait for the child to let go
+  EXPECT_GE(MsSince(t0), 100);  // had to wait for the child to let go
   UnlockFile(f);
   Close(f);
   EXPECT_EQ(Finish(p), 0);
   CloseEvent(locked);
+}
+
+TEST(CrossProcess, AWaiterKilledMidWaitNeitherSwallowsSetsNorKeepsTheName) {
+  const std::string name = UniqueName("ev");
+  const std::string readyName = UniqueName("ready");
+  EventHandle e = CreateEvent(U(name).c_str(), false);
+  EventHandle ready = CreateEvent(U(readyName).c_str(), false);
+  ASSERT_NE(e, nullptr);
+  ASSERT_NE(ready, nullptr);
+  ProcessHandle p = LaunchChild("wait " + name + " " + readyName);
+  ASSERT_NE(p, nullptr);
+  ASSERT_EQ(WaitEventOrProcess(ready, p, 10000), Wait::Signaled);
+  SleepMs(100);  // let it settle inside the wait
+  ASSERT_TRUE(TerminateProcess(p, 9));
+  ASSERT_EQ(WaitProcess(p, 5000), Wait::Signaled);
+  CloseProcess(p);
+
+  std::atomic<int> result{-1};
+  std::thread waiter([&] { result = static_cast<int>(WaitEvent(e, 3000)); });
+  SleepMs(100);
+  const auto t0 = Clock::now();
+  SetEvent(e);
+  waiter.join();
+  EXPECT_EQ(result.load(), static_cast<int>(Wait::Signaled));
+  EXPECT_LT(MsSince(t0), 500);  // woken by the set, not by a later poll
+
+  CloseEvent(e);
+  CloseEvent(ready);
+  // The dead child's handle does not keep the object alive.
+  EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);
+  EXPECT_EQ(OpenEvent(U(readyName).c_str()), nullptr);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 //   args                         write the arguments, one a line, to args.txt in the cwd
 //   stdin                        exit 0 when standard input is at its end at once
 //   lock <file> <event> <ms>     lock the file, set the event, hold the lock for ms
+//   wait <event> <ready>         set ready, then wait for the event for ever
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -89,6 +90,13 @@ int main(int argc, char** argv) {
   }
   if (mode == "args") return WriteArgs(argc, argv);
   if (mode == "stdin") return std::fgetc(stdin) == EOF ? 0 : 1;
+  if (mode == "wait") {
+    EventHandle e = OpenEvent(W(arg(2)).c_str());
+    EventHandle ready = OpenEvent(W(arg(3)).c_str());
+    if (!e || !ready) return 50;
+    SetEvent(ready);
+    return WaitEvent(e, kInfinite) == Wait::Signaled ? 0 : 51;
+  }
   if (mode == "lock") return HoldLock(arg(2), arg(3), std::atoi(arg(4).c_str()));
   return 2;
 }
