@@ -13,8 +13,7 @@ std::int32_t AtomicExchange(volatile std::int32_t* v, std::int32_t value) {
 }
 std::int32_t AtomicCompareExchange(volatile std::int32_t* v, std::int32_t exchange,
                                    std::int32_t comparand) {
-  __atomic_compare_exchange_n(v, &comparand, exchange, false, __ATOMIC_SEQ_CST,
-                              __ATOMIC_SEQ_CST);
+  __atomic_compare_exchange_n(v, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
   return comparand;
 }
 std::int32_t AtomicLoad(const volatile std::int32_t* v) {

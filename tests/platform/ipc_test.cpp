@@ -93,6 +93,31 @@ TEST(SharedMemory, NamesWithSlashesAndSimilarSpellingsStayApart) {
   CloseSharedMemory(&b);
 }
 
+TEST(SharedMemory, OpenWithoutSizeTakesWhateverExists) {
+  const std::string name = UniqueName("any");
+  SharedMemory a, b;
+  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 3 * PageSize() + 1, &a));
+  ASSERT_TRUE(OpenSharedMemory(U(name).c_str(), 0, &b));
+  EXPECT_EQ(b.size, 4 * PageSize());
+  static_cast<unsigned char*>(a.view)[a.size - 1] = 0x5A;  // last byte is shared too
+  EXPECT_EQ(static_cast<unsigned char*>(b.view)[b.size - 1], 0x5A);
+  CloseSharedMemory(&b);
+  CloseSharedMemory(&a);
+}
+
+TEST(SharedMemory, OverlongNamesDifferingOnlyAtTheEndStayApart) {
+  const std::string head = UniqueName(std::string(300, 'q'));
+  SharedMemory a, b, c;
+  ASSERT_TRUE(CreateSharedMemory(U(head + "1").c_str(), 8, &a));
+  ASSERT_TRUE(CreateSharedMemory(U(head + "2").c_str(), 8, &b));
+  EXPECT_TRUE(b.owner);
+  ASSERT_TRUE(OpenSharedMemory(U(head + "1").c_str(), 8, &c));
+  EXPECT_EQ(c.size, a.size);
+  CloseSharedMemory(&c);
+  CloseSharedMemory(&b);
+  CloseSharedMemory(&a);
+}
+
 // ---- Events within one process -------------------------------------------------------------
 
 TEST(Events, AutoResetTakesOneSetPerWait) {

@@ -48,12 +48,16 @@ struct SharedMemory {
   bool owner = false;         // created (not opened) by this process
 };
 // Creates (or opens, when it exists already) a named mapping of at least `size` bytes and maps
-// it whole. Names are plain identifiers; the implementation adds what the OS needs.
+// it whole. Names are plain identifiers; the implementation adds what the OS needs. Joining an
+// existing mapping smaller than `size` fails.
 bool CreateSharedMemory(const VxChar* name, std::uint64_t size, SharedMemory* out);
+// Opens an existing mapping of at least `size` bytes (0: any size) and maps it whole.
 bool OpenSharedMemory(const VxChar* name, std::uint64_t size, SharedMemory* out);
 void CloseSharedMemory(SharedMemory* shm);  // unmaps; the creator also removes the name
 
 // ---- Named auto-reset events --------------------------------------------------------------
+// An event exists while any process holds a handle to it; processes that died holding one do
+// not count.
 using EventHandle = struct EventImpl*;
 EventHandle CreateEvent(const VxChar* name, bool initiallySet);  // creates or opens
 EventHandle OpenEvent(const VxChar* name);                       // null when absent
@@ -72,6 +76,7 @@ using ProcessHandle = struct ProcessImpl*;
 // only, split like a shell: spaces separate, double quotes group), without a window.
 ProcessHandle LaunchProcess(const VxChar* folder, const VxChar* program,
                             const VxChar* commandLine);
+// Kills the process; ProcessExitCode then reports `exitCode`. False when it has ended already.
 bool TerminateProcess(ProcessHandle p, int exitCode);
 Wait WaitProcess(ProcessHandle p, std::uint32_t timeoutMs);  // Signaled when it has exited
 bool ProcessExitCode(ProcessHandle p, int* code);             // false while it runs
