@@ -1,0 +1,308 @@
+// The still-image parser base, driven directly.
+#include "frame/still_image_parser.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "frame/module.h"
+#include "test_util.h"
+
+namespace {
+
+// The base with its helpers in reach.
+class Still : public CVxStillImageParser {
+ public:
+  using CVxStillImageParser::AlphaImposed;
+  using CVxStillImageParser::AspectImposed;
+  using CVxStillImageParser::CopyName;
+  using CVxStillImageParser::CurrentFileName;
+  using CVxStillImageParser::FileList;
+  using CVxStillImageParser::Flags;
+  using CVxStillImageParser::FrameCount;
+  using CVxStillImageParser::IsWriting;
+  using CVxStillImageParser::OutputFileName;
+  using CVxStillImageParser::PixelAspect;
+  using CVxStillImageParser::SelectFile;
+  using CVxStillImageParser::StreamFlag;
+};
+
+// Holds one reference for the test's lifetime, as the factory hands objects out.
+class StillTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    before_ = vx::module::ObjectCount();
+    p = new Still;
+    EXPECT_EQ(vx::module::ObjectCount(), before_ + 1);
+    EXPECT_EQ(p->AddRef(), 1u);
+  }
+  void TearDown() override {
+    EXPECT_EQ(p->Release(), 0u);
+    EXPECT_EQ(vx::module::ObjectCount(), before_);
+  }
+
+  static std::vector<std::uint8_t> Record(double aspect, DWORD alpha, DWORD size = 56) {
+    tagVxImageStreamFormat f{};
+    f.cbSize = size;
+    f.pixelAspect = aspect;
+    f.hasAlpha = alpha;
+    std::vector<std::uint8_t> bytes(sizeof f + 1);
+    std::memcpy(bytes.data() + 1, &f, sizeof f);  // deliberately misaligned for a double
+    return bytes;
+  }
+  HRESULT Impose(double aspect, DWORD alpha, DWORD size = 56, DWORD kind = 1) {
+    auto bytes = Record(aspect, alpha, size);
+    return p->SetStreamFormat(kind, 0, bytes.data() + 1);
+  }
+
+  static IVxFileList* List(const std::vector<VxString>& names) {
+    std::vector<const VxChar*> ptrs;
+    for (const auto& n : names) ptrs.push_back(n.c_str());
+    IVxFileList* list = nullptr;
+    EXPECT_EQ(VxCreateFileList(ptrs.data(), static_cast<int>(ptrs.size()), &list), S_OK);
+    return list;
+  }
+
+  Still* p = nullptr;
+
+ private:
+  std::int32_t before_ = 0;
+};
+
+// ---- Identity and lifetime ------------------------------------------------------------------
+
+TEST_F(StillTest, InterfacesShareOneObject) {
+  void* unk = nullptr;
+  void* media = nullptr;
+  void* image = nullptr;
+  ASSERT_EQ(p->QueryInterface(IID_IUnknown, &unk), S_OK);
+  ASSERT_EQ(p->QueryInterface(IID_IVxMediaFileParser, &media), S_OK);
+  ASSERT_EQ(p->QueryInterface(IID_IVxImageStreamParser, &image), S_OK);
+  EXPECT_EQ(unk, media);
+  EXPECT_EQ(media, static_cast<IVxMediaFileParser*>(p));
+  EXPECT_EQ(image, static_cast<IVxImageStreamParser*>(p));
+  // The picture view's IUnknown is the object's: counts go to one place.
+  auto* view = static_cast<IVxImageStreamParser*>(image);
+  EXPECT_EQ(view->AddRef(), 5u);
+  EXPECT_EQ(view->Release(), 4u);
+  void* back = nullptr;
+  ASSERT_EQ(view->QueryInterface(IID_IVxMediaFileParser, &back), S_OK);
+  EXPECT_EQ(back, media);
+  for (int i = 0; i < 4; ++i) p->Release();
+
+  void* other = reinterpret_cast<void*>(0x1);
+  EXPECT_EQ(p->QueryInterface(IID_IVxAudioStreamParser, &other), E_NOINTERFACE);
+  EXPECT_EQ(other, nullptr);
+  EXPECT_EQ(p->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+}
+
+// ---- Opening --------------------------------------------------------------------------------
+
+TEST_F(StillTest, OpenLiteralKeepsNoListAndDropsHostBits) {
+  EXPECT_EQ(p->Open(VXT("/nowhere/shot.0001.dpx"), 0x30000002u), S_OK);
+  EXPECT_EQ(p->FileList(), nullptr);
+  EXPECT_EQ(p->Flags(), 2u);
+  EXPECT_TRUE(p->IsWriting());
+  EXPECT_EQ(p->FrameCount(), 1);
+  EXPECT_EQ(p->CurrentFileName(), VXT("/nowhere/shot.0001.dpx"));
+  EXPECT_EQ(p->OutputFileName(7), VXT("/nowhere/shot.0001.dpx"));  // taken literally
+  EXPECT_EQ(p->Open(nullptr, 0), E_POINTER);
+}
+
+TEST_F(StillTest, OpenExpandsNumberedSequence) {
+  vxtest::TempDir dir;
+  for (int i = 1; i <= 3; ++i) {
+    vxtest::WriteFile(dir / ("shot.000" + std::to_string(i) + ".dpx"), {1, 2, 3});
+  }
+  VxString pattern = vxtest::Wide(dir / "shot.####.dpx");
+  EXPECT_EQ(p->OpenEx(pattern.c_str(), 0x20000000u | 0x40u, 12345), S_OK);
+  ASSERT_NE(p->FileList(), nullptr);
+  EXPECT_EQ(p->FrameCount(), 3);
+  EXPECT_EQ(p->Flags(), 0x40u);
+  EXPECT_EQ(p->SelectFile(2), S_OK);
+  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "shot.0003.dpx"));
+  EXPECT_EQ(p->SelectFile(3), E_INVALIDARG);
+
+  // Reopening replaces the list; Close drops it and the flags.
+  EXPECT_EQ(p->Open(pattern.c_str(), VX_OPEN_NO_PATTERN), S_OK);
+  EXPECT_EQ(p->FileList(), nullptr);
+  EXPECT_EQ(p->Open(pattern.c_str(), 0x40u), S_OK);
+  EXPECT_EQ(p->Close(), S_OK);
+  EXPECT_EQ(p->FileList(), nullptr);
+  EXPECT_EQ(p->Flags(), 0u);
+}
+
+TEST_F(StillTest, OutputNameFollowsPatternWhenWriting) {
+  vxtest::TempDir dir;
+  VxString pattern = vxtest::Wide(dir / "out.####.dpx");
+  EXPECT_EQ(p->Open(pattern.c_str(), VX_OPEN_WRITE), S_OK);
+  EXPECT_TRUE(p->IsWriting());
+  EXPECT_EQ(p->OutputFileName(12), vxtest::Wide(dir / "out.0012.dpx"));
+}
+
+TEST_F(StillTest, OpenFileListHoldsOneReference) {
+  EXPECT_EQ(p->OpenFileList(nullptr, 0), E_POINTER);
+  IVxFileList* a = List({VXT("a.0001.dpx"), VXT("a.0002.dpx")});
+  IVxFileList* b = List({VXT("b.dpx")});
+  ASSERT_TRUE(a && b);
+  EXPECT_EQ(p->OpenFileList(a, 0x30000004u), S_OK);
+  EXPECT_EQ(p->Flags(), 4u);
+  EXPECT_EQ(p->FileList(), a);
+  EXPECT_EQ(p->FrameCount(), 2);
+  EXPECT_EQ(p->OpenFileList(a, 0), S_OK);  // the same list: no second reference
+  EXPECT_EQ(a->AddRef(), 3u);
+  a->Release();
+  EXPECT_EQ(p->OpenFileList(b, 0), S_OK);  // another: the first one let go
+  EXPECT_EQ(a->AddRef(), 2u);
+  a->Release();
+  // A handed-over list names the export files itself.
+  EXPECT_EQ(p->OutputFileName(0), VXT("b.dpx"));
+  EXPECT_EQ(p->Close(), S_OK);
+  EXPECT_EQ(b->AddRef(), 2u);
+  b->Release();
+  EXPECT_EQ(a->Release(), 0u);
+  EXPECT_EQ(b->Release(), 0u);
+}
+
+// ---- Stream queries -------------------------------------------------------------------------
+
+TEST_F(StillTest, HasOnlyAPictureStream) {
+  BOOL has = 7;
+  EXPECT_EQ(p->HasStream(1, &has), S_OK);
+  EXPECT_EQ(has, 1);
+  EXPECT_EQ(p->HasStream(2, &has), S_OK);
+  EXPECT_EQ(has, 0);
+  EXPECT_EQ(p->HasStream(0, &has), S_OK);
+  EXPECT_EQ(has, 0);
+  EXPECT_EQ(p->HasStream(1, nullptr), E_POINTER);
+}
+
+TEST_F(StillTest, ImposedAspectOnlyWhenPositive) {
+  EXPECT_EQ(p->PixelAspect(), 1.0);
+  EXPECT_EQ(Impose(std::numeric_limits<double>::quiet_NaN(), 0), S_OK);
+  EXPECT_EQ(p->PixelAspect(), 1.0);
+  EXPECT_FALSE(p->AspectImposed());
+  EXPECT_EQ(Impose(0.0, 0), S_OK);
+  EXPECT_EQ(Impose(-2.0, 0), S_OK);
+  EXPECT_EQ(p->PixelAspect(), 1.0);
+  EXPECT_FALSE(p->AspectImposed());
+
+  EXPECT_EQ(Impose(1.5, 1), S_OK);
+  EXPECT_EQ(p->PixelAspect(), 1.5);
+  EXPECT_TRUE(p->AspectImposed());
+  EXPECT_TRUE(p->AlphaImposed());
+  EXPECT_EQ(Impose(std::numeric_limits<double>::quiet_NaN(), 0), S_OK);
+  EXPECT_EQ(p->PixelAspect(), 1.5);  // kept
+  EXPECT_FALSE(p->AlphaImposed());   // follows every call
+}
+
+TEST_F(StillTest, SetStreamFormatChecksKindAndSize) {
+  EXPECT_EQ(Impose(2.0, 1, 55), E_INVALIDARG);
+  EXPECT_EQ(Impose(2.0, 1, 8), E_INVALIDARG);
+  EXPECT_EQ(Impose(2.0, 1, 56, 2), E_INVALIDARG);
+  EXPECT_EQ(p->PixelAspect(), 1.0);  // nothing taken from refused records
+  EXPECT_FALSE(p->AlphaImposed());
+  EXPECT_EQ(p->SetStreamFormat(1, 0, nullptr), E_POINTER);
+}
+
+TEST_F(StillTest, GetStreamOnlyPictureZero) {
+  void* s = reinterpret_cast<void*>(0x1);
+  EXPECT_EQ(p->GetStream(1, 1, IID_IVxImageStreamParser, &s), E_INVALIDARG);
+  EXPECT_EQ(s, nullptr);
+  EXPECT_EQ(p->GetStream(2, 0, IID_IVxAudioStreamParser, &s), E_INVALIDARG);
+  ASSERT_EQ(p->GetStream(1, 0, IID_IVxImageStreamParser, &s), S_OK);
+  EXPECT_EQ(s, static_cast<IVxImageStreamParser*>(p));
+  p->Release();
+  EXPECT_EQ(p->GetStream(1, 0, IID_IVxAudioStreamParser, &s), E_NOINTERFACE);
+}
+
+TEST_F(StillTest, FormatOperationsAreLeftToTheFormats) {
+  std::uint8_t record[56] = {56};
+  DWORD caps = 9;
+  CVxTime a, b;
+  VxChar name[8];
+  EXPECT_EQ(p->Prepare(0), E_NOTIMPL);
+  EXPECT_EQ(p->GetStreamFormat(1, 0, record), E_NOTIMPL);
+  EXPECT_EQ(p->GetStreamCapabilities(0, 1, &caps), E_NOTIMPL);
+  EXPECT_EQ(p->GetTimeRange(1, &a, &b), E_NOTIMPL);
+  EXPECT_EQ(p->SetOption(name, VX_OPTION_TEXT), E_NOTIMPL);
+  EXPECT_EQ(p->GetCompressionName(name, 8), E_NOTIMPL);
+  IVxImage* image = nullptr;
+  EXPECT_EQ(p->ReadImage(&image, 0), E_NOTIMPL);
+  EXPECT_EQ(p->WriteImage(nullptr, 0), E_NOTIMPL);
+  EXPECT_EQ(p->ImageOp5(nullptr), E_NOTIMPL);
+  EXPECT_EQ(p->ImageOp7(nullptr), E_NOTIMPL);
+}
+
+TEST_F(StillTest, SetFlagTakesOnlyFlagZero) {
+  EXPECT_EQ(p->SetFlag(1, 1), E_NOTIMPL);
+  EXPECT_FALSE(p->StreamFlag());
+  EXPECT_EQ(p->SetFlag(0, 0x100), S_OK);
+  EXPECT_TRUE(p->StreamFlag());
+  EXPECT_EQ(p->SetFlag(0, 0), S_OK);
+  EXPECT_FALSE(p->StreamFlag());
+}
+
+// ---- Selecting the current file -------------------------------------------------------------
+
+TEST_F(StillTest, SelectWithoutList) {
+  ASSERT_EQ(p->Open(VXT("one.dpx"), VX_OPEN_NO_PATTERN), S_OK);
+  EXPECT_EQ(p->SelectFile(0), S_OK);
+  EXPECT_EQ(p->SelectFile(-1), S_OK);
+  EXPECT_EQ(p->SelectFile(1), E_INVALIDARG);
+  EXPECT_EQ(p->SelectFile(-2), E_INVALIDARG);
+  EXPECT_EQ(p->CurrentFileName(), VXT("one.dpx"));
+}
+
+TEST_F(StillTest, SelectFirstExistingSkipsMissingAndFolders) {
+  vxtest::TempDir dir;
+  std::filesystem::create_directory(dir / "f.0002.dpx");
+  vxtest::WriteFile(dir / "f.0004.dpx", {0});
+  vxtest::WriteFile(dir / "f.0005.dpx", {0});
+  IVxFileList* list = List({vxtest::Wide(dir / "f.0001.dpx"), vxtest::Wide(dir / "f.0002.dpx"),
+                            vxtest::Wide(dir / "f.0003.dpx"), vxtest::Wide(dir / "f.0004.dpx"),
+                            vxtest::Wide(dir / "f.0005.dpx")});
+  ASSERT_NE(list, nullptr);
+  ASSERT_EQ(p->OpenFileList(list, 0), S_OK);
+  list->Release();
+  EXPECT_EQ(p->SelectFile(-1), S_OK);
+  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "f.0004.dpx"));
+  EXPECT_EQ(p->SelectFile(0), S_OK);  // explicit indices need not exist
+  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "f.0001.dpx"));
+  EXPECT_EQ(p->SelectFile(4), S_OK);
+  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "f.0005.dpx"));
+  EXPECT_EQ(p->SelectFile(5), E_INVALIDARG);
+  EXPECT_EQ(p->SelectFile(-3), E_INVALIDARG);
+}
+
+TEST_F(StillTest, SelectOnEmptyListChangesNothing) {
+  ASSERT_EQ(p->Open(VXT("keep.dpx"), VX_OPEN_NO_PATTERN), S_OK);
+  IVxFileList* empty = List({});
+  ASSERT_NE(empty, nullptr);
+  ASSERT_EQ(p->OpenFileList(empty, 0), S_OK);
+  empty->Release();
+  EXPECT_EQ(p->FrameCount(), 0);
+  EXPECT_EQ(p->SelectFile(3), S_OK);
+  EXPECT_EQ(p->SelectFile(-1), S_OK);
+  EXPECT_EQ(p->CurrentFileName(), VXT("keep.dpx"));
+}
+
+// ---- Names into host buffers ----------------------------------------------------------------
+
+TEST(StillCopyName, TruncatesAndTerminates) {
+  VxChar buf[4] = {'x', 'x', 'x', 'x'};
+  EXPECT_EQ(Still::CopyName(VXT("ABCDEF"), buf, 4), S_OK);
+  EXPECT_EQ(VxString(buf), VXT("ABC"));
+  EXPECT_EQ(Still::CopyName(VXT("AB"), buf, 4), S_OK);
+  EXPECT_EQ(VxString(buf), VXT("AB"));
+  EXPECT_EQ(Still::CopyName(VXT("A"), buf, 1), S_OK);
+  EXPECT_EQ(buf[0], 0);
+  EXPECT_EQ(Still::CopyName(VXT("A"), nullptr, 4), E_INVALIDARG);
+  EXPECT_EQ(Still::CopyName(VXT("A"), buf, 0), E_INVALIDARG);
+  EXPECT_EQ(Still::CopyName(VXT("A"), buf, -1), E_INVALIDARG);
+}
+
+}  // namespace
