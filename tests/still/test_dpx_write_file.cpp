@@ -1,0 +1,473 @@
+// Whole files from the DPX writer: every depth, packing, layout and byte order read back through
+// the reader's unpackers, and the header checked field by field at its offsets.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <tuple>
+
+#include "dpx_write_test_util.h"
+#include "test_util.h"
+
+using namespace vx::dpx;
+using dpxtest::ElementSamples;
+using dpxtest::ImagePtr;
+
+namespace {
+
+const DpxLayout kAllLayouts[] = {
+    DpxLayout::PackedRGBA,   DpxLayout::PlanarRGBA, DpxLayout::PackedABGR, DpxLayout::RGBPlusAlpha,
+    DpxLayout::BGRPlusAlpha, DpxLayout::PackedRGB,  DpxLayout::PlanarRGB,  DpxLayout::PackedBGR};
+
+std::vector<std::uint8_t> WriteAndLoad(const vxtest::TempDir& dir, IVxImage* image,
+                                       const DpxExportSettings& settings,
+                                       const DpxWriteInfo& info = {}) {
+  const auto path = dir / "out.dpx";
+  EXPECT_EQ(WriteDpxFile(vxtest::Wide(path).c_str(), image, settings, info), S_OK);
+  return vxtest::ReadFile(path);
+}
+
+using RoundTripParam = std::tuple<int, int, int, bool>;  // bits, packing, layout index, big
+
+class DpxWriteRoundTrip : public ::testing::TestWithParam<RoundTripParam> {};
+
+TEST_P(DpxWriteRoundTrip, ReadsBackEverySample) {
+  const auto [bits, packing, layoutIndex, big] = GetParam();
+  const DpxLayout layout = kAllLayouts[layoutIndex];
+  vxtest::TempDir dir;
+  for (std::uint32_t width : {1u, 2u, 3u, 5u, 7u}) {
+    SCOPED_TRACE("width " + std::to_string(width));
+    const std::uint32_t height = 3;
+    ImagePtr image(dpxtest::MakeTestImage(width, height, static_cast<std::uint32_t>(bits)));
+    ASSERT_TRUE(image.get());
+    DpxExportSettings settings;
+    settings.bitDepth = bits;
+    settings.packing = packing;
+    settings.layout = layout;
+    settings.bigEndian = big;
+    const auto file = WriteAndLoad(dir, image.get(), settings);
+    ASSERT_GE(file.size(), kHeaderSize);
+    const DpxOutputPlan plan = PlanDpxOutput(settings, {}, image->GetPixelFormat());
+    ASSERT_EQ(LoadU16(file.data() + kOffElementCount, big), plan.elementCount);
+
+    // The reader must take the file as we meant it.
+    DpxHeaderState state;
+    ASSERT_TRUE(ParseDpxHeader(file.data(), file.size(), &state));
+    EXPECT_EQ(state.bigEndian, big);
+    EXPECT_EQ(state.width, width);
+    EXPECT_EQ(state.height, height);
+    EXPECT_EQ(state.maxBits, static_cast<std::uint32_t>(bits));
+    EXPECT_EQ(state.hasAlpha != 0, LayoutHasAlpha(layout));
+
+    std::uint64_t end = kHeaderSize;
+    for (std::uint32_t i = 0; i < plan.elementCount; ++i) {
+      SCOPED_TRACE("element " + std::to_string(i));
+      ElementSamples el;
+      ASSERT_TRUE(dpxtest::ReadElement(file, i, &el));
+      const DpxElementPlan& want = plan.elements[i];
+      EXPECT_EQ(el.descriptor, want.descriptor);
+      EXPECT_EQ(el.components, want.components);
+      EXPECT_EQ(el.bits, static_cast<std::uint32_t>(bits));
+      EXPECT_EQ(el.packing, static_cast<std::uint32_t>(packing));
+      EXPECT_EQ(LoadU32(file.data() + ElementOffset(i) + kElDataOffset, big), end);
+      end += DpxLineBytes(bits, packing, width, want.components, false) * height;
+      int mismatches = 0;
+      for (std::uint32_t y = 0; y < height; ++y)
+        for (std::uint32_t x = 0; x < width; ++x)
+          for (std::uint32_t k = 0; k < want.components; ++k) {
+            const std::size_t at = (std::size_t{y} * width + x) * want.components + k;
+            const std::uint32_t ch = want.order[k];
+            if (bits == 32) {
+              if (el.floats[at] != dpxtest::TestFloat(x, y, ch) && ++mismatches < 5)
+                ADD_FAILURE() << "x " << x << " y " << y << " channel " << ch;
+            } else if (el.codes[at] != dpxtest::TestCode(x, y, ch, bits) && ++mismatches < 5) {
+              ADD_FAILURE() << "x " << x << " y " << y << " channel " << ch << ": " << el.codes[at]
+                            << " != " << dpxtest::TestCode(x, y, ch, bits);
+            }
+          }
+    }
+    EXPECT_EQ(file.size(), end);
+    EXPECT_EQ(LoadU32(file.data() + kOffFileSize, big), end);
+  }
+}
+
+std::string RoundTripName(const ::testing::TestParamInfo<RoundTripParam>& info) {
+  const auto [bits, packing, layoutIndex, big] = info.param;
+  std::string layout = LayoutOptionName(kAllLayouts[layoutIndex]);
+  for (char& c : layout)
+    if (c == '-' || c == '+') c = '_';
+  return std::to_string(bits) + "bit_pack" + std::to_string(packing) + "_" + layout +
+         (big ? "_big" : "_little");
+}
+
+INSTANTIATE_TEST_SUITE_P(AllLayouts, DpxWriteRoundTrip,
+                         ::testing::Combine(::testing::Values(8, 10, 12, 16, 32),
+                                            ::testing::Values(0, 1, 2), ::testing::Range(0, 8),
+                                            ::testing::Bool()),
+                         RoundTripName);
+
+TEST(DpxWrite, OneBitSourceKeepsOneBit) {
+  vxtest::TempDir dir;
+  ImagePtr image;
+  ASSERT_EQ(VxCreateImage(9, 2, VX_PF_GRAY8, &image.p), S_OK);
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 9; ++x)
+      image->GetBuffer()[y * image->GetRowStride() + x] = (x + y) % 3 == 0 ? 255 : 0;
+  DpxWriteInfo info;
+  info.sourceBits = 1;
+  info.sourceLayout = DpxLayout::PlanarRGB;
+  const auto file = WriteAndLoad(dir, image.get(), DpxExportSettings{}, info);
+  ElementSamples el;
+  ASSERT_TRUE(dpxtest::ReadElement(file, 1, &el));
+  EXPECT_EQ(el.bits, 1u);
+  for (int y = 0; y < 2; ++y)
+    for (int x = 0; x < 9; ++x) EXPECT_EQ(el.codes[y * 9 + x], (x + y) % 3 == 0 ? 1u : 0u);
+}
+
+TEST(DpxWrite, KeepResolvesAgainstSourceAndImage) {
+  DpxWriteInfo info;
+  DpxOutputPlan plan = PlanDpxOutput({}, info, VX_PF_RGBA8);
+  EXPECT_EQ(plan.bits, 8u);
+  EXPECT_EQ(plan.layout, DpxLayout::PackedRGBA);
+  EXPECT_EQ(plan.packing, 0u);
+  EXPECT_TRUE(plan.bigEndian);
+  plan = PlanDpxOutput({}, info, VX_PF_RGBF32);
+  EXPECT_EQ(plan.bits, 32u);
+  EXPECT_EQ(plan.layout, DpxLayout::PackedRGB);
+  info.sourceBits = 12;
+  info.sourceLayout = DpxLayout::PackedABGR;
+  info.sourcePacking = 2;
+  plan = PlanDpxOutput({}, info, VX_PF_RGBA16);
+  EXPECT_EQ(plan.bits, 12u);
+  EXPECT_EQ(plan.layout, DpxLayout::PackedABGR);
+  EXPECT_EQ(plan.packing, 2u);
+  ASSERT_EQ(plan.elementCount, 1u);
+  EXPECT_EQ(plan.elements[0].descriptor, kDescABGR);
+  DpxExportSettings settings;
+  settings.bitDepth = 16;
+  settings.layout = DpxLayout::RGBPlusAlpha;
+  settings.packing = 1;
+  plan = PlanDpxOutput(settings, info, VX_PF_RGBA16);
+  EXPECT_EQ(plan.bits, 16u);
+  ASSERT_EQ(plan.elementCount, 2u);
+  EXPECT_EQ(plan.elements[0].descriptor, kDescRGB);
+  EXPECT_EQ(plan.elements[1].descriptor, kDescAlpha);
+}
+
+TEST(DpxWrite, EightBitSourcesConvertExactly) {
+  // 8-bit and BGRA pixels land on the same codes at 8 bits and scale up at 10.
+  vxtest::TempDir dir;
+  ImagePtr image;
+  ASSERT_EQ(VxCreateImage(3, 1, VX_PF_BGRA8, &image.p), S_OK);
+  const std::uint8_t px[12] = {10, 20, 30, 40, 0, 128, 255, 1, 255, 255, 255, 255};
+  std::memcpy(image->GetBuffer(), px, 12);
+  DpxExportSettings settings;
+  settings.layout = DpxLayout::PackedRGBA;
+  ElementSamples el;
+  ASSERT_TRUE(dpxtest::ReadElement(WriteAndLoad(dir, image.get(), settings), 0, &el));
+  EXPECT_EQ(el.codes,
+            (std::vector<std::uint32_t>{30, 20, 10, 40, 255, 128, 0, 1, 255, 255, 255, 255}));
+  settings.bitDepth = 10;
+  settings.layout = DpxLayout::PackedRGB;
+  el = {};
+  ASSERT_TRUE(dpxtest::ReadElement(WriteAndLoad(dir, image.get(), settings), 0, &el));
+  EXPECT_EQ(el.codes, (std::vector<std::uint32_t>{120, 80, 40, 1023, 514, 0, 1023, 1023, 1023}));
+}
+
+TEST(DpxWrite, RefusesBadArguments) {
+  vxtest::TempDir dir;
+  ImagePtr image(dpxtest::MakeTestImage(2, 2, 10));
+  const VxString path = vxtest::Wide(dir / "x.dpx");
+  EXPECT_EQ(WriteDpxFile(nullptr, image.get(), {}, {}), E_POINTER);
+  EXPECT_EQ(WriteDpxFile(path.c_str(), nullptr, {}, {}), E_POINTER);
+  ImagePtr empty;
+  ASSERT_EQ(VxCreateImage(0, 0, VX_PF_RGB8, &empty.p), S_OK);
+  EXPECT_EQ(WriteDpxFile(path.c_str(), empty.get(), {}, {}), E_INVALIDARG);
+  EXPECT_FALSE(std::filesystem::exists(dir / "x.dpx"));
+  // A folder that does not exist: failure, and nothing left behind anywhere.
+  const VxString missing = vxtest::Wide(dir / "no" / "x.dpx");
+  EXPECT_EQ(WriteDpxFile(missing.c_str(), image.get(), {}, {}), E_FAIL);
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+}
+
+TEST(DpxWrite, ReplacesAnOldFileWholeAndLeavesNoTemporary) {
+  vxtest::TempDir dir;
+  vxtest::WriteFile(dir / "out.dpx", std::vector<std::uint8_t>(100000, 0x5A));
+  ImagePtr image(dpxtest::MakeTestImage(4, 4, 10));
+  const auto file = WriteAndLoad(dir, image.get(), {});
+  EXPECT_EQ(file.size(), LoadU32(file.data() + kOffFileSize, true));
+  int entries = 0;
+  for (const auto& e : std::filesystem::directory_iterator(dir.path())) {
+    (void)e;
+    ++entries;
+  }
+  EXPECT_EQ(entries, 1);
+}
+
+// ---- Header fields at their offsets ---------------------------------------------------------
+
+struct HeaderFixture : ::testing::Test {
+  vxtest::TempDir dir;
+  ImagePtr image{dpxtest::MakeTestImage(4, 2, 10)};
+  DpxExportSettings settings;
+  DpxWriteInfo info;
+
+  std::vector<std::uint8_t> Write() {
+    settings.bitDepth = 10;
+    settings.layout = DpxLayout::PackedRGB;
+    return WriteAndLoad(dir, image.get(), settings, info);
+  }
+};
+
+bool AllBytes(const std::vector<std::uint8_t>& f, std::uint32_t from, std::uint32_t to,
+              std::uint8_t v) {
+  for (std::uint32_t i = from; i < to; ++i)
+    if (f[i] != v) return false;
+  return true;
+}
+
+float F32(const std::vector<std::uint8_t>& f, std::uint32_t off, bool big = true) {
+  return LoadF32(f.data() + off, big);
+}
+std::uint32_t U32(const std::vector<std::uint8_t>& f, std::uint32_t off, bool big = true) {
+  return LoadU32(f.data() + off, big);
+}
+
+TEST_F(HeaderFixture, FileAndImageInformation) {
+  info.inputDevice = "Scanner 7";
+  const auto f = Write();
+  ASSERT_GE(f.size(), kHeaderSize);
+  EXPECT_EQ(std::string(f.begin(), f.begin() + 4), "SDPX");
+  EXPECT_EQ(U32(f, 4), 2048u);
+  EXPECT_EQ(std::string(f.begin() + 8, f.begin() + 16), std::string("V2.0\0\0\0\0", 8));
+  EXPECT_EQ(U32(f, 16), f.size());
+  EXPECT_EQ(U32(f, 20), 0u);
+  EXPECT_EQ(U32(f, 24), 1664u);
+  EXPECT_EQ(U32(f, 28), 384u);
+  EXPECT_EQ(U32(f, 32), 0u);
+  EXPECT_TRUE(AllBytes(f, 36, 136, 0));
+  const std::string created(reinterpret_cast<const char*>(f.data() + 136));
+  EXPECT_TRUE(
+      std::regex_match(created, std::regex(R"(20\d\d:[01]\d:[0-3]\d:[0-2]\d:[0-5]\d:[0-6]\dZ)")))
+      << created;
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(f.data() + 160)), "Halden Vx");
+  EXPECT_TRUE(AllBytes(f, 169, 660, 0));
+  EXPECT_EQ(U32(f, 660), 0xFFFFFFFFu);
+  EXPECT_EQ(LoadU16(f.data() + 768, true), 0);
+  EXPECT_EQ(LoadU16(f.data() + 770, true), 1);
+  EXPECT_EQ(U32(f, 772), 4u);
+  EXPECT_EQ(U32(f, 776), 2u);
+  // Element 0: 10-bit RGB, linear; the unused elements stay clear.
+  EXPECT_EQ(U32(f, 780), 0u);
+  EXPECT_EQ(U32(f, 784), 0u);
+  EXPECT_EQ(U32(f, 788), 0xFFFFFFFFu);
+  EXPECT_EQ(U32(f, 792), 1023u);
+  EXPECT_EQ(U32(f, 796), 0xFFFFFFFFu);
+  EXPECT_EQ(f[800], 50);
+  EXPECT_EQ(f[801], 2);
+  EXPECT_EQ(f[802], 2);
+  EXPECT_EQ(f[803], 10);
+  EXPECT_EQ(LoadU16(f.data() + 804, true), 0);
+  EXPECT_EQ(LoadU16(f.data() + 806, true), 0);
+  EXPECT_EQ(U32(f, 808), 2048u);
+  EXPECT_EQ(U32(f, 812), 0u);
+  EXPECT_EQ(U32(f, 816), 0u);
+  EXPECT_TRUE(AllBytes(f, 820, 1408, 0));
+  // Image source header.
+  for (std::uint32_t off = 1408; off < 1432; off += 4) EXPECT_EQ(U32(f, off), 0xFFFFFFFFu) << off;
+  EXPECT_TRUE(AllBytes(f, 1432, 1556, 0));
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(f.data() + 1556)), "Scanner 7");
+  EXPECT_TRUE(AllBytes(f, 1565, 1620, 0));
+  EXPECT_TRUE(AllBytes(f, 1620, 1628, 0xFF));
+  EXPECT_EQ(U32(f, 1628), 0xFFFFFFFFu);  // aspect not known
+  EXPECT_EQ(U32(f, 1632), 0xFFFFFFFFu);
+  EXPECT_EQ(U32(f, 1636), 0xFFFFFFFFu);
+  EXPECT_EQ(U32(f, 1640), 0xFFFFFFFFu);
+  EXPECT_TRUE(AllBytes(f, 1644, 1664, 0));
+  // Film header: only the numeric fields, undefined.
+  EXPECT_TRUE(AllBytes(f, 1664, 1712, 0));
+  EXPECT_TRUE(AllBytes(f, 1712, 1732, 0xFF));
+  EXPECT_TRUE(AllBytes(f, 1732, 1920, 0));
+}
+
+TEST_F(HeaderFixture, LittleEndianFieldsAndMagic) {
+  settings.bigEndian = false;
+  const auto f = Write();
+  EXPECT_EQ(std::string(f.begin(), f.begin() + 4), "XPDS");
+  EXPECT_EQ(U32(f, 4, false), 2048u);
+  EXPECT_EQ(U32(f, 24, false), 1664u);
+  EXPECT_EQ(U32(f, 772, false), 4u);
+  EXPECT_EQ(U32(f, 16, false), f.size());
+  EXPECT_EQ(U32(f, 792, false), 1023u);
+}
+
+TEST_F(HeaderFixture, PixelAspectFractions) {
+  const struct {
+    double aspect;
+    std::uint32_t h, v;
+  } cases[] = {{0.9, 9, 10}, {1.0, 1, 1}, {1.5, 15, 10}, {2.0, 2, 1}, {1.2, 6, 5}, {0.5, 5, 10}};
+  for (const auto& c : cases) {
+    info.aspectKnown = true;
+    info.pixelAspect = c.aspect;
+    const auto f = Write();
+    EXPECT_EQ(U32(f, 1628), c.h) << c.aspect;
+    EXPECT_EQ(U32(f, 1632), c.v) << c.aspect;
+  }
+  std::uint32_t h = 0, v = 0;
+  EXPECT_FALSE(AspectFraction(0.0, &h, &v));
+  EXPECT_FALSE(AspectFraction(-1.0, &h, &v));
+  EXPECT_FALSE(AspectFraction(std::nan(""), &h, &v));
+  EXPECT_FALSE(AspectFraction(1e12, &h, &v));
+  EXPECT_TRUE(AspectFraction(10.0, &h, &v));
+  EXPECT_EQ(h, 10u);
+  EXPECT_EQ(v, 1u);
+}
+
+TEST_F(HeaderFixture, TelevisionProgressive) {
+  info.frameRate = 24.0;
+  info.timeCode = 0x01020304;
+  const auto f = Write();
+  EXPECT_EQ(U32(f, 1920), 0x01020304u);
+  EXPECT_EQ(U32(f, 1924), 0xFFFFFFFFu);
+  EXPECT_EQ(f[1928], 0);
+  EXPECT_EQ(f[1929], 0);
+  EXPECT_EQ(f[1930], 0);
+  EXPECT_EQ(F32(f, 1936), 24.0f);
+  EXPECT_EQ(F32(f, 1940), 24.0f);
+  EXPECT_EQ(U32(f, 1944), 0xFFFFFFFFu);
+  for (std::uint32_t off = 1948; off <= 1968; off += 4) EXPECT_EQ(U32(f, off), 0xFFFFFFFFu) << off;
+  EXPECT_TRUE(AllBytes(f, 1972, 2048, 0));
+}
+
+TEST_F(HeaderFixture, TelevisionInterlacedAndUnknownRate) {
+  info.frameRate = 25.0;
+  info.fieldMode = 1;
+  auto f = Write();
+  EXPECT_EQ(f[1928], 1);
+  EXPECT_EQ(f[1929], 1);
+  EXPECT_EQ(F32(f, 1936), 50.0f);
+  EXPECT_EQ(F32(f, 1940), 25.0f);
+  info.fieldMode = 0;
+  f = Write();
+  EXPECT_EQ(f[1928], 1);
+  EXPECT_EQ(f[1929], 2);
+  info.fieldMode = VX_FIELD_UNKNOWN;
+  info.frameRate = -1.0;
+  f = Write();
+  EXPECT_EQ(f[1928], 0);
+  EXPECT_EQ(f[1929], 0);
+  EXPECT_EQ(U32(f, 1920), 0xFFFFFFFFu);  // no time code
+  EXPECT_EQ(U32(f, 1936), 0xFFFFFFFFu);
+  EXPECT_EQ(U32(f, 1940), 0xFFFFFFFFu);
+}
+
+TEST_F(HeaderFixture, ProjectFrameRateWins) {
+  info.frameRate = 24.0;
+  VxSetProjectProperty(VXT("Project Frame Rate"), 29.97);
+  const auto f = Write();
+  VxSetProjectProperty(VXT("Project Frame Rate"), 0.0);  // not positive: ignored again
+  EXPECT_FLOAT_EQ(F32(f, 1940), 29.97f);
+  EXPECT_EQ(F32(Write(), 1940), 24.0f);
+}
+
+TEST_F(HeaderFixture, LevelsOnlyForChoicesOneAndThree) {
+  info.levels = {2.5, 64.0, 4.0, 0.02, 940.0};
+  for (int choice : {0, 1, 2, 3, 4, 5}) {
+    SCOPED_TRACE("choice " + std::to_string(choice));
+    settings.transferChoice = choice;
+    const auto f = Write();
+    const std::uint8_t code = choice == 0 ? 2 : choice == 3 ? 6 : choice == 4 ? 1 : 0;
+    EXPECT_EQ(f[801], code);
+    EXPECT_EQ(f[802], code);
+    if (choice == 1 || choice == 3) {
+      EXPECT_EQ(F32(f, 1948), 2.5f);
+      EXPECT_EQ(F32(f, 1952), 64.0f);
+      EXPECT_EQ(F32(f, 1956), 4.0f);
+      EXPECT_EQ(F32(f, 1960), 0.02f);
+      EXPECT_EQ(F32(f, 1964), 940.0f);
+    } else {
+      for (std::uint32_t off = 1948; off <= 1964; off += 4) EXPECT_EQ(U32(f, off), 0xFFFFFFFFu);
+    }
+    if (choice == 4) {  // printing density carries its reference quantities
+      EXPECT_EQ(F32(f, 788), 0.0f);
+      EXPECT_EQ(F32(f, 796), 2.048f);
+    } else {
+      EXPECT_EQ(U32(f, 788), 0xFFFFFFFFu);
+      EXPECT_EQ(U32(f, 796), 0xFFFFFFFFu);
+    }
+  }
+  // The default white level is the output depth's top code.
+  info.levels.whiteLevel = -1.0;
+  settings.transferChoice = 1;
+  EXPECT_EQ(F32(Write(), 1964), 1023.0f);
+}
+
+TEST_F(HeaderFixture, TransferChoiceFromWriteInfoWhenKept) {
+  info.transferChoice = 3;
+  const auto f = Write();
+  EXPECT_EQ(f[801], 6);
+  EXPECT_NE(U32(f, 1948), 0xFFFFFFFFu);
+}
+
+// ---- 3D LUT on export -----------------------------------------------------------------------
+
+struct Messages {
+  std::vector<std::pair<std::string, std::string>> seen;
+  static void Handler(const VxChar* caption, const VxChar* text, void* ctx) {
+    static_cast<Messages*>(ctx)->seen.emplace_back(vx::ToUtf8(caption), vx::ToUtf8(text));
+  }
+  Messages() { VxSetMessageBoxHandler(&Handler, this); }
+  ~Messages() { VxSetMessageBoxHandler(nullptr, nullptr); }
+};
+
+TEST(DpxWriteLut, UnreadableLutIsReportedAndSkipped) {
+  vxtest::TempDir dir;
+  Messages messages;
+  ImagePtr image(dpxtest::MakeTestImage(3, 2, 10));
+  DpxExportSettings settings;
+  settings.bitDepth = 10;
+  vxtest::WriteFile(dir / "grade.3dl", {'x'});
+  settings.lutPath = vxtest::Wide(dir / "grade.3dl");
+  const auto file = WriteAndLoad(dir, image.get(), settings);
+  ASSERT_EQ(messages.seen.size(), 1u);
+  EXPECT_EQ(messages.seen[0].first, "Error Message");
+  EXPECT_EQ(messages.seen[0].second,
+            "Dpx Parser Write error: Cannot create the 3D LUT unsupported format!");
+  ElementSamples el;
+  ASSERT_TRUE(dpxtest::ReadElement(file, 0, &el));
+  EXPECT_EQ(el.codes[0], dpxtest::TestCode(0, 0, 0, 10));  // written without the LUT
+  // A malformed cube file is refused the same way.
+  vxtest::WriteFile(dir / "bad.cube", {'L', 'U', 'T', '_', '3', 'D', '_', 'S', 'I', 'Z', 'E'});
+  settings.lutPath = vxtest::Wide(dir / "bad.cube");
+  WriteAndLoad(dir, image.get(), settings);
+  EXPECT_EQ(messages.seen.size(), 2u);
+}
+
+TEST(DpxWriteLut, InvertingCubeIsApplied) {
+  vxtest::TempDir dir;
+  Messages messages;
+  std::string cube = "LUT_3D_SIZE 2\n";
+  for (int b = 0; b < 2; ++b)
+    for (int g = 0; g < 2; ++g)
+      for (int r = 0; r < 2; ++r)
+        cube += std::to_string(1 - r) + " " + std::to_string(1 - g) + " " + std::to_string(1 - b) +
+                "\n";
+  vxtest::WriteFile(dir / "invert.cube", std::vector<std::uint8_t>(cube.begin(), cube.end()));
+  ImagePtr image;
+  ASSERT_EQ(VxCreateImage(2, 1, VX_PF_RGBA8, &image.p), S_OK);
+  const std::uint8_t px[8] = {0, 100, 255, 7, 30, 60, 90, 200};
+  std::memcpy(image->GetBuffer(), px, 8);
+  DpxExportSettings settings;
+  settings.bitDepth = 8;
+  settings.layout = DpxLayout::PackedRGBA;
+  settings.lutPath = vxtest::Wide(dir / "invert.cube");
+  ElementSamples el;
+  ASSERT_TRUE(dpxtest::ReadElement(WriteAndLoad(dir, image.get(), settings), 0, &el));
+  EXPECT_TRUE(messages.seen.empty());
+  // Colour inverted, alpha kept.
+  EXPECT_EQ(el.codes, (std::vector<std::uint32_t>{255, 155, 0, 7, 225, 195, 165, 200}));
+}
+
+}  // namespace
