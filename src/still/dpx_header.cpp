@@ -154,10 +154,10 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
 
   if (size < kGenericHeaderSize + kFilmHeaderSize) return false;
   if (d[kOffFilmType] != 0) {
-    // The edge code's own text form: "MM TT PPPPPP-CCCC+OO".
+    // The host's edge-code text: "MM TT OO-PPPPPP+CCCC".
     const std::string text = Field(d + kOffFilmMfgId, 2) + ' ' + Field(d + kOffFilmType, 2) + ' ' +
-                             Field(d + kOffFilmPrefix, 6) + '-' + Field(d + kOffFilmCount, 4) +
-                             '+' + Field(d + kOffFilmPerfOffset, 2);
+                             Field(d + kOffFilmPerfOffset, 2) + '-' + Field(d + kOffFilmPrefix, 6) +
+                             '+' + Field(d + kOffFilmCount, 4);
     s.edgeCode.InitFromString(text.c_str());
   }
   if (std::memcmp(d + kOffFilmReserved, kPerfTag, sizeof kPerfTag) == 0) {

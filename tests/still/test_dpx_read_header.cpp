@@ -1,0 +1,475 @@
+// DPX and Cineon header acceptance, slot rules, undefined fields and line sizes.
+#include <gtest/gtest.h>
+
+#include "dpx_read_test_util.h"
+#include "still/dpx_header.h"
+
+using namespace vx::dpx;
+using dpxtest::DpxHeaderSpec;
+using dpxtest::Element;
+
+namespace {
+
+// A state no parse produces, to show that a failed parse leaves it alone.
+DpxHeaderState Sentinel() {
+  DpxHeaderState s;
+  s.width = 777;
+  s.height = 555;
+  s.maxBits = 99;
+  s.redSeen = 42;
+  return s;
+}
+
+bool Parse(const dpxtest::Bytes& b, DpxHeaderState* out, std::size_t size = 2048) {
+  return ParseDpxHeader(b.data.data(), size, out);
+}
+
+void ExpectUntouched(const DpxHeaderState& s) {
+  EXPECT_EQ(s.width, 777u);
+  EXPECT_EQ(s.height, 555u);
+  EXPECT_EQ(s.maxBits, 99u);
+  EXPECT_EQ(s.redSeen, 42);
+}
+
+Element El(std::uint8_t desc, std::uint8_t bits = 10, std::uint16_t packing = 1) {
+  Element e;
+  e.descriptor = desc;
+  e.bits = bits;
+  e.packing = packing;
+  return e;
+}
+
+}  // namespace
+
+TEST(DpxHeader, ReadsBothByteOrders) {
+  for (bool big : {true, false}) {
+    DpxHeaderSpec spec;
+    spec.big = big;
+    spec.width = 0x01020304;
+    spec.height = 0x00000A0B;
+    spec.elements = {El(50, 10, 1)};
+    spec.elements[0].offset = 0x00012345;
+    spec.elements[0].eolPadding = 12;
+    auto b = dpxtest::MakeDpxHeader(spec);
+    b.U32(1920, 0x01020304);
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(b, &s)) << big;
+    EXPECT_EQ(s.bigEndian, big);
+    EXPECT_EQ(s.width, 0x01020304u);
+    EXPECT_EQ(s.height, 0x0A0Bu);
+    EXPECT_EQ(s.elements[0].dataOffset, 0x12345u);
+    EXPECT_EQ(s.elements[0].eolPadding, 12u);
+    EXPECT_EQ(s.elements[0].components, 3u);
+    EXPECT_EQ(s.elements[0].packing, 1u);
+    EXPECT_EQ(s.timeCode, 0x01020304u);
+    EXPECT_EQ(s.maxBits, 10u);
+  }
+}
+
+TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
+  struct Case {
+    const char* what;
+    DpxHeaderSpec spec;
+    std::size_t size = 2048;
+    const char* magic = nullptr;
+  };
+  std::vector<Case> cases;
+  {
+    Case c{"bad magic", {}};
+    c.magic = "SDPx";
+    cases.push_back(c);
+  }
+  {
+    Case c{"nine elements", {}};
+    c.spec.elements = {El(50)};
+    c.spec.elementCountOverride = 9;
+    cases.push_back(c);
+  }
+  {
+    Case c{"duplicated red", {}};
+    c.spec.elements = {El(1), El(1), El(2), El(3)};
+    cases.push_back(c);
+  }
+  {
+    Case c{"RGB plus a separate red", {}};
+    c.spec.elements = {El(50), El(1)};
+    cases.push_back(c);
+  }
+  {
+    Case c{"missing blue", {}};
+    c.spec.elements = {El(1), El(2)};
+    cases.push_back(c);
+  }
+  {
+    Case c{"two alphas", {}};
+    c.spec.elements = {El(51), El(4)};
+    cases.push_back(c);
+  }
+  {
+    Case c{"orientation 8", {}};
+    c.spec.orientation = 8;
+    cases.push_back(c);
+  }
+  {
+    Case c{"no elements", {}};
+    c.spec.elements = {};
+    cases.push_back(c);
+  }
+  {
+    Case c{"generic header cut", {}};
+    c.size = 1663;
+    cases.push_back(c);
+  }
+  {
+    Case c{"film header cut", {}};
+    c.size = 1919;
+    cases.push_back(c);
+  }
+  {
+    Case c{"television header cut", {}};
+    c.size = 2047;
+    cases.push_back(c);
+  }
+  for (const Case& c : cases) {
+    auto b = dpxtest::MakeDpxHeader(c.spec);
+    if (c.magic) b.Text(0, c.magic);
+    DpxHeaderState s = Sentinel();
+    EXPECT_FALSE(Parse(b, &s, c.size)) << c.what;
+    ExpectUntouched(s);
+  }
+  DpxHeaderState s = Sentinel();
+  EXPECT_FALSE(ParseDpxHeader(nullptr, 2048, &s));
+  ExpectUntouched(s);
+}
+
+TEST(DpxHeader, AcceptsEightElementsAndOrientationSeven) {
+  DpxHeaderSpec spec;
+  spec.orientation = 7;
+  // Eight elements, five of them of kinds the reader skips.
+  spec.elements = {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)};
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.orientation, 7u);
+  EXPECT_EQ(s.elementCount, 3u);
+  EXPECT_TRUE(s.Planar());
+}
+
+TEST(DpxHeader, SkipsUnsupportedDepthAndPacking) {
+  DpxHeaderSpec spec;
+  // A 64-bit red and a packing-3 red are both skipped, so the RGB element stands alone.
+  spec.elements = {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)};
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.maxBits, 12u);
+  EXPECT_EQ(s.elementCount, 1u);
+  EXPECT_EQ(s.elements[0].descriptor, 50u);
+  // Skipping can leave a channel missing.
+  spec.elements = {El(1, 64, 0), El(2), El(3)};
+  EXPECT_FALSE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+}
+
+TEST(DpxHeader, LumaOnlyCountsAllColours) {
+  DpxHeaderSpec spec;
+  spec.elements = {El(6, 16, 0)};
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.redSeen, 1);
+  EXPECT_EQ(s.greenOrLumaSeen, 1);
+  EXPECT_EQ(s.blueSeen, 1);
+  EXPECT_EQ(s.elements[0].components, 1u);
+  EXPECT_FALSE(s.hasAlpha);
+}
+
+TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
+  DpxHeaderSpec spec;
+  Element alpha = El(4, 8, 0);
+  alpha.offset = 9999;
+  spec.elements = {El(53), alpha};
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_TRUE(s.hasAlpha);
+  EXPECT_TRUE(s.reversedOrder);
+  // The alpha element follows the interleaved colour element in slot 1.
+  EXPECT_EQ(s.elements[1].descriptor, 4u);
+  EXPECT_EQ(s.elements[1].dataOffset, 9999u);
+  EXPECT_EQ(s.elements[3].dataOffset, 9999u);
+  ASSERT_NE(s.SeparateAlpha(), nullptr);
+
+  // Planar with alpha keeps green in slot 1.
+  spec.elements = {El(1), El(2), El(3), alpha};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.elements[1].descriptor, 2u);
+  EXPECT_EQ(s.elements[3].dataOffset, 9999u);
+
+  spec.elements = {El(52)};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_TRUE(s.hasAlpha);
+  EXPECT_TRUE(s.reversedOrder);
+  EXPECT_EQ(s.elements[0].components, 4u);
+  EXPECT_EQ(s.SeparateAlpha(), nullptr);
+}
+
+TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
+  DpxHeaderSpec spec;
+  spec.elements[0].eolPadding = 0x7FFFFFFF;
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.elements[0].eolPadding, 0u);
+  spec.elements[0].eolPadding = 0xFFFFFFFF;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.elements[0].eolPadding, 0u);
+  spec.elements[0].eolPadding = 0x7FFFFFFE;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_EQ(s.elements[0].eolPadding, 0x7FFFFFFEu);
+}
+
+TEST(DpxHeader, PixelAspect) {
+  struct Case {
+    std::uint32_t h, v;
+    bool known;
+    double aspect;
+  } cases[] = {{0xFFFFFFFF, 0xFFFFFFFF, false, 1.0},
+               {4, 0xFFFFFFFF, false, 1.0},
+               {0xFFFFFFFF, 3, false, 1.0},
+               {0, 3, false, 1.0},
+               {4, 0, false, 1.0},
+               {4, 3, true, 4.0 / 3.0},
+               {0x80000000u, 0x40000000u, true, 2.0}};
+  for (const Case& c : cases) {
+    auto b = dpxtest::MakeDpxHeader({});
+    b.U32(1628, c.h);
+    b.U32(1632, c.v);
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(b, &s));
+    EXPECT_EQ(s.aspectKnown, c.known) << c.h << "/" << c.v;
+    EXPECT_DOUBLE_EQ(s.pixelAspect, c.aspect) << c.h << "/" << c.v;
+  }
+}
+
+TEST(DpxHeader, LevelsDefaultByDepth) {
+  DpxHeaderSpec spec;
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_DOUBLE_EQ(s.whiteLevel, 1023.0);
+  EXPECT_DOUBLE_EQ(s.blackLevel, 0.0);
+  EXPECT_NEAR(s.gamma, 2.2222223, 1e-7);
+  EXPECT_DOUBLE_EQ(s.blackGain, 4.5);
+  EXPECT_DOUBLE_EQ(s.breakPoint, 0.018);
+
+  spec.elements = {El(50, 32, 0)};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_DOUBLE_EQ(s.whiteLevel, 1.0);
+
+  // Planar with a 12-bit channel: the deepest element decides.
+  spec.elements = {El(1, 8, 0), El(2, 12, 1), El(3, 8, 0)};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  EXPECT_DOUBLE_EQ(s.whiteLevel, 4095.0);
+
+  auto b = dpxtest::MakeDpxHeader({});
+  b.F32(1964, 940.0f);
+  b.F32(1952, 64.0f);
+  b.F32(1948, 1.0f);
+  ASSERT_TRUE(Parse(b, &s));
+  EXPECT_DOUBLE_EQ(s.whiteLevel, 940.0);
+  EXPECT_DOUBLE_EQ(s.blackLevel, 64.0);
+  EXPECT_DOUBLE_EQ(s.gamma, 1.0);
+}
+
+TEST(DpxHeader, FrameRates) {
+  struct Case {
+    float rate;
+    bool undefined;
+    double expect;
+  } cases[] = {{0.0f, false, -1.0},
+               {8000.0f, false, -1.0},
+               {0.0f, true, -1.0},
+               {-24.0f, false, -1.0},
+               {24.0f, false, 24.0},
+               {25.0f, false, 25.0},
+               {23.976f, false, 24000.0 / 1001.0},
+               {7999.0f, false, 7999.0}};
+  for (const Case& c : cases) {
+    auto b = dpxtest::MakeDpxHeader({});
+    if (!c.undefined) b.F32(1940, c.rate);
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(b, &s));
+    EXPECT_NEAR(s.frameRate, c.expect, 1e-9) << c.rate;
+  }
+}
+
+TEST(DpxHeader, FieldModes) {
+  struct Case {
+    std::uint8_t interlace, field;
+    int mode;
+  } cases[] = {{0, 0, 2}, {0, 1, 2}, {1, 1, 1}, {1, 2, 0}, {1, 0, 2}, {1, 3, 1}, {255, 1, 3}};
+  for (const Case& c : cases) {
+    auto b = dpxtest::MakeDpxHeader({});
+    b.U8(1928, c.interlace);
+    b.U8(1929, c.field);
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(b, &s));
+    EXPECT_EQ(s.fieldMode, c.mode) << int(c.interlace) << "/" << int(c.field);
+  }
+}
+
+TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
+  auto b = dpxtest::MakeDpxHeader({});
+  b.Text(1664, "KU");
+  b.Text(1666, "34");
+  b.Text(1668, "07");
+  b.Text(1670, "123456");
+  b.Text(1676, "7890");
+  b.Text(1556, "Scanner 9");
+  b.Text(1864, "ARRI01");
+  b.U8(1883, '3');
+  DpxHeaderState s;
+  ASSERT_TRUE(Parse(b, &s));
+  EXPECT_TRUE(s.edgeCode.IsValid());
+  EXPECT_EQ(s.edgeCode.manufacturer, "KU");
+  EXPECT_EQ(s.edgeCode.filmType, "34");
+  EXPECT_EQ(s.edgeCode.prefix, "123456");
+  EXPECT_EQ(s.edgeCode.count, "7890");
+  EXPECT_EQ(s.edgeCode.perfOffset, "07");
+  EXPECT_EQ(s.edgeCode.perfType, 4);
+  EXPECT_STREQ(s.inputDevice, "Scanner 9");
+
+  const struct {
+    char digit;
+    int perf;
+  } perfs[] = {{'1', 1}, {'2', 3}, {'4', 5}, {'9', 0}};
+  for (auto p : perfs) {
+    b.U8(1883, static_cast<std::uint8_t>(p.digit));
+    ASSERT_TRUE(Parse(b, &s));
+    EXPECT_EQ(s.edgeCode.perfType, p.perf) << p.digit;
+  }
+  // No film type, no tag: no edge code.
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader({}), &s));
+  EXPECT_FALSE(s.edgeCode.IsValid());
+  EXPECT_EQ(s.inputDevice[0], 0);
+}
+
+TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
+  for (bool big : {true, false}) {
+    dpxtest::CineonSpec spec;
+    spec.big = big;
+    spec.width = 0x0102;
+    spec.height = 0x0304;
+    spec.dataOffset = 0x8000;
+    auto b = dpxtest::MakeCineonHeader(spec);
+    b.U32(684, 8);
+    DpxHeaderState s;
+    ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s)) << big;
+    EXPECT_FALSE(s.isDpx);
+    EXPECT_EQ(s.bigEndian, big);
+    EXPECT_EQ(s.width, 0x0102u);
+    EXPECT_EQ(s.height, 0x0304u);
+    EXPECT_EQ(s.elements[0].dataOffset, 0x8000u);
+    EXPECT_EQ(s.elements[0].eolPadding, 8u);
+    EXPECT_EQ(s.elements[0].packing, 1u);  // Cineon 5 is method A
+    EXPECT_EQ(s.elements[0].descriptor, 50u);
+    EXPECT_EQ(s.elements[0].transfer, 3u);
+    EXPECT_EQ(s.fieldMode, 3);
+    EXPECT_DOUBLE_EQ(s.frameRate, 24.0);
+    EXPECT_DOUBLE_EQ(s.whiteLevel, 1023.0);
+  }
+  const struct {
+    std::uint8_t channels, bits, packing;
+    std::uint32_t desc, components, packingCode, transfer;
+    bool alpha;
+    double white;
+  } ok[] = {{1, 10, 6, 6, 1, 2, 3, false, 1023.0},
+            {4, 10, 0, 51, 4, 0, 3, true, 1023.0},
+            {3, 8, 0, 50, 3, 0, 2, false, 255.0}};
+  for (auto c : ok) {
+    dpxtest::CineonSpec spec;
+    spec.channels = c.channels;
+    spec.bits = c.bits;
+    spec.packing = c.packing;
+    auto b = dpxtest::MakeCineonHeader(spec);
+    DpxHeaderState s;
+    ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
+    EXPECT_EQ(s.elements[0].descriptor, c.desc);
+    EXPECT_EQ(s.elements[0].components, c.components);
+    EXPECT_EQ(s.elements[0].packing, c.packingCode);
+    EXPECT_EQ(s.elements[0].transfer, c.transfer);
+    EXPECT_EQ(bool(s.hasAlpha), c.alpha);
+    EXPECT_DOUBLE_EQ(s.whiteLevel, c.white);
+  }
+}
+
+TEST(CineonHeader, FaultsFail) {
+  struct Case {
+    const char* what;
+    dpxtest::CineonSpec spec;
+    std::size_t at = 0;
+    std::uint8_t value = 0;
+    std::size_t size = 2048;
+  };
+  std::vector<Case> cases;
+  auto add = [&](const char* what, auto tweak) {
+    Case c{what, {}};
+    tweak(c);
+    cases.push_back(c);
+  };
+  add("packing 1", [](Case& c) { c.spec.packing = 1; });
+  add("two channels", [](Case& c) { c.spec.channels = 2; });
+  add("twelve bits", [](Case& c) { c.spec.bits = 12; });
+  add("sixteen bits", [](Case& c) { c.spec.bits = 16; });
+  add("orientation 8", [](Case& c) { c.spec.orientation = 8; });
+  add("interleave", [](Case& c) { c.at = 680, c.value = 1; });
+  add("signed", [](Case& c) { c.at = 682, c.value = 1; });
+  add("negative sense", [](Case& c) { c.at = 683, c.value = 1; });
+  add("bad magic", [](Case& c) { c.at = 3, c.value = 0xD6; });
+  add("cut short", [](Case& c) { c.size = 2047; });
+  add("first read cut", [](Case& c) { c.size = 191; });
+  for (const Case& c : cases) {
+    auto b = dpxtest::MakeCineonHeader(c.spec);
+    if (c.at) b.U8(c.at, c.value);
+    DpxHeaderState s = Sentinel();
+    EXPECT_FALSE(ParseCineonHeader(b.data.data(), c.size, &s)) << c.what;
+    ExpectUntouched(s);
+  }
+}
+
+TEST(CineonHeader, HeaderLengthRule) {
+  dpxtest::CineonSpec spec;
+  spec.genericLength = 100;  // below the first read: 832 more bytes, then the industry header
+  auto b = dpxtest::MakeCineonHeader(spec);
+  EXPECT_EQ(CineonHeaderBytes(b.data.data(), b.data.size()), 2048u);
+  spec.genericLength = 1500;
+  b = dpxtest::MakeCineonHeader(spec);
+  EXPECT_EQ(CineonHeaderBytes(b.data.data(), b.data.size()), 2524u);
+  DpxHeaderState s;
+  EXPECT_FALSE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
+  b.data.resize(2524);
+  EXPECT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
+}
+
+TEST(DpxLineSize, DepthsAndPackings) {
+  const struct {
+    std::uint32_t bits, packing, width, components;
+    bool flag;
+    std::uint64_t bytes;
+  } cases[] = {
+      {1, 0, 7, 1, false, 1},    {1, 0, 17, 1, false, 3},        {1, 0, 17, 1, true, 4},
+      {8, 0, 7, 3, false, 24},   {8, 0, 7, 3, true, 21},         {8, 0, 4, 1, false, 4},
+      {10, 1, 16, 1, false, 24}, {10, 0, 16, 1, false, 20},      {10, 2, 7, 3, false, 28},
+      {10, 0, 1, 1, false, 4},   {10, 1, 4096, 3, false, 16384}, {12, 1, 3, 1, false, 6},
+      {12, 1, 3, 1, true, 8},    {12, 0, 3, 1, false, 8},        {12, 0, 8, 1, false, 12},
+      {16, 0, 7, 3, false, 42},  {16, 0, 7, 3, true, 44},        {32, 0, 5, 4, false, 80},
+      {64, 0, 2, 3, false, 48},
+  };
+  for (auto c : cases) {
+    EXPECT_EQ(DpxLineBytes(c.bits, c.packing, c.width, c.components, c.flag), c.bytes)
+        << c.bits << " bits, packing " << c.packing << ", " << c.width << "x" << c.components;
+  }
+}
+
+TEST(CineonLineSize, Depths) {
+  EXPECT_EQ(CineonLineBytes(10, 5, 3), 20u);
+  EXPECT_EQ(CineonLineBytes(8, 5, 3), 15u);
+  EXPECT_EQ(CineonLineBytes(8, 5, 1), 5u);
+  EXPECT_EQ(CineonLineBytes(10, 3, 4), 16u);  // 16/3 bytes a pixel
+  EXPECT_EQ(CineonLineBytes(10, 4, 4), 21u);  // 21.33 rounded
+  EXPECT_EQ(CineonLineBytes(10, 5, 4), 27u);  // 26.67 rounded
+}
