@@ -17,10 +17,13 @@ FileHandle OpenWith(const VxChar* path, int flags) {
   if (!path || !*path) return kNoFile;
   const std::string p = detail::Native(path);
   int fd;
+  // Non-blocking so a FIFO without a writer cannot stall the open; cleared right after.
   do {
-    fd = ::open(p.c_str(), flags | O_CLOEXEC, 0666);
+    fd = ::open(p.c_str(), flags | O_CLOEXEC | O_NONBLOCK, 0666);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) return kNoFile;
+  const int fl = ::fcntl(fd, F_GETFL);
+  if (fl >= 0) ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
   // A directory opens fine for reading on POSIX; callers expect a file or nothing.
   struct stat st;
   if (::fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <thread>
@@ -136,6 +137,19 @@ TEST(Files, NonAsciiNamesRoundTrip) {
   }
   EXPECT_TRUE(IsFile(name.c_str()));
   EXPECT_TRUE(std::filesystem::exists(dir.path() / "\u00e9t\u00e9-\u6f22\U0001F600.dpx"));
+}
+
+TEST(Files, AFifoWithoutWriterNeitherHangsNorReads) {
+  TempDir dir;
+  const std::string fifo = (dir / "pipe").string();
+  if (std::system(("mkfifo '" + fifo + "'").c_str()) != 0) GTEST_SKIP() << "no mkfifo";
+  File f(OpenRead(Wide(dir / "pipe").c_str()));  // must return at once
+  std::uint8_t b[4];
+  std::uint32_t done = 7;
+  if (f.h != kNoFile) {
+    EXPECT_FALSE(ReadAt(f.h, 0, b, 4, &done));  // no positioned reads on a pipe
+    EXPECT_EQ(done, 0u);
+  }
 }
 
 TEST(Files, TwoHandlesOfOneProcessExcludeEachOther) {
