@@ -46,12 +46,6 @@ TEST(Text, InvalidUtf8BecomesReplacementCharacters) {
   EXPECT_EQ(vx::FromUtf8(std::string_view("a\0b", 3)).size(), 3u);
 }
 
-TEST(Text, StrLen) {
-  EXPECT_EQ(vx::StrLen(nullptr), 0u);
-  EXPECT_EQ(vx::StrLen(VXT("")), 0u);
-  EXPECT_EQ(vx::StrLen(VXT("abc")), 3u);
-}
-
 }  // namespace
 
 namespace {
