@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "vx/sdk.h"
+
+namespace {
+
+TEST(SysString, CopiesAndFrees) {
+  VxChar* s = VxSysAllocString(VXT("Grüße"));
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(VxString(s), VxString(VXT("Grüße")));
+  VxSysFreeString(s);
+  VxChar* empty = VxSysAllocString(VXT(""));
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(empty[0], 0);
+  VxSysFreeString(empty);
+  EXPECT_EQ(VxSysAllocString(nullptr), nullptr);
+  VxSysFreeString(nullptr);
+}
+
+TEST(HostFlags, DefaultsAndSwitches) {
+  EXPECT_EQ(VxGetShowParserUI(), TRUE);
+  VxSetShowParserUI(FALSE);
+  EXPECT_EQ(VxGetShowParserUI(), FALSE);
+  VxSetShowParserUI(5);
+  EXPECT_EQ(VxGetShowParserUI(), TRUE);
+
+  EXPECT_EQ(VxHWIsVideoHALInstantiated(), FALSE);
+  VxSetVideoHALInstantiated(TRUE);
+  EXPECT_NE(VxHWIsVideoHALInstantiated(), FALSE);
+  VxSetVideoHALInstantiated(FALSE);
+  EXPECT_EQ(VxHWIsVideoHALInstantiated(), FALSE);
+}
+
+TEST(HostFlags, ProjectPropertiesAreAbsentUntilSet) {
+  double v = -7.0;
+  EXPECT_EQ(VxGetProjectProperty(VXT("Project Frame World Size (X)"), &v), FALSE);
+  EXPECT_EQ(v, -7.0);
+  VxSetProjectProperty(VXT("Project Frame World Size (X)"), 2048.0);
+  VxSetProjectProperty(VXT("Project Field Dominance"), 1.0);
+  EXPECT_EQ(VxGetProjectProperty(VXT("Project Frame World Size (X)"), &v), TRUE);
+  EXPECT_EQ(v, 2048.0);
+  EXPECT_EQ(VxGetProjectProperty(VXT("project frame world size (x)"), &v), FALSE);
+  EXPECT_EQ(VxGetProjectProperty(nullptr, &v), FALSE);
+  EXPECT_EQ(VxGetProjectProperty(VXT("Project Field Dominance"), nullptr), FALSE);
+}
+
+#ifndef _WIN32
+TEST(MessageBox, DefaultWritesOneLineToStderrAndHandlersReplaceIt) {
+  testing::internal::CaptureStderr();
+  VxMessageBox(VXT("Error Message"), VXT("Bad file \u00e9"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error Message: Bad file \xc3\xa9\n");
+
+  struct Seen {
+    std::vector<VxString> lines;
+  } seen;
+  VxSetMessageBoxHandler(
+      [](const VxChar* caption, const VxChar* text, void* ctx) {
+        static_cast<Seen*>(ctx)->lines.push_back(VxString(caption) + VXT("|") + text);
+      },
+      &seen);
+  testing::internal::CaptureStderr();
+  VxMessageBox(VXT("Quick Time parser ERROR"), VXT("no decoder"));
+  VxMessageBox(nullptr, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  ASSERT_EQ(seen.lines.size(), 2u);
+  EXPECT_EQ(seen.lines[0], VxString(VXT("Quick Time parser ERROR|no decoder")));
+  EXPECT_EQ(seen.lines[1], VxString(VXT("|")));
+
+  VxSetMessageBoxHandler(nullptr, nullptr);  // back to the default
+  testing::internal::CaptureStderr();
+  VxMessageBox(VXT("A"), VXT("B"));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "A: B\n");
+}
+#endif
+
+}  // namespace

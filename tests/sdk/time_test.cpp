@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "vx/sdk.h"
+
+namespace {
+
+void ExpectRate(double rate, int num, int den) {
+  const VxTimeFormat f = VxGetTimeFormatFromSampleRate(rate);
+  EXPECT_EQ(f.rateNum, num) << rate;
+  EXPECT_EQ(f.rateDen, den) << rate;
+}
+
+TEST(TimeFormat, SnapsNtscRatesAndReducesOthers) {
+  ExpectRate(23.976, 24000, 1001);
+  ExpectRate(23.9759, 24000, 1001);
+  ExpectRate(24000.0 / 1001.0, 24000, 1001);
+  ExpectRate(29.97, 30000, 1001);
+  ExpectRate(47.952, 48000, 1001);
+  ExpectRate(59.94, 60000, 1001);
+  ExpectRate(119.88, 120000, 1001);
+  ExpectRate(23.974, 11987, 500);  // outside the snapping window
+  ExpectRate(24.0, 24, 1);
+  ExpectRate(25.0, 25, 1);
+  ExpectRate(12.5, 25, 2);
+  ExpectRate(48000.0, 48000, 1);
+  ExpectRate(44100.0, 44100, 1);
+  for (double bad : {0.0, -24.0, std::nan(""), std::numeric_limits<double>::infinity(), 1e12, 1e-5})
+    ExpectRate(bad, 0, 1);
+}
+
+TEST(Time, FramesAtCommonRatesAreExactTicks) {
+  const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
+  const VxTimeFormat ntsc = VxGetTimeFormatFromSampleRate(29.97);
+  EXPECT_EQ(CVxTime(1, f24).Ticks(), 29400000);
+  EXPECT_EQ(CVxTime(24, f24).Ticks(), kVxTicksPerSecond);
+  EXPECT_EQ(CVxTime(30000, ntsc).Ticks(), 1001 * kVxTicksPerSecond);
+  EXPECT_EQ(CVxTime(1, ntsc).Ticks(), 23543520);
+  EXPECT_EQ(CVxTime(-1, f24).Ticks(), -29400000);
+  const VxTimeFormat audio = VxGetTimeFormatFromSampleRate(44100.0);
+  EXPECT_EQ(CVxTime(44100, audio).Ticks(), kVxTicksPerSecond);
+  EXPECT_DOUBLE_EQ(CVxTime(12, f24).Seconds(), 0.5);
+}
+
+TEST(Time, ToFrameIsFloorAndInvertsFrameStarts) {
+  const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
+  EXPECT_EQ(CVxTime(29399999).ToFrame(f24), 0);
+  EXPECT_EQ(CVxTime(29400000).ToFrame(f24), 1);
+  EXPECT_EQ(CVxTime(-1).ToFrame(f24), -1);
+  // A rate that does not divide the time base: frame starts still map back to their frame,
+  // and the tick before a start belongs to the previous frame.
+  const VxTimeFormat odd{7, 3};
+  for (std::int64_t f : {-1000001LL, -7LL, -1LL, 0LL, 1LL, 2LL, 3LL, 1000003LL}) {
+    const CVxTime t(f, odd);
+    EXPECT_EQ(t.ToFrame(odd), f) << f;
+    EXPECT_EQ(CVxTime(t.Ticks() - 1).ToFrame(odd), f - 1) << f;
+  }
+  // Long programmes do not overflow: ten days at 23.976.
+  const VxTimeFormat film = VxGetTimeFormatFromSampleRate(23.976);
+  const std::int64_t frames = 10LL * 24 * 3600 * 24;
+  EXPECT_EQ(CVxTime(frames, film).ToFrame(film), frames);
+}
+
+TEST(Time, ExtremesSaturateAndInvalidFormatsGiveZero) {
+  const VxTimeFormat slow{1, 1000};
+  EXPECT_EQ(CVxTime(std::numeric_limits<std::int64_t>::max(), slow).Ticks(),
+            std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(CVxTime(std::numeric_limits<std::int64_t>::min(), slow).Ticks(),
+            std::numeric_limits<std::int64_t>::min());
+  // 120 fps is 5,880,000 ticks a frame: floor division, not truncation, of the most negative time.
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  const std::int64_t expected = kMin / 5880000 - (kMin % 5880000 != 0 ? 1 : 0);
+  EXPECT_EQ(CVxTime(kMin).ToFrame(VxTimeFormat{120, 1}), expected);
+  EXPECT_EQ(CVxTime(5, VxTimeFormat{0, 1}).Ticks(), 0);
+  EXPECT_EQ(CVxTime(5, VxTimeFormat{24, 0}).Ticks(), 0);
+  EXPECT_EQ(CVxTime(1000).ToFrame(VxTimeFormat{-24, 1}), 0);
+}
+
+TEST(TimeCode, BcdWordsRoundTrip) {
+  EXPECT_EQ(VxConstructLTCInBCD(10, 59, 30, 23), 0x10593023u);
+  EXPECT_EQ(VxConstructLTCInBCD(0, 0, 0, 0), 0u);
+  EXPECT_EQ(VxConstructLTCInBCD(23, 59, 59, 29), 0x23595929u);
+  int h, m, s, f;
+  for (DWORD word : {0x10593023u, 0x00000001u, 0x99999999u}) {
+    ASSERT_TRUE(VxParseLTCInBCD(word, &h, &m, &s, &f)) << std::hex << word;
+    EXPECT_EQ(VxConstructLTCInBCD(h, m, s, f), word);
+  }
+  ASSERT_TRUE(VxParseLTCInBCD(0x01020304u, &h, &m, &s, &f));
+  EXPECT_EQ(h, 1);
+  EXPECT_EQ(m, 2);
+  EXPECT_EQ(s, 3);
+  EXPECT_EQ(f, 4);
+  EXPECT_FALSE(VxParseLTCInBCD(0xFFFFFFFFu, &h, &m, &s, &f));
+  EXPECT_FALSE(VxParseLTCInBCD(0x1000000Au, &h, &m, &s, &f));  // units nibble of frames
+  EXPECT_FALSE(VxParseLTCInBCD(0xA0000000u, &h, &m, &s, &f));  // tens nibble of hours
+  EXPECT_EQ(VxConstructLTCInBCD(100, 0, 0, 0), 0xFFFFFFFFu);
+  EXPECT_EQ(VxConstructLTCInBCD(0, -1, 0, 0), 0xFFFFFFFFu);
+}
+
+TEST(EdgeCodeText, ParsesWhatTheFilmHeaderBuilds) {
+  EdgeCode e;
+  ASSERT_TRUE(e.InitFromString("KD 35 12-123456+7890"));
+  EXPECT_EQ(e.manufacturer, "KD");
+  EXPECT_EQ(e.filmType, "35");
+  EXPECT_EQ(e.perfOffset, "12");
+  EXPECT_EQ(e.prefix, "123456");
+  EXPECT_EQ(e.count, "7890");
+  EXPECT_EQ(e.ToString(), "KD 35 12-123456+7890");
+
+  // Fixed-width header fields padded with blanks or NULs, some of them empty.
+  ASSERT_TRUE(e.InitFromString(" 05 -A1B2  +0042"));
+  EXPECT_EQ(e.manufacturer, "");
+  EXPECT_EQ(e.filmType, "05");
+  EXPECT_EQ(e.perfOffset, "");
+  EXPECT_EQ(e.prefix, "A1B2");
+  EXPECT_EQ(e.count, "0042");
+  EXPECT_EQ(e.ToString(), " 05 -A1B2+0042");
+
+  ASSERT_TRUE(e.InitFromString("KD"));  // the rest missing
+  EXPECT_EQ(e.manufacturer, "KD");
+  EXPECT_EQ(e.count, "");
+}
+
+TEST(EdgeCodeText, NothingUsableIsInvalid) {
+  EdgeCode e;
+  ASSERT_TRUE(e.InitFromString("KD 35 12-123456+7890"));
+  EXPECT_FALSE(e.InitFromString("  -+"));
+  EXPECT_FALSE(e.IsValid());
+  EXPECT_EQ(e.ToString(), "");
+  EXPECT_EQ(e.prefix, "");  // nothing left over from the earlier text
+  EXPECT_FALSE(e.InitFromString(""));
+  EXPECT_FALSE(e.InitFromString(nullptr));
+  e.InitPos(3);
+  EXPECT_EQ(e.perfType, 3);
+}
+
+}  // namespace
