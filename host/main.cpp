@@ -1,6 +1,15 @@
-#include <cstdio>
+// vxhost: a command-line host for the parser component. Each command lives in its own
+// cmd_*.cpp file and registers itself.
+#include "host.h"
 
-int main() {
-  std::puts("vxhost: the command-line host of vxprsr");
-  return 0;
+int main(int argc, char** argv) {
+  CLI::App app{"vxhost: load the vxprsr parser module and use its parsers like a host"};
+  app.require_subcommand(1);
+  app.fallthrough();  // --module may follow the command name
+  vxhost::Options options;
+  app.add_option("--module", options.modulePath,
+                 "Parser module to load (default: the one beside vxhost)");
+  vxhost::AddRegisteredCommands(app, options);
+  CLI11_PARSE(app, argc, argv);
+  return vxhost::ExitCode();
 }

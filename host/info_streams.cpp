@@ -1,0 +1,108 @@
+// vxhost info: what every parser answers through the media-file interface: stream formats,
+// frame count, time range, compression.
+#include <cstring>
+
+#include "host.h"
+
+namespace vxhost {
+namespace {
+
+const char* FieldModeName(std::int32_t mode) {
+  switch (mode) {
+    case VX_FIELD_LOWER_FIRST:
+      return "lower field first";
+    case VX_FIELD_UPPER_FIRST:
+      return "upper field first";
+    case VX_FIELD_PROGRESSIVE:
+      return "progressive";
+    default:
+      return "unknown";
+  }
+}
+
+Json TimeRange(IVxMediaFileParser* parser, DWORD kind) {
+  CVxTime start, end;
+  HRESULT hr = parser->GetTimeRange(kind, &start, &end);
+  if (hr != S_OK) return nullptr;
+  return Json{{"start", start.Seconds()},
+              {"end", end.Seconds()},
+              {"length in ticks", end.Ticks() - start.Ticks()}};
+}
+
+HRESULT Picture(InfoContext& c, Json& out) {
+  BOOL has = FALSE;
+  if (FAILED(c.parser->HasStream(VX_STREAM_PICTURE, &has)) || !has) return S_OK;
+  tagVxImageStreamFormat f{};
+  f.cbSize = sizeof f;
+  HRESULT hr = c.parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &f);
+  if (hr == E_NOTIMPL) {
+    out["picture"] = "format not reported";
+    return S_OK;
+  }
+  if (FAILED(hr)) return hr;
+  Json p{{"size", std::to_string(f.width) + "x" + std::to_string(f.height)},
+         {"frames", f.frameCount},
+         {"channels", f.channels},
+         {"bits per pixel", f.bitsPerPixel},
+         {"alpha", f.hasAlpha != 0},
+         {"pixel format", VxPixelFormatName(static_cast<VxPixelFormat>(f.pixelFormat))}};
+  p["frame rate"] = f.frameRate > 0 ? Json(f.frameRate) : Json("unknown");
+  p["pixel aspect"] = f.pixelAspect > 0 ? Json(f.pixelAspect) : Json("unknown");
+  p["field mode"] = FieldModeName(f.fieldMode);
+  if (Json range = TimeRange(c.parser, VX_STREAM_PICTURE); !range.is_null()) {
+    p["time range"] = range;
+  }
+  DWORD caps = 0;
+  if (c.parser->GetStreamCapabilities(0, VX_STREAM_PICTURE, &caps) == S_OK) {
+    p["capabilities"] = caps;
+  }
+  out["picture"] = std::move(p);
+  return S_OK;
+}
+
+HRESULT Sound(InfoContext& c, Json& out) {
+  BOOL has = FALSE;
+  if (FAILED(c.parser->HasStream(VX_STREAM_SOUND, &has)) || !has) return S_OK;
+  alignas(WAVEFORMATEX) unsigned char buffer[512] = {};
+  VxAudioStreamFormat record{kVxAudioStreamFormatSize, reinterpret_cast<WAVEFORMATEX*>(buffer)};
+  HRESULT hr = c.parser->GetStreamFormat(VX_STREAM_SOUND, 0, &record);
+  if (hr == E_NOTIMPL) {
+    out["sound"] = "format not reported";
+    return S_OK;
+  }
+  if (FAILED(hr)) return hr;
+  WAVEFORMATEX wf;
+  std::memcpy(&wf, buffer, sizeof wf);
+  Json s{{"format tag", wf.wFormatTag},
+         {"channels", wf.nChannels},
+         {"sample rate", wf.nSamplesPerSec},
+         {"bits per sample", wf.wBitsPerSample},
+         {"block align", wf.nBlockAlign}};
+  ComPtr<IVxAudioStreamParser> stream;
+  if (SUCCEEDED(
+          c.parser->GetStream(VX_STREAM_SOUND, 0, IID_IVxAudioStreamParser, stream.put_void())) &&
+      stream) {
+    LONG range[2] = {0, 0};
+    if (stream->GetLength(range) == S_OK)
+      s["samples"] = static_cast<std::int64_t>(range[1]) - range[0];
+  }
+  if (Json range = TimeRange(c.parser, VX_STREAM_SOUND); !range.is_null()) s["time range"] = range;
+  out["sound"] = std::move(s);
+  return S_OK;
+}
+
+HRESULT Compression(InfoContext& c, Json& out) {
+  VxChar name[256] = {};
+  if (c.parser->GetCompressionName(name, 256) == S_OK && name[0]) {
+    out["compression"] = vx::ToUtf8(name);
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+VXHOST_INFO_SECTION(10, Picture);
+VXHOST_INFO_SECTION(20, Sound);
+VXHOST_INFO_SECTION(30, Compression);
+
+}  // namespace vxhost
