@@ -200,64 +200,49 @@ HRESULT CVxDPXFileParser::GetCompressionName(VxChar* buffer, int size) {
 
 // ---- Pictures -------------------------------------------------------------------------------
 
-HRESULT CVxDPXFileParser::DecodeInto(vx::os::FileHandle file, IVxImage* image) {
+HRESULT CVxDPXFileParser::ReadElements(vx::os::FileHandle file) {
   const DpxHeaderState& s = state_;
-  const VxPixelFormat format = image->GetPixelFormat();
-  DpxTarget target;
-  target.pixels = image->GetBuffer();
-  target.rowStride = image->GetRowStride();
-  target.width = s.width;
-  target.height = s.height;
-  target.channels = static_cast<std::uint32_t>(VxPixelFormatChannels(format));
-  target.isFloat = format == VX_PF_RGBAF32 || format == VX_PF_RGBF32 || format == VX_PF_GRAYF32;
-
   // Which elements feed which channels.
   struct Source {
     const DpxElementInfo* info;
     std::int8_t map[4];
-    bool replicate;
   };
   Source sources[4];
   int count = 0;
   if (s.Planar()) {
     for (int slot = 0; slot < 3; ++slot) {
-      sources[count++] = {&s.elements[slot], {static_cast<std::int8_t>(slot), -1, -1, -1}, false};
+      sources[count++] = {&s.elements[slot], {static_cast<std::int8_t>(slot), -1, -1, -1}};
     }
   } else {
     const DpxElementInfo& e = s.elements[0];
-    Source src{&e, {0, 1, 2, 3}, false};
-    if (e.components == 1) {
-      src.replicate = target.channels >= 3;
-    } else if (s.reversedOrder) {
-      if (e.components == 3) {
-        src.map[0] = 2;
-        src.map[1] = 1;
-        src.map[2] = 0;
-      } else {
-        src.map[0] = 3;
-        src.map[1] = 2;
-        src.map[2] = 1;
-        src.map[3] = 0;
-      }
+    Source src{&e, {0, 1, 2, 3}};
+    if (s.reversedOrder && e.components == 3) {
+      src.map[0] = 2;
+      src.map[2] = 0;
+    } else if (s.reversedOrder && e.components == 4) {
+      src.map[0] = 3;
+      src.map[1] = 2;
+      src.map[2] = 1;
+      src.map[3] = 0;
     }
     sources[count++] = src;
   }
   if (const DpxElementInfo* alpha = s.SeparateAlpha()) {
-    sources[count++] = {alpha, {3, -1, -1, -1}, false};
+    sources[count++] = {alpha, {3, -1, -1, -1}};
   }
 
+  jobCount_ = 0;
   std::uint64_t fileSize = 0;
   if (!vx::os::Size(file, &fileSize)) return E_FAIL;
-  DpxElementJob jobs[4];
   for (int i = 0; i < count; ++i) {
     const DpxElementInfo& e = *sources[i].info;
-    DpxElementJob& job = jobs[i];
+    DpxElementJob& job = jobs_[i];
+    job = DpxElementJob();
     job.layout.bits = e.bitDepth;
     job.layout.packing = e.packing;
     job.layout.components = e.components;
     job.layout.bigEndian = s.bigEndian;
     std::memcpy(job.channelOf, sources[i].map, sizeof job.channelOf);
-    job.replicateLuma = sources[i].replicate;
     const std::uint64_t line =
         isDpx_ ? DpxLineBytes(e.bitDepth, e.packing, s.width, e.components, false)
                : CineonLineBytes(e.bitDepth, s.width, e.components);
@@ -288,9 +273,26 @@ HRESULT CVxDPXFileParser::DecodeInto(vx::os::FileHandle file, IVxImage* image) {
     job.data = buffer.data();
     job.size = static_cast<std::size_t>(bytes);
   }
+  jobCount_ = count;
+  return S_OK;
+}
+
+HRESULT CVxDPXFileParser::DecodeInto(IVxImage* image) {
+  const DpxHeaderState& s = state_;
+  const VxPixelFormat format = image->GetPixelFormat();
+  DpxTarget target;
+  target.pixels = image->GetBuffer();
+  target.rowStride = image->GetRowStride();
+  target.width = s.width;
+  target.height = s.height;
+  target.channels = static_cast<std::uint32_t>(VxPixelFormatChannels(format));
+  target.isFloat = format == VX_PF_RGBAF32 || format == VX_PF_RGBF32 || format == VX_PF_GRAYF32;
+  for (int i = 0; i < jobCount_; ++i) {
+    jobs_[i].replicateLuma =
+        jobs_[i].layout.components == 1 && IsLuma(s) && i == 0 && target.channels >= 3;
+  }
   const int fill = target.channels == 4 && !s.hasAlpha ? 3 : -1;
-  const std::uint32_t orientation = s.orientation;
-  if (!DpxDecode(jobs, count, target, orientation, fill, DecodeThreads())) return E_FAIL;
+  if (!DpxDecode(jobs_, jobCount_, target, s.orientation, fill, DecodeThreads())) return E_FAIL;
   return S_OK;
 }
 
@@ -311,6 +313,8 @@ HRESULT CVxDPXFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
   const VxPixelFormat native = NativeFormat();
   const double aspect = AspectImposed() ? PixelAspect() : s.aspectKnown ? s.pixelAspect : 1.0;
   const int field = FieldMode();
+  // Every check on the file comes before the caller's image is touched.
+  if (HRESULT hr = ReadElements(file); FAILED(hr)) return hr;
 
   IVxImage* dst = *image;
   bool direct = false;
@@ -324,14 +328,14 @@ HRESULT CVxDPXFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
     if (dst->GetWidth() != w || dst->GetHeight() != h) {
       if (HRESULT hr = dst->Allocate(w, h, dst->GetPixelFormat()); FAILED(hr)) return hr;
     }
-    if (HRESULT hr = DecodeInto(file, dst); FAILED(hr)) return hr;
+    if (HRESULT hr = DecodeInto(dst); FAILED(hr)) return hr;
     dst->SetPixelAspect(aspect);
     dst->SetFieldMode(field);
     return S_OK;
   }
   ImageRef decoded;
   if (HRESULT hr = VxCreateImage(w, h, native, &decoded.p); FAILED(hr)) return hr;
-  if (HRESULT hr = DecodeInto(file, decoded.p); FAILED(hr)) return hr;
+  if (HRESULT hr = DecodeInto(decoded.p); FAILED(hr)) return hr;
   decoded.p->SetPixelAspect(aspect);
   decoded.p->SetFieldMode(field);
   if (!dst) {

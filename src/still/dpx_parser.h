@@ -7,6 +7,7 @@
 #include "frame/still_image_parser.h"
 #include "still/dpx_header.h"
 #include "still/dpx_settings.h"
+#include "still/dpx_unpack.h"
 #include "vx/parser.h"
 
 class CVxDPXFileParser : public CVxStillImageParser,
@@ -68,7 +69,10 @@ class CVxDPXFileParser : public CVxStillImageParser,
   HRESULT LoadHeader(vx::os::FileHandle* keep);
   // Makes a file of the list current for a format query that names no frame.
   HRESULT EnsureHeader();
-  HRESULT DecodeInto(vx::os::FileHandle file, IVxImage* image);
+  // Reads every element the picture needs into buffers_ and sets up jobs_.
+  HRESULT ReadElements(vx::os::FileHandle file);
+  // Decodes the read elements into an image of the picture's size.
+  HRESULT DecodeInto(IVxImage* image);
   double FrameRate() const;
   std::int32_t FieldMode() const;
 
@@ -85,4 +89,6 @@ class CVxDPXFileParser : public CVxStillImageParser,
   vx::dpx::DpxImportSettings import_;
   // Element bytes, kept between frames so a sequence reuses the memory.
   std::vector<std::uint8_t> buffers_[4];
+  vx::dpx::DpxElementJob jobs_[4];
+  int jobCount_ = 0;
 };

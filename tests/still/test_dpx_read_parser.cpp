@@ -1,0 +1,573 @@
+// The DPX/Cineon parser through its host interfaces: files of other writers (corpus, ImageMagick)
+// against their decoded values, header faults, and the stream queries.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "dpx_read_test_util.h"
+#include "still/dpx_parser.h"
+#include "test_util.h"
+
+namespace {
+
+// Parser with one reference, released with the holder.
+struct Parser {
+  CVxDPXFileParser* p;
+  explicit Parser(bool dpx = true) : p(new CVxDPXFileParser(dpx ? 1 : 0)) { p->AddRef(); }
+  ~Parser() { p->Release(); }
+  CVxDPXFileParser* operator->() const { return p; }
+  HRESULT Open(const std::filesystem::path& f) {
+    return p->Open(vxtest::Wide(f).c_str(), VX_OPEN_NO_PATTERN);
+  }
+};
+
+struct Image {
+  IVxImage* p = nullptr;
+  ~Image() {
+    if (p) p->Release();
+  }
+  std::uint16_t At16(int x, int y, int c) const {
+    const int ch = VxPixelFormatChannels(p->GetPixelFormat());
+    std::uint16_t v;
+    std::memcpy(&v, p->GetBuffer() + y * p->GetRowStride() + (x * ch + c) * 2, 2);
+    return v;
+  }
+  float AtF(int x, int y, int c) const {
+    const int ch = VxPixelFormatChannels(p->GetPixelFormat());
+    float v;
+    std::memcpy(&v, p->GetBuffer() + y * p->GetRowStride() + (x * ch + c) * 4, 4);
+    return v;
+  }
+};
+
+tagVxImageStreamFormat Format(Parser& parser, HRESULT* hr) {
+  tagVxImageStreamFormat f{};
+  f.cbSize = sizeof f;
+  *hr = parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &f);
+  return f;
+}
+
+// A whole file: header, then `data` at offset 2048.
+void WriteDpx(const std::filesystem::path& p, const dpxtest::Bytes& header,
+              const std::vector<std::uint8_t>& data) {
+  std::vector<std::uint8_t> all = header.data;
+  all.insert(all.end(), data.begin(), data.end());
+  vxtest::WriteFile(p, all);
+}
+
+bool HaveImageMagick() {
+  return std::system("convert -version > /dev/null 2>&1") == 0;
+}
+
+}  // namespace
+
+// ---- Files of other writers -----------------------------------------------------------------
+
+TEST(DpxReadCorpus, MatchesOracle) {
+  const auto corpus = vxtest::CorpusDir();
+  if (corpus.empty()) GTEST_SKIP() << "no corpus folder";
+  std::ifstream in(corpus / "oracle-oiio.jsonl");
+  if (!in) GTEST_SKIP() << "no oracle";
+  int checked = 0;
+  std::string line;
+  while (std::getline(in, line)) {
+    const auto j = nlohmann::json::parse(line);
+    const std::string file = j["file"];
+    const bool dpx = file.starts_with("dpx/");
+    if (!dpx && !file.starts_with("cineon/")) continue;
+    SCOPED_TRACE(file);
+    Parser parser(dpx);
+    ASSERT_EQ(parser.Open(corpus / file), S_OK);
+    HRESULT hr;
+    const auto f = Format(parser, &hr);
+    ASSERT_EQ(hr, S_OK);
+    EXPECT_EQ(f.width, j["width"].get<DWORD>());
+    EXPECT_EQ(f.height, j["height"].get<DWORD>());
+    const int channels = j["channels"];
+    EXPECT_EQ(f.channels, static_cast<DWORD>(channels));
+    EXPECT_EQ(parser->HeaderState().maxBits, j["bits"].get<DWORD>());
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+    ASSERT_NE(img.p, nullptr);
+    EXPECT_EQ(img.p->GetPixelFormat(), channels == 4 ? VX_PF_RGBA16 : VX_PF_RGB16);
+    // The oracle scales 10-bit codes by 1/1023 as we do: half a code value of slack is
+    // already a wrong code.
+    for (const auto& s : j["samples"]) {
+      const int x = s["x"], y = s["y_from_top"];
+      for (int c = 0; c < channels; ++c) {
+        const double want = s["v"][c];
+        EXPECT_NEAR(img.At16(x, y, c) / 65535.0, want, 0.5 / 1023) << x << "," << y << " c" << c;
+      }
+    }
+    // The float path agrees.
+    Image fl;
+    ASSERT_EQ(VxCreateImage(0, 0, channels == 4 ? VX_PF_RGBAF32 : VX_PF_RGBF32, &fl.p), S_OK);
+    ASSERT_EQ(parser->ReadImage(&fl.p, 0), S_OK);
+    const auto& s0 = j["samples"][2];
+    EXPECT_NEAR(fl.AtF(s0["x"], s0["y_from_top"], 1), s0["v"][1].get<double>(), 0.5 / 1023);
+    ++checked;
+  }
+  EXPECT_EQ(checked, 3);
+}
+
+TEST(DpxReadInterop, ImageMagickFiles) {
+  if (!HaveImageMagick()) GTEST_SKIP() << "ImageMagick not installed";
+  vxtest::TempDir dir;
+  struct Case {
+    const char* make;  // arguments that produce the picture
+    int depth;
+    const char* raw;  // ImageMagick's raw output kind
+    int channels;
+    // ImageMagick's own reading of 10-bit RGBA shifts codes up by 6 bits instead of scaling
+    // them: compare within one code step there.
+    int slack = 1;
+    // ImageMagick fills 10-bit single-channel words first sample lowest; everyone else (and the
+    // RGB elements of the same writer) put the first sample highest. The gray case is 6 wide so
+    // that every word is whole.
+    bool lumaWordsReversed = false;
+  } cases[] = {
+      {"-size 7x5 -seed 3 plasma:fractal", 8, "rgb", 3},
+      {"-size 7x5 -seed 3 plasma:fractal", 10, "rgb", 3},
+      {"-size 7x5 -seed 3 plasma:fractal", 12, "rgb", 3},
+      {"-size 7x5 -seed 3 plasma:fractal", 16, "rgb", 3},
+      {"-size 5x3 -seed 4 plasma:fractal -endian LSB", 10, "rgb", 3},
+      {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
+       "copy_opacity -composite",
+       10, "rgba", 4, 65},
+      {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
+       "copy_opacity -composite",
+       16, "rgba", 4},
+      {"-size 6x5 -seed 3 plasma:fractal -colorspace gray", 10, "gray", 1, 1, true},
+      {"-size 7x5 -seed 3 plasma:fractal -colorspace gray", 8, "gray", 1},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    const auto dpx = dir / ("m" + std::to_string(n) + ".dpx");
+    const auto raw = dir / ("m" + std::to_string(n) + ".raw");
+    ++n;
+    SCOPED_TRACE(std::string(c.make) + " depth " + std::to_string(c.depth));
+    std::string make = std::string("convert ") + c.make + " -depth " + std::to_string(c.depth) +
+                       " '" + dpx.string() + "'";
+    // Shell parentheses need escaping.
+    std::string cmd;
+    for (char ch : make) {
+      if (ch == '(' || ch == ')') cmd += '\\';
+      cmd += ch;
+    }
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    // ImageMagick takes DPX data as linear and would re-encode it on the way out; labelling it
+    // sRGB hands back the stored code values.
+    const std::string dump = "convert '" + dpx.string() +
+                             "' -set colorspace sRGB -endian MSB -depth 16 " + c.raw + ":'" +
+                             raw.string() + "'";
+    ASSERT_EQ(std::system(dump.c_str()), 0);
+    const auto want = vxtest::ReadFile(raw);
+
+    Parser parser;
+    ASSERT_EQ(parser.Open(dpx), S_OK);
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+    const int w = img.p->GetWidth(), h = img.p->GetHeight();
+    ASSERT_EQ(want.size(), static_cast<std::size_t>(w * h * c.channels * 2));
+    EXPECT_EQ(VxPixelFormatChannels(img.p->GetPixelFormat()), c.channels);
+    int bad = 0;
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) {
+        for (int k = 0; k < c.channels; ++k) {
+          const int ix = c.lumaWordsReversed ? x / 3 * 3 + 2 - x % 3 : x;
+          const std::size_t i = (std::size_t(y) * w + ix) * c.channels + k;
+          const int expect = want[2 * i] << 8 | want[2 * i + 1];
+          if (std::abs(img.At16(x, y, k) - expect) > c.slack && bad++ < 5) {
+            ADD_FAILURE() << "at " << x << "," << y << " channel " << k << ": " << img.At16(x, y, k)
+                          << " vs " << expect;
+          }
+        }
+      }
+    }
+    EXPECT_EQ(bad, 0);
+  }
+}
+
+// ---- Header faults through the parser -------------------------------------------------------
+
+TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
+  vxtest::TempDir dir;
+  const std::vector<std::uint8_t> data(4 * 2 * 4, 0);
+  const auto good = dir / "good.dpx";
+  WriteDpx(good, dpxtest::MakeDpxHeader({}), data);
+
+  using SpecTweak = std::function<void(dpxtest::DpxHeaderSpec&)>;
+  struct Case {
+    const char* name;
+    SpecTweak tweak;
+    const char* magic = nullptr;
+    std::size_t cut = 0;
+  } cases[] = {
+      {"magic", [](auto&) {}, "ABCD"},
+      {"nine", [](auto& s) { s.elementCountOverride = 9; }},
+      {"red twice",
+       [](auto& s) {
+         s.elements = {{1}, {1}, {2}, {3}};
+       }},
+      {"no blue",
+       [](auto& s) {
+         s.elements = {{1}, {2}};
+       }},
+      {"orientation", [](auto& s) { s.orientation = 8; }},
+      {"film cut", [](auto&) {}, nullptr, 1800},
+      {"television cut", [](auto&) {}, nullptr, 2000},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    dpxtest::DpxHeaderSpec spec;
+    c.tweak(spec);
+    auto b = dpxtest::MakeDpxHeader(spec);
+    if (c.magic) b.Text(0, c.magic);
+    const auto bad = dir / (std::string(c.name) + ".dpx");
+    if (c.cut) {
+      b.data.resize(c.cut);
+      vxtest::WriteFile(bad, b.data);
+    } else {
+      WriteDpx(bad, b, data);
+    }
+    Parser parser;
+    // A good file first, so that a failure has something it must not mix in.
+    ASSERT_EQ(parser.Open(good), S_OK);
+    HRESULT hr;
+    Format(parser, &hr);
+    ASSERT_EQ(hr, S_OK);
+    ASSERT_TRUE(parser->HeaderLoaded());
+    ASSERT_EQ(parser.Open(bad), S_OK);
+    Format(parser, &hr);
+    EXPECT_EQ(hr, E_FAIL);
+    EXPECT_FALSE(parser->HeaderLoaded());
+    Image img;
+    ASSERT_EQ(VxCreateImage(4, 2, VX_PF_RGB16, &img.p), S_OK);
+    std::memset(img.p->GetBuffer(), 0x5A, img.p->GetRowStride() * 2);
+    EXPECT_EQ(parser->ReadImage(&img.p, 0), E_FAIL);
+    EXPECT_EQ(img.At16(0, 0, 0), 0x5A5A);
+    IVxImage* none = nullptr;
+    EXPECT_EQ(parser->ReadImage(&none, 0), E_FAIL);
+    EXPECT_EQ(none, nullptr);
+    DWORD bits = 0;
+    EXPECT_EQ(parser->GetBitDepth(&bits), E_FAIL);
+  }
+  // A missing file fails the same way.
+  Parser parser;
+  ASSERT_EQ(parser.Open(dir / "absent.dpx"), S_OK);
+  HRESULT hr;
+  Format(parser, &hr);
+  EXPECT_EQ(hr, E_FAIL);
+}
+
+TEST(DpxReadFaults, TruncatedPictureData) {
+  vxtest::TempDir dir;
+  dpxtest::DpxHeaderSpec spec;  // 4x2 10-bit RGB method A: 16 bytes a line
+  const auto p = dir / "short.dpx";
+  WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(31, 0xFF));
+  Parser parser;
+  ASSERT_EQ(parser.Open(p), S_OK);
+  Image img;
+  ASSERT_EQ(VxCreateImage(4, 2, VX_PF_RGBA16, &img.p), S_OK);
+  EXPECT_EQ(parser->ReadImage(&img.p, 0), E_FAIL);
+  EXPECT_EQ(img.At16(0, 0, 0), 0);
+  // Data offset past the end.
+  spec.elements[0].offset = 0x7FFFFFF0;
+  WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(32, 0));
+  Parser other;
+  ASSERT_EQ(other.Open(p), S_OK);
+  EXPECT_EQ(other->ReadImage(&img.p, 0), E_FAIL);
+  // Huge dimensions with little data: refused before any allocation.
+  spec.elements[0].offset = 2048;
+  spec.width = 0x40000000;
+  spec.height = 0x40000000;
+  WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(32, 0));
+  Parser huge;
+  ASSERT_EQ(huge.Open(p), S_OK);
+  IVxImage* none = nullptr;
+  EXPECT_EQ(huge->ReadImage(&none, 0), E_FAIL);
+}
+
+// ---- Stream queries and layouts -------------------------------------------------------------
+
+TEST(DpxReadParser, StreamFormatAndQueries) {
+  vxtest::TempDir dir;
+  dpxtest::DpxHeaderSpec spec;
+  spec.big = false;
+  spec.width = 3;
+  spec.height = 1;
+  auto b = dpxtest::MakeDpxHeader(spec);
+  b.F32(1940, 25.0f);
+  b.U8(1928, 1);
+  b.U8(1929, 1);
+  b.U32(1628, 16);
+  b.U32(1632, 15);
+  b.U32(1920, 0x10203040);
+  b.Text(1556, "Telecine 2");
+  const auto p = dir / "q.dpx";
+  WriteDpx(p, b, dpxtest::EncodeFilled10({1023, 0, 512, 1, 2, 3, 4, 5, 6}, true, false));
+  Parser parser;
+  ASSERT_EQ(parser.Open(p), S_OK);
+  HRESULT hr;
+  auto f = Format(parser, &hr);
+  ASSERT_EQ(hr, S_OK);
+  EXPECT_EQ(f.frameCount, 1u);
+  EXPECT_EQ(f.width, 3u);
+  EXPECT_EQ(f.height, 1u);
+  EXPECT_EQ(f.channels, 3u);
+  EXPECT_EQ(f.bitsPerPixel, 30u);
+  EXPECT_EQ(f.planes, 1u);
+  EXPECT_EQ(f.hasAlpha, 0u);
+  EXPECT_DOUBLE_EQ(f.frameRate, 25.0);
+  EXPECT_DOUBLE_EQ(f.pixelAspect, 16.0 / 15.0);
+  EXPECT_EQ(f.fieldMode, 1);
+  EXPECT_EQ(f.pixelFormat, VX_PF_RGB16);
+
+  tagVxImageStreamFormat wrong{};
+  wrong.cbSize = 55;
+  EXPECT_EQ(parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &wrong), E_INVALIDARG);
+  EXPECT_EQ(parser->GetStreamFormat(VX_STREAM_SOUND, 0, &f), E_INVALIDARG);
+
+  DWORD caps = 1;
+  EXPECT_EQ(parser->GetStreamCapabilities(0, VX_STREAM_PICTURE, &caps), S_OK);
+  EXPECT_EQ(caps, 170u);
+  EXPECT_EQ(parser->GetStreamCapabilities(0, VX_STREAM_SOUND, &caps), S_OK);
+  EXPECT_EQ(caps, 0u);
+
+  CVxTime start, end;
+  EXPECT_EQ(parser->GetTimeRange(VX_STREAM_PICTURE, &start, &end), S_OK);
+  EXPECT_EQ(end.Ticks(), kVxTicksPerSecond / 25);
+  EXPECT_EQ(parser->GetTimeRange(VX_STREAM_SOUND, &start, &end), S_FALSE);
+
+  DWORD bcd = 0;
+  EXPECT_EQ(parser->GetTimeCode(0, &bcd), S_OK);
+  EXPECT_EQ(bcd, 0x10203040u);
+  EXPECT_EQ(parser->SetFlag(0, 1), S_OK);
+  EXPECT_EQ(parser->GetTimeCode(0, &bcd), S_FALSE);
+  EXPECT_EQ(parser->SetFlag(0, 0), S_OK);
+
+  VxChar name[64];
+  EXPECT_EQ(parser->GetCompressionName(name, 64), S_OK);
+  EXPECT_EQ(vx::ToUtf8(name), "10 bit RGB");
+  EXPECT_EQ(parser->GetCompressionName(name, 4), S_OK);
+  EXPECT_EQ(vx::ToUtf8(name), "10 ");
+  EXPECT_EQ(parser->GetCompressionName(nullptr, 4), E_INVALIDARG);
+  EXPECT_EQ(parser->GetInputDevice(name, 64), S_OK);
+  EXPECT_EQ(vx::ToUtf8(name), "Telecine 2");
+
+  VxLevelSet levels{};
+  EXPECT_EQ(parser->GetLevels(&levels), S_OK);
+  EXPECT_DOUBLE_EQ(levels.whiteLevel, 1023.0);
+  DWORD transfer = 0;
+  EXPECT_EQ(parser->GetTransferCharacteristic(&transfer), S_OK);
+  EXPECT_EQ(transfer, 2u);
+
+  // The host imposes rate and field mode.
+  tagVxImageStreamFormat impose = f;
+  impose.frameRate = 50.0;
+  impose.fieldMode = VX_FIELD_PROGRESSIVE;
+  impose.pixelAspect = 2.0;
+  EXPECT_EQ(parser->SetStreamFormat(VX_STREAM_PICTURE, 0, &impose), S_OK);
+  f = Format(parser, &hr);
+  EXPECT_DOUBLE_EQ(f.frameRate, 50.0);
+  EXPECT_EQ(f.fieldMode, VX_FIELD_PROGRESSIVE);
+
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  EXPECT_EQ(img.At16(0, 0, 0), 65535);
+  EXPECT_EQ(img.At16(1, 0, 0), 64);
+  EXPECT_EQ(img.At16(2, 0, 2), 384);  // code 6: 384.37
+  EXPECT_DOUBLE_EQ(img.p->GetPixelAspect(), 2.0);
+  EXPECT_EQ(img.p->GetFieldMode(), VX_FIELD_PROGRESSIVE);
+
+  for (const IID* iid : {&IID_IVxParserSourceInfo, &IID_IVxColorManagedParser,
+                         &IID_IVxParserLUTInfo, &IID_IVxImageStreamParser}) {
+    IUnknown* u = nullptr;
+    EXPECT_EQ(parser->QueryInterface(*iid, reinterpret_cast<void**>(&u)), S_OK);
+    ASSERT_NE(u, nullptr);
+    u->Release();
+  }
+}
+
+TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
+  vxtest::TempDir dir;
+  using dpxtest::Element;
+  auto el = [](std::uint8_t d, std::uint8_t bits, std::uint32_t offset) {
+    Element e;
+    e.descriptor = d;
+    e.bits = bits;
+    e.packing = 0;
+    e.offset = offset;
+    return e;
+  };
+  struct Case {
+    std::vector<Element> elements;
+    const char* name;
+    VxPixelFormat native;
+  } cases[] = {
+      {{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
+      {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
+      {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
+      {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A", VX_PF_RGBA16},
+      {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
+      {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
+      {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
+       "32 bit R+G+B+A",
+       VX_PF_RGBAF32},
+      {{el(6, 16, 2048)}, "16 bit Y", VX_PF_GRAY16},
+      {{el(50, 32, 2048)}, "32 bit RGB", VX_PF_RGBF32},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    dpxtest::DpxHeaderSpec spec;
+    spec.elements = c.elements;
+    const auto p = dir / ("c" + std::to_string(n++) + ".dpx");
+    WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(4 * 2 * 4 * 4, 0));
+    Parser parser;
+    ASSERT_EQ(parser.Open(p), S_OK);
+    VxChar name[64];
+    ASSERT_EQ(parser->GetCompressionName(name, 64), S_OK);
+    EXPECT_EQ(vx::ToUtf8(name), c.name);
+    EXPECT_EQ(parser->NativeFormat(), c.native);
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+    EXPECT_EQ(img.p->GetPixelFormat(), c.native);
+  }
+}
+
+TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
+  vxtest::TempDir dir;
+  // Planar 16-bit big-endian red, green, blue, alpha: 2x1 pixels, four-byte lines.
+  dpxtest::DpxHeaderSpec spec;
+  spec.width = 2;
+  spec.height = 1;
+  spec.elements.clear();
+  std::vector<std::uint8_t> data;
+  const std::uint32_t values[4][2] = {{1, 2}, {300, 400}, {65535, 0}, {32768, 16384}};
+  for (int c = 0; c < 4; ++c) {
+    dpxtest::Element e;
+    e.descriptor = static_cast<std::uint8_t>(c + 1);
+    e.bits = 16;
+    e.packing = 0;
+    e.offset = 2048 + 4 * c;
+    spec.elements.push_back(e);
+    const auto enc = dpxtest::Encode16({values[c][0], values[c][1]}, true);
+    data.insert(data.end(), enc.begin(), enc.end());
+  }
+  const auto p = dir / "planar.dpx";
+  WriteDpx(p, dpxtest::MakeDpxHeader(spec), data);
+  Parser parser;
+  ASSERT_EQ(parser.Open(p), S_OK);
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  for (int c = 0; c < 4; ++c) {
+    EXPECT_EQ(img.At16(0, 0, c), values[c][0]) << c;
+    EXPECT_EQ(img.At16(1, 0, c), values[c][1]) << c;
+  }
+  // An 8-bit caller image goes through the host's conversion.
+  Image small;
+  ASSERT_EQ(VxCreateImage(0, 0, VX_PF_RGBA8, &small.p), S_OK);
+  ASSERT_EQ(parser->ReadImage(&small.p, 0), S_OK);
+  EXPECT_EQ(small.p->GetWidth(), 2);
+  EXPECT_EQ(small.p->GetBuffer()[2], 255);  // blue of pixel 0
+  // Into an RGB16 image the alpha element is dropped.
+  Image rgb;
+  ASSERT_EQ(VxCreateImage(2, 1, VX_PF_RGB16, &rgb.p), S_OK);
+  ASSERT_EQ(parser->ReadImage(&rgb.p, 0), S_OK);
+  EXPECT_EQ(rgb.At16(1, 0, 1), 400);
+
+  // Little-endian float luma.
+  dpxtest::DpxHeaderSpec luma;
+  luma.big = false;
+  luma.width = 3;
+  luma.height = 1;
+  luma.elements = {dpxtest::Element{6, 32, 0, 2, 2048, 0}};
+  const auto q = dir / "luma.dpx";
+  WriteDpx(q, dpxtest::MakeDpxHeader(luma), dpxtest::EncodeFloat({0.25f, 2.0f, -1.0f}, false));
+  Parser lp;
+  ASSERT_EQ(lp.Open(q), S_OK);
+  Image g;
+  ASSERT_EQ(lp->ReadImage(&g.p, 0), S_OK);
+  ASSERT_EQ(g.p->GetPixelFormat(), VX_PF_GRAYF32);
+  EXPECT_FLOAT_EQ(g.AtF(0, 0, 0), 0.25f);
+  EXPECT_FLOAT_EQ(g.AtF(1, 0, 0), 2.0f);  // float is kept unclamped
+  Image rgba;
+  ASSERT_EQ(VxCreateImage(3, 1, VX_PF_RGBA16, &rgba.p), S_OK);
+  ASSERT_EQ(lp->ReadImage(&rgba.p, 0), S_OK);
+  EXPECT_EQ(rgba.At16(0, 0, 0), 16384);
+  EXPECT_EQ(rgba.At16(0, 0, 2), 16384);
+  EXPECT_EQ(rgba.At16(1, 0, 1), 65535);
+  EXPECT_EQ(rgba.At16(2, 0, 0), 0);
+  EXPECT_EQ(rgba.At16(2, 0, 3), 65535);
+}
+
+TEST(DpxReadParser, SequenceReadsEachFileOnce) {
+  vxtest::TempDir dir;
+  for (int i = 1; i <= 3; ++i) {
+    dpxtest::DpxHeaderSpec spec;
+    spec.width = static_cast<std::uint32_t>(i);
+    spec.height = 1;
+    spec.elements = {dpxtest::Element{50, 8, 0, 2, 2048, 0}};
+    char n[32];
+    std::snprintf(n, sizeof n, "shot.%04d.dpx", i);
+    WriteDpx(dir / n, dpxtest::MakeDpxHeader(spec),
+             std::vector<std::uint8_t>(12, static_cast<std::uint8_t>(i * 10)));
+  }
+  Parser parser;
+  ASSERT_EQ(parser->Open(vxtest::Wide(dir / "shot.####.dpx").c_str(), 0), S_OK);
+  HRESULT hr;
+  const auto f = Format(parser, &hr);
+  ASSERT_EQ(hr, S_OK);
+  EXPECT_EQ(f.frameCount, 3u);
+  CVxTime start, end;
+  ASSERT_EQ(parser->GetTimeRange(VX_STREAM_PICTURE, &start, &end), S_OK);
+  EXPECT_EQ(end.Ticks(), 3 * kVxTicksPerSecond / 24);  // no rate in the files: 24 fps
+  for (int frame = 0; frame < 3; ++frame) {
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, frame), S_OK);
+    EXPECT_EQ(img.p->GetWidth(), frame + 1);
+    EXPECT_EQ(img.At16(0, 0, 0), (frame + 1) * 10 * 257);
+  }
+  Image img;
+  EXPECT_EQ(parser->ReadImage(&img.p, 3), E_INVALIDARG);
+}
+
+TEST(CineonReadParser, ReadsAndRefusesWrites) {
+  vxtest::TempDir dir;
+  dpxtest::CineonSpec spec;
+  spec.width = 2;
+  spec.height = 2;
+  auto b = dpxtest::MakeCineonHeader(spec);
+  const auto p = dir / "a.cin";
+  WriteDpx(p, b, dpxtest::EncodeFilled10({1023, 512, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, true, true));
+  Parser parser(false);
+  ASSERT_EQ(parser.Open(p), S_OK);
+  HRESULT hr;
+  const auto f = Format(parser, &hr);
+  ASSERT_EQ(hr, S_OK);
+  EXPECT_EQ(f.fieldMode, 3);
+  EXPECT_DOUBLE_EQ(f.frameRate, 24.0);
+  EXPECT_DOUBLE_EQ(f.pixelAspect, -1.0);
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  EXPECT_EQ(img.At16(0, 0, 0), 65535);
+  EXPECT_EQ(img.At16(0, 0, 1), 32800);
+  EXPECT_EQ(img.At16(1, 1, 2), 577);  // code 9: 576.55
+  EXPECT_EQ(parser->WriteImage(img.p, 0), E_NOTIMPL);
+  DWORD transfer = 0;
+  EXPECT_EQ(parser->GetTransferCharacteristic(&transfer), S_OK);
+  EXPECT_EQ(transfer, 3u);
+  // A DPX file is not a Cineon file.
+  const auto d = dir / "x.dpx";
+  WriteDpx(d, dpxtest::MakeDpxHeader({}), std::vector<std::uint8_t>(64, 0));
+  Parser wrong(false);
+  ASSERT_EQ(wrong.Open(d), S_OK);
+  Format(wrong, &hr);
+  EXPECT_EQ(hr, E_FAIL);
+}
