@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "still/dpx_format.h"
+#include "still/dpx_report.h"
 #include "still/dpx_unpack.h"
 #include "still/dpx_writer.h"
 
@@ -444,8 +445,12 @@ HRESULT CVxDPXFileParser::GetInputDevice(VxChar* buffer, int size) {
 }
 
 HRESULT CVxDPXFileParser::GetHeaderReport(VxChar* buffer, int capacity) {
-  if (!buffer || capacity < 768) return E_INVALIDARG;
-  return E_NOTIMPL;
+  if (!buffer || capacity < kReportMinCapacity) return E_INVALIDARG;
+  if (!CurrentFileName().empty() && !vx::os::IsFile(CurrentFileName().c_str())) {
+    if (HRESULT hr = SelectFile(-1); FAILED(hr)) return hr;
+  }
+  const VxString& name = CurrentFileName();
+  return DpxHeaderReport(name.empty() ? nullptr : name.c_str(), buffer, capacity);
 }
 
 // ---- Colour management ----------------------------------------------------------------------

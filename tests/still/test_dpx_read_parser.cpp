@@ -385,6 +385,13 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
   EXPECT_DOUBLE_EQ(img.p->GetPixelAspect(), 2.0);
   EXPECT_EQ(img.p->GetFieldMode(), VX_FIELD_PROGRESSIVE);
 
+  std::vector<VxChar> report(4096);
+  EXPECT_EQ(parser->GetHeaderReport(report.data(), 767), E_INVALIDARG);
+  ASSERT_EQ(parser->GetHeaderReport(report.data(), 4096), S_OK);
+  const std::string text = vx::ToUtf8(report.data());
+  EXPECT_NE(text.find("Endianness: little\r\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("input device name: Telecine 2\r\n"), std::string::npos) << text;
+
   for (const IID* iid : {&IID_IVxParserSourceInfo, &IID_IVxColorManagedParser,
                          &IID_IVxParserLUTInfo, &IID_IVxImageStreamParser}) {
     IUnknown* u = nullptr;
