@@ -187,11 +187,12 @@ CacheBlock* CVxFileCacheManager::GetBlock(os::FileHandle file, std::uint64_t blo
     }
     return hit;
   }
-  std::uint8_t i = tail_;
+  std::uint8_t i = Victim();
   CacheBlock* b = &Descriptors(pool_.load(std::memory_order_relaxed))[i];
   if (b->flags & kCacheBlockInUse) {
     if (b->flags & kCacheBlockDirty) WriteBack(b);
     MapRemove(i);
+    evictions_.fetch_add(1, std::memory_order_relaxed);
   }
   b->offset = blockOffset;
   b->file = key;
@@ -209,6 +210,17 @@ CacheBlock* CVxFileCacheManager::GetBlock(os::FileHandle file, std::uint64_t blo
   return b;
 }
 
+std::uint8_t CVxFileCacheManager::Victim() const {
+  for (std::uint8_t i = tail_; i != kNil; i = prev_[i]) {
+    if (pins_[i].load(std::memory_order_acquire) == 0) return i;
+  }
+  return tail_;  // every block mid-copy: more threads than blocks
+}
+
+void CVxFileCacheManager::Unpin(const CacheBlock* b) {
+  pins_[IndexOf(b)].fetch_sub(1, std::memory_order_release);
+}
+
 HRESULT CVxFileCacheManager::Read(os::FileHandle file, std::uint64_t position, std::uint32_t count,
                                   std::uint32_t* done, void* buffer) {
   std::uint32_t moved = 0;
@@ -221,18 +233,21 @@ HRESULT CVxFileCacheManager::Read(os::FileHandle file, std::uint64_t position, s
   while (remaining > 0) {
     const std::uint8_t* data;
     std::uint32_t valid;
+    CacheBlock* b;
     {
       os::Lock hold(lock_);
-      CacheBlock* b = GetBlock(file, block);
+      b = GetBlock(file, block);
       if (!b) break;
       data = b->data;
       valid = b->valid;
+      if (valid > offset) pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
     }
     if (valid <= offset) break;
     std::uint32_t n = std::min(valid - offset, remaining);
     bool last = valid < kCacheBlockSize && n < remaining;
     // Outside the lock, as every caller keeps one file to one thread.
     std::memcpy(out + moved, data + offset, n);
+    Unpin(b);
     moved += n;
     remaining -= n;
     if (done) *done = moved;
@@ -255,15 +270,18 @@ HRESULT CVxFileCacheManager::Write(os::FileHandle file, std::uint64_t position, 
   while (remaining > 0) {
     std::uint8_t* data;
     std::uint32_t n = std::min(kCacheBlockSize - offset, remaining);
+    CacheBlock* b;
     {
       os::Lock hold(lock_);
-      CacheBlock* b = GetBlock(file, block);
+      b = GetBlock(file, block);
       if (!b) break;
       b->flags |= kCacheBlockDirty;
       b->valid = std::max(b->valid, offset + n);
       data = b->data;
+      pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
     }
     std::memcpy(data + offset, in + moved, n);
+    Unpin(b);
     moved += n;
     remaining -= n;
     if (done) *done = moved;

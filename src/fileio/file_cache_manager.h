@@ -72,6 +72,7 @@ class CVxFileCacheManager : public IVxGeneric {
   std::uint32_t CachedBlockCount();
   bool HasPool();
   std::int32_t RefCount() { return os::AtomicLoad(&refs_); }
+  std::uint64_t EvictionCount() { return evictions_.load(std::memory_order_relaxed); }
 
  private:
   static constexpr std::uint32_t kBuckets = 257;
@@ -82,6 +83,8 @@ class CVxFileCacheManager : public IVxGeneric {
   bool AllocateLocked();
   void FreeLocked();
   CacheBlock* GetBlock(os::FileHandle file, std::uint64_t blockOffset);
+  std::uint8_t Victim() const;
+  void Unpin(const CacheBlock* b);
   CacheBlock* Find(std::uint64_t offset, std::uint64_t file);
   void MapInsert(std::uint8_t i);
   void MapRemove(std::uint8_t i);
@@ -101,8 +104,13 @@ class CVxFileCacheManager : public IVxGeneric {
   std::uint8_t bucketHead_[kBuckets];
   std::uint8_t chain_[kCacheBlockCount];
   std::uint32_t mapCount_ = 0;
+  // Blocks a Read or Write is still copying after the lock was let go. Eviction passes over
+  // them, or a thread held up mid-copy would write into a block that now belongs to another
+  // file. Raised under the lock, lowered without it.
+  std::atomic<std::uint16_t> pins_[kCacheBlockCount] = {};
   std::atomic<std::uint8_t*> pool_{nullptr};
   volatile std::int32_t refs_ = 0;
+  std::atomic<std::uint64_t> evictions_{0};  // blocks of a file reused for another
 };
 
 // The module's single cache manager (no reference added). The class factory hands this out for
