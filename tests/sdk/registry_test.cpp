@@ -205,16 +205,22 @@ TEST(Registry, PathFollowsEnvironment) {
     EXPECT_EQ(vx::registry::Path(), (dir / "r.json").string());
   }
   sdktest::ScopedEnv a("VXHOST_REGISTRY", std::nullopt);
+#ifdef _WIN32
+  sdktest::ScopedEnv b("APPDATA", dir.path().string());
+  EXPECT_EQ(vx::registry::Path(), (dir / "vxhost" / "registry.json").string());
+  ASSERT_EQ(RegisterParser(1, "One", {VXT("one")}), S_OK);  // creates the folder
+  EXPECT_TRUE(std::filesystem::is_regular_file(dir / "vxhost" / "registry.json"));
+#else
   {
     sdktest::ScopedEnv b("XDG_CONFIG_HOME", (dir / "xdg").string());
     EXPECT_EQ(vx::registry::Path(), (dir / "xdg" / "vxhost" / "registry.json").string());
-    // Registering creates the folder.
-    ASSERT_EQ(RegisterParser(1, "One", {VXT("one")}), S_OK);
+    ASSERT_EQ(RegisterParser(1, "One", {VXT("one")}), S_OK);  // creates the folder
     EXPECT_TRUE(std::filesystem::is_regular_file(dir / "xdg" / "vxhost" / "registry.json"));
   }
   sdktest::ScopedEnv b("XDG_CONFIG_HOME", std::nullopt);
   sdktest::ScopedEnv c("HOME", dir.path().string());
   EXPECT_EQ(vx::registry::Path(), (dir / ".config" / "vxhost" / "registry.json").string());
+#endif
 }
 
 TEST(Registry, TwoProcessesRegisteringAtOnceLoseNothing) {
