@@ -67,9 +67,9 @@ std::unique_ptr<Module> Module::Load(const std::string& path, std::string* error
 }
 
 Module::~Module() {
-  // Generic objects the SDK created live in this module: stop them before it goes.
+  // Generic objects the SDK created live in this module: stop them while it is there. The
+  // module itself stays loaded until exit, keeping its process-wide singletons reachable.
   VxReleaseGenericObjects();
-  if (handle_) vx::os::FreeModule(handle_);
 }
 
 HRESULT Module::Create(REFCLSID clsid, REFIID iid, void** out) const {

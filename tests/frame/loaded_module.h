@@ -30,9 +30,9 @@ class LoadedModule {
         reinterpret_cast<GetClassObjectFn>(vx::os::ModuleSymbol(handle_, "DllGetClassObject"));
     canUnloadNow = reinterpret_cast<Fn0>(vx::os::ModuleSymbol(handle_, "DllCanUnloadNow"));
   }
-  ~LoadedModule() {
-    if (handle_) vx::os::FreeModule(handle_);
-  }
+  // Left loaded, as hosts leave parser modules: the module's process-wide singletons stay
+  // reachable until exit.
+  ~LoadedModule() = default;
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
 
