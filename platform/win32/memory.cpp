@@ -18,19 +18,19 @@ std::uint64_t RoundToPage(std::uint64_t bytes) {
 
 namespace {
 
-bool MapWhole(HANDLE mapping, std::uint64_t size, bool owner, SharedMemory* out) {
-  if (size > static_cast<std::uint64_t>(SIZE_MAX)) {
-    ::CloseHandle(mapping);
-    return false;
-  }
-  void* view = ::MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, static_cast<SIZE_T>(size));
-  if (!view) {
+bool MapWhole(HANDLE mapping, std::uint64_t atLeast, bool owner, SharedMemory* out) {
+  // The section may be larger than asked for when another process made it; its true size is
+  // the region the whole view spans.
+  void* view = ::MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0);
+  MEMORY_BASIC_INFORMATION mbi{};
+  if (!view || !::VirtualQuery(view, &mbi, sizeof mbi) || mbi.RegionSize < atLeast) {
+    if (view) ::UnmapViewOfFile(view);
     ::CloseHandle(mapping);
     return false;
   }
   out->handle = reinterpret_cast<std::intptr_t>(mapping);
   out->view = view;
-  out->size = size;
+  out->size = mbi.RegionSize;
   out->owner = owner;
   return true;
 }
@@ -46,14 +46,14 @@ bool CreateSharedMemory(const VxChar* name, std::uint64_t size, SharedMemory* ou
                                   static_cast<DWORD>(whole >> 32), static_cast<DWORD>(whole), name);
   if (!m) return false;
   const bool created = ::GetLastError() != ERROR_ALREADY_EXISTS;
-  return MapWhole(m, whole, created, out);
+  return MapWhole(m, size, created, out);
 }
 
 bool OpenSharedMemory(const VxChar* name, std::uint64_t size, SharedMemory* out) {
-  if (!name || !*name || !out || size == 0) return false;
+  if (!name || !*name || !out) return false;
   HANDLE m = ::OpenFileMappingW(FILE_MAP_ALL_ACCESS, FALSE, name);
   if (!m) return false;
-  return MapWhole(m, RoundToPage(size), false, out);
+  return MapWhole(m, size, false, out);
 }
 
 // Windows removes the name with its last handle; nothing more for the creator to do.

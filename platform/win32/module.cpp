@@ -69,6 +69,7 @@ void FreeModule(ModuleHandle m) {
 
 VxString ModulePathOf(const void* address) {
   HMODULE m = nullptr;
+  if (!address) return {};
   if (!::GetModuleHandleExW(
           GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
           static_cast<LPCWSTR>(address), &m))

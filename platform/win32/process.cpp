@@ -56,8 +56,8 @@ void AppendQuoted(std::wstring& out, const std::wstring& arg) {
 }  // namespace
 
 EventHandle CreateEvent(const VxChar* name, bool initiallySet) {
-  HANDLE h =
-      ::CreateEventW(nullptr, FALSE, initiallySet ? TRUE : FALSE, name && *name ? name : nullptr);
+  if (!name || !*name) return nullptr;
+  HANDLE h = ::CreateEventW(nullptr, FALSE, initiallySet ? TRUE : FALSE, name);
   return reinterpret_cast<EventHandle>(h);
 }
 
@@ -99,18 +99,41 @@ ProcessHandle LaunchProcess(const VxChar* folder, const VxChar* program,
     line += L' ';
     line += commandLine;
   }
+  // The child reads an empty standard input and writes to ours. Only these three handles are
+  // inheritable: every other handle of this process is created without inheritance.
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  HANDLE nul = ::CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                             OPEN_EXISTING, 0, nullptr);
+  HANDLE self = ::GetCurrentProcess();
+  auto inheritable = [&](DWORD which) {
+    HANDLE h = ::GetStdHandle(which), dup = nullptr;
+    if (h && h != INVALID_HANDLE_VALUE)
+      ::DuplicateHandle(self, h, self, &dup, 0, TRUE, DUPLICATE_SAME_ACCESS);
+    return dup;
+  };
   STARTUPINFOW si{};
   si.cb = sizeof si;
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdInput = nul == INVALID_HANDLE_VALUE ? nullptr : nul;
+  si.hStdOutput = inheritable(STD_OUTPUT_HANDLE);
+  si.hStdError = inheritable(STD_ERROR_HANDLE);
   PROCESS_INFORMATION pi{};
-  if (!::CreateProcessW(path.c_str(), line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW,
-                        nullptr, folder && *folder ? folder : nullptr, &si, &pi))
-    return nullptr;
+  const BOOL started =
+      ::CreateProcessW(path.c_str(), line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr,
+                       folder && *folder ? folder : nullptr, &si, &pi);
+  for (HANDLE h : {si.hStdInput, si.hStdOutput, si.hStdError})
+    if (h) ::CloseHandle(h);
+  if (!started) return nullptr;
   ::CloseHandle(pi.hThread);
   return new ProcessImpl{pi.hProcess, pi.dwProcessId};
 }
 
 bool TerminateProcess(ProcessHandle p, int exitCode) {
-  return p && ::TerminateProcess(p->process, static_cast<UINT>(exitCode));
+  if (!p || ::WaitForSingleObject(p->process, 0) == WAIT_OBJECT_0) return false;
+  if (!::TerminateProcess(p->process, static_cast<UINT>(exitCode))) return false;
+  // Termination completes asynchronously; the exit code is there once the handle is signalled.
+  ::WaitForSingleObject(p->process, 5000);
+  return true;
 }
 
 Wait WaitProcess(ProcessHandle p, std::uint32_t timeoutMs) {
