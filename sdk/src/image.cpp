@@ -149,106 +149,160 @@ void Store(BYTE* p, S v) {
   std::memcpy(p, &v, sizeof v);
 }
 
-std::uint16_t Widen(const BYTE* p, int bytes) {
-  return bytes == 1 ? static_cast<std::uint16_t>(*p * 257u) : Load<std::uint16_t>(p);
+// Sample sizes are template arguments and the layout's switches are decided once per row, so
+// the pixel loops hold no format branches but the alpha test.
+template <int SB>
+std::uint16_t Widen(const BYTE* p) {
+  if constexpr (SB == 1)
+    return static_cast<std::uint16_t>(*p * 257u);
+  else
+    return Load<std::uint16_t>(p);
 }
 
+template <int SB>
 void UnpackInt(const BYTE* src, int n, const Layout& l, std::uint16_t* out) {
-  const int step = l.channels * l.sampleBytes, sb = l.sampleBytes;
-  for (int x = 0; x < n; ++x, src += step, out += 4) {
-    if (l.gray) {
-      out[0] = out[1] = out[2] = Widen(src, sb);
+  if (l.gray) {
+    for (int x = 0; x < n; ++x, src += SB, out += 4) {
+      out[0] = out[1] = out[2] = Widen<SB>(src);
       out[3] = 0xFFFF;
-      continue;
     }
-    const std::uint16_t c0 = Widen(src, sb), c1 = Widen(src + sb, sb), c2 = Widen(src + 2 * sb, sb);
-    out[0] = l.bgr ? c2 : c0;
-    out[1] = c1;
-    out[2] = l.bgr ? c0 : c2;
-    out[3] = l.alpha ? Widen(src + 3 * sb, sb) : 0xFFFF;
+    return;
+  }
+  const int step = l.channels * SB, ri = l.bgr ? 2 * SB : 0, bi = l.bgr ? 0 : 2 * SB;
+  for (int x = 0; x < n; ++x, src += step, out += 4) {
+    out[0] = Widen<SB>(src + ri);
+    out[1] = Widen<SB>(src + SB);
+    out[2] = Widen<SB>(src + bi);
+    out[3] = l.alpha ? Widen<SB>(src + 3 * SB) : 0xFFFF;
   }
 }
 
-void Narrow(BYTE* p, int bytes, std::uint32_t v) {
-  if (bytes == 1)
+template <int SB>
+void Narrow(BYTE* p, std::uint32_t v) {
+  if constexpr (SB == 1)
     *p = static_cast<BYTE>((v * 255u + 32767u) / 65535u);
   else
     Store<std::uint16_t>(p, static_cast<std::uint16_t>(v));
 }
 
+template <int SB>
 void PackInt(const std::uint16_t* in, int n, const Layout& l, bool srcGray, BYTE* dst) {
-  const int step = l.channels * l.sampleBytes, sb = l.sampleBytes;
-  for (int x = 0; x < n; ++x, dst += step, in += 4) {
-    if (l.gray) {
+  if (l.gray) {
+    for (int x = 0; x < n; ++x, dst += SB, in += 4) {
       const std::uint32_t y =
           srcGray ? in[0] : (in[0] * kLumaR + in[1] * kLumaG + in[2] * kLumaB + 32768u) >> 16;
-      Narrow(dst, sb, y);
-      continue;
+      Narrow<SB>(dst, y);
     }
-    Narrow(dst, sb, l.bgr ? in[2] : in[0]);
-    Narrow(dst + sb, sb, in[1]);
-    Narrow(dst + 2 * sb, sb, l.bgr ? in[0] : in[2]);
-    if (l.alpha) Narrow(dst + 3 * sb, sb, in[3]);
+    return;
+  }
+  const int step = l.channels * SB, ri = l.bgr ? 2 * SB : 0, bi = l.bgr ? 0 : 2 * SB;
+  for (int x = 0; x < n; ++x, dst += step, in += 4) {
+    Narrow<SB>(dst + ri, in[0]);
+    Narrow<SB>(dst + SB, in[1]);
+    Narrow<SB>(dst + bi, in[2]);
+    if (l.alpha) Narrow<SB>(dst + 3 * SB, in[3]);
   }
 }
 
-float ToFloat(const BYTE* p, int bytes) {
-  switch (bytes) {
-    case 1:
-      return static_cast<float>(*p) / 255.0f;
-    case 2:
-      return static_cast<float>(Load<std::uint16_t>(p)) / 65535.0f;
-    default:
-      return Load<float>(p);
-  }
+template <int SB>
+float ToFloat(const BYTE* p) {
+  if constexpr (SB == 1)
+    return static_cast<float>(*p) / 255.0f;
+  else if constexpr (SB == 2)
+    return static_cast<float>(Load<std::uint16_t>(p)) / 65535.0f;
+  else
+    return Load<float>(p);
 }
 
+template <int SB>
 void UnpackFloat(const BYTE* src, int n, const Layout& l, float* out) {
-  const int step = l.channels * l.sampleBytes, sb = l.sampleBytes;
-  for (int x = 0; x < n; ++x, src += step, out += 4) {
-    if (l.gray) {
-      out[0] = out[1] = out[2] = ToFloat(src, sb);
+  if (l.gray) {
+    for (int x = 0; x < n; ++x, src += SB, out += 4) {
+      out[0] = out[1] = out[2] = ToFloat<SB>(src);
       out[3] = 1.0f;
-      continue;
     }
-    const float c0 = ToFloat(src, sb), c1 = ToFloat(src + sb, sb), c2 = ToFloat(src + 2 * sb, sb);
-    out[0] = l.bgr ? c2 : c0;
-    out[1] = c1;
-    out[2] = l.bgr ? c0 : c2;
-    out[3] = l.alpha ? ToFloat(src + 3 * sb, sb) : 1.0f;
+    return;
+  }
+  const int step = l.channels * SB, ri = l.bgr ? 2 * SB : 0, bi = l.bgr ? 0 : 2 * SB;
+  for (int x = 0; x < n; ++x, src += step, out += 4) {
+    out[0] = ToFloat<SB>(src + ri);
+    out[1] = ToFloat<SB>(src + SB);
+    out[2] = ToFloat<SB>(src + bi);
+    out[3] = l.alpha ? ToFloat<SB>(src + 3 * SB) : 1.0f;
   }
 }
 
 // Clamped to [0, 1] with NaN taken as 0 (every comparison with NaN is false), then rounded.
-void FromFloat(BYTE* p, int bytes, float v) {
-  const float c = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;
-  switch (bytes) {
-    case 1:
+// Float targets keep the value as it is.
+template <int SB>
+void FromFloat(BYTE* p, float v) {
+  if constexpr (SB == 4) {
+    Store<float>(p, v);
+  } else {
+    const float c = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;
+    if constexpr (SB == 1)
       *p = static_cast<BYTE>(c * 255.0f + 0.5f);
-      break;
-    case 2:
+    else
       Store<std::uint16_t>(p, static_cast<std::uint16_t>(c * 65535.0f + 0.5f));
-      break;
-    default:
-      Store<float>(p, v);
-      break;
   }
 }
 
+template <int SB>
 void PackFloat(const float* in, int n, const Layout& l, bool srcGray, BYTE* dst) {
-  const int step = l.channels * l.sampleBytes, sb = l.sampleBytes;
-  for (int x = 0; x < n; ++x, dst += step, in += 4) {
-    if (l.gray) {
+  if (l.gray) {
+    for (int x = 0; x < n; ++x, dst += SB, in += 4) {
       // Double keeps the weights' sum at 1 so white converts to exactly 1.0.
       const float y =
           srcGray ? in[0] : static_cast<float>(0.2126 * in[0] + 0.7152 * in[1] + 0.0722 * in[2]);
-      FromFloat(dst, sb, y);
-      continue;
+      FromFloat<SB>(dst, y);
     }
-    FromFloat(dst, sb, l.bgr ? in[2] : in[0]);
-    FromFloat(dst + sb, sb, in[1]);
-    FromFloat(dst + 2 * sb, sb, l.bgr ? in[0] : in[2]);
-    if (l.alpha) FromFloat(dst + 3 * sb, sb, in[3]);
+    return;
+  }
+  const int step = l.channels * SB, ri = l.bgr ? 2 * SB : 0, bi = l.bgr ? 0 : 2 * SB;
+  for (int x = 0; x < n; ++x, dst += step, in += 4) {
+    FromFloat<SB>(dst + ri, in[0]);
+    FromFloat<SB>(dst + SB, in[1]);
+    FromFloat<SB>(dst + bi, in[2]);
+    if (l.alpha) FromFloat<SB>(dst + 3 * SB, in[3]);
+  }
+}
+
+void UnpackIntRow(const BYTE* src, int n, const Layout& l, std::uint16_t* out) {
+  if (l.sampleBytes == 1)
+    UnpackInt<1>(src, n, l, out);
+  else
+    UnpackInt<2>(src, n, l, out);
+}
+void PackIntRow(const std::uint16_t* in, int n, const Layout& l, bool srcGray, BYTE* dst) {
+  if (l.sampleBytes == 1)
+    PackInt<1>(in, n, l, srcGray, dst);
+  else
+    PackInt<2>(in, n, l, srcGray, dst);
+}
+void UnpackFloatRow(const BYTE* src, int n, const Layout& l, float* out) {
+  switch (l.sampleBytes) {
+    case 1:
+      UnpackFloat<1>(src, n, l, out);
+      break;
+    case 2:
+      UnpackFloat<2>(src, n, l, out);
+      break;
+    default:
+      UnpackFloat<4>(src, n, l, out);
+      break;
+  }
+}
+void PackFloatRow(const float* in, int n, const Layout& l, bool srcGray, BYTE* dst) {
+  switch (l.sampleBytes) {
+    case 1:
+      PackFloat<1>(in, n, l, srcGray, dst);
+      break;
+    case 2:
+      PackFloat<2>(in, n, l, srcGray, dst);
+      break;
+    default:
+      PackFloat<4>(in, n, l, srcGray, dst);
+      break;
   }
 }
 
@@ -371,14 +425,14 @@ HRESULT VxConvertImage(IVxImage* src, IVxImage* dst) {
         } else if (!ls.isFloat && !ld.isFloat) {
           std::vector<std::uint16_t> row(static_cast<std::size_t>(w) * 4);
           for (int y = 0; y < h; ++y) {
-            UnpackInt(sp + y * ss, w, ls, row.data());
-            PackInt(row.data(), w, ld, ls.gray, dp + y * ds);
+            UnpackIntRow(sp + y * ss, w, ls, row.data());
+            PackIntRow(row.data(), w, ld, ls.gray, dp + y * ds);
           }
         } else {
           std::vector<float> row(static_cast<std::size_t>(w) * 4);
           for (int y = 0; y < h; ++y) {
-            UnpackFloat(sp + y * ss, w, ls, row.data());
-            PackFloat(row.data(), w, ld, ls.gray, dp + y * ds);
+            UnpackFloatRow(sp + y * ss, w, ls, row.data());
+            PackFloatRow(row.data(), w, ld, ls.gray, dp + y * ds);
           }
         }
       } catch (const std::bad_alloc&) {
