@@ -136,7 +136,8 @@ TEST(Files, NonAsciiNamesRoundTrip) {
     ASSERT_NE(f.h, kNoFile);
   }
   EXPECT_TRUE(IsFile(name.c_str()));
-  EXPECT_TRUE(std::filesystem::exists(dir.path() / "\u00e9t\u00e9-\u6f22\U0001F600.dpx"));
+  EXPECT_TRUE(std::filesystem::exists(
+      dir.path() / std::filesystem::path(u8"\u00e9t\u00e9-\u6f22\U0001F600.dpx")));
 }
 
 TEST(Files, AFifoWithoutWriterNeitherHangsNorReads) {

@@ -11,6 +11,12 @@
 
 namespace vxtest {
 
+#ifdef _WIN32
+inline constexpr const char* kExeSuffix = ".exe";
+#else
+inline constexpr const char* kExeSuffix = "";
+#endif
+
 // Folder holding vx_platform_child: VX_BIN under ctest, else beside this test program.
 inline std::filesystem::path ChildDir() {
   if (std::getenv("VX_BIN")) return BinDir();

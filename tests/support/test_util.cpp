@@ -30,7 +30,11 @@ std::vector<std::uint8_t> ReadFile(const std::filesystem::path& p) {
   return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(f), {});
 }
 
-VxString Wide(const std::filesystem::path& p) { return vx::FromUtf8(p.string()); }
+// u8string, not string: on Windows string() is in the ANSI code page.
+VxString Wide(const std::filesystem::path& p) {
+  const std::u8string u = p.u8string();
+  return vx::FromUtf8(std::string_view(reinterpret_cast<const char*>(u.data()), u.size()));
+}
 
 std::filesystem::path CorpusDir() {
   const char* env = std::getenv("VX_CORPUS");

@@ -73,7 +73,6 @@ inline bool IsEqualCLSID(REFCLSID a, REFCLSID b) { return a == b; }
 
 #define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)
 #define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
-#define VX_HR(x) static_cast<HRESULT>(static_cast<std::uint32_t>(x))
 
 #define S_OK VX_HR(0x00000000u)
 #define S_FALSE VX_HR(0x00000001u)
@@ -135,6 +134,11 @@ static_assert(sizeof(WAVEFORMATEX) == 18);
 #define WAVE_FORMAT_EXTENSIBLE 0xFFFE
 
 #endif  // _WIN32
+
+// A status word from its unsigned spelling (0x80004005u), the same on every ABI.
+#ifndef VX_HR
+#define VX_HR(x) static_cast<HRESULT>(static_cast<std::uint32_t>(x))
+#endif
 
 static_assert(sizeof(GUID) == 16);
 static_assert(sizeof(HRESULT) == 4 && sizeof(DWORD) == 4 && sizeof(BOOL) == 4);

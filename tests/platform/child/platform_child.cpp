@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "vx/platform.h"
 
@@ -68,7 +69,7 @@ int HoldLock(const std::string& file, const std::string& event, int ms) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int Main(int argc, char** argv) {
   if (argc < 2) return 2;
   const std::string mode = argv[1];
   auto arg = [&](int i) { return i < argc ? std::string(argv[i]) : std::string(); };
@@ -100,3 +101,20 @@ int main(int argc, char** argv) {
   if (mode == "lock") return HoldLock(arg(2), arg(3), std::atoi(arg(4).c_str()));
   return 2;
 }
+
+#ifdef _WIN32
+// The narrow arguments of the Windows C library are in the ANSI code page; take the UTF-16 ones
+// and hand UTF-8 on, as on every other system.
+int wmain(int argc, wchar_t** wargv) {
+  std::vector<std::string> args;
+  for (int i = 0; i < argc; ++i) args.push_back(vx::ToUtf8(wargv[i]));
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  return Main(argc, argv.data());
+}
+#else
+int main(int argc, char** argv) {
+  return Main(argc, argv);
+}
+#endif
