@@ -170,11 +170,20 @@ bool Save(const std::string& path, const std::vector<Entry>& entries) {
   const std::string text = doc.dump(2) + "\n";
   const std::string temp = path + ".tmp" + std::to_string(os::CurrentProcessId());
   const VxString wideTemp = FromUtf8(temp), wide = FromUtf8(path);
-  if (!WriteWhole(temp, text) || !os::Replace(wideTemp.c_str(), wide.c_str())) {
-    os::Remove(wideTemp.c_str());
-    return false;
+  bool ok = WriteWhole(temp, text);
+#ifdef _WIN32
+  // A reader holding the registry open makes the replace fail for a moment on Windows.
+  constexpr int kAttempts = 50;
+#else
+  constexpr int kAttempts = 1;
+#endif
+  bool replaced = false;
+  for (int i = 0; ok && !replaced && i < kAttempts; ++i) {
+    if (i) os::SleepMs(10);
+    replaced = os::Replace(wideTemp.c_str(), wide.c_str());
   }
-  return true;
+  if (!replaced) os::Remove(wideTemp.c_str());
+  return replaced;
 }
 
 void KeepBadCopy(const std::string& path) {

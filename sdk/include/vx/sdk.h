@@ -29,6 +29,7 @@ inline constexpr IID IID_IVxAudioBuffer = {0xA54A9D96, 0x10A7, 0x11CF,
                                            {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
 
 // ---- Strings handed across interfaces (allocated by the callee, freed by the caller) -------
+// A null source gives null; freeing null does nothing.
 VXSDK_API VxChar* VxSysAllocString(const VxChar* s);
 VXSDK_API void VxSysFreeString(VxChar* s);
 
@@ -40,6 +41,9 @@ struct IVxGeneric : IUnknown {
 };
 
 // ---- Registry -------------------------------------------------------------------------------
+// The module handle names the module: its path is looked up and stored (on Linux any address
+// inside the module will do). Registering a class id again replaces its entry of that kind;
+// unregistering an entry that is not there gives HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND).
 VXSDK_API HRESULT VxRegisterFileParser(const GUID& clsid, HINSTANCE module,
                                        const VxChar* displayName, DWORD mediaKind,
                                        DWORD capabilities, const VxChar* const* extensions,
@@ -75,7 +79,9 @@ struct Entry {
 // Where the registry lives: $VXHOST_REGISTRY, else $XDG_CONFIG_HOME/vxhost/registry.json, else
 // ~/.config/vxhost/registry.json (Windows: %APPDATA%\vxhost\registry.json).
 VXSDK_API std::string Path();
-// All entries in registration order. A missing file is an empty registry.
+// All entries in registration order. A missing or unreadable file is an empty registry. Writers
+// that find the file unreadable keep it as "<path>.bad" and start afresh; every save goes to a
+// temporary file that then replaces the registry, under an exclusive lock on "<path>.lock".
 VXSDK_API std::vector<Entry> List();
 // Parser entry for a class id (kind FileParser first, then any kind). False when absent.
 VXSDK_API bool FindByClsid(const GUID& clsid, Entry* out, Kind kind);
@@ -94,10 +100,15 @@ struct IVxFileList : IUnknown {
   virtual HRESULT STDMETHODCALLTYPE GetFrameNumber(int index, int* frame) = 0;  // slot 5
 };
 
-// Expands a numbered-sequence pattern: "shot.####.dpx", "shot.%04d.dpx", or a plain name whose
-// last digit run names a frame. A name without digits, or a sequence of one, gives one entry.
+// Expands a numbered-sequence pattern: "shot.####.dpx" (exactly that many digits),
+// "shot.%04d.dpx" or "%d" (what printf would write), or a plain name whose last digit run names
+// a frame ("shot.0007.dpx": same stem, digit count and extension). Only the file name is
+// searched, and a non-numeric extension is not ("clip.mp4" is no sequence); runs of more than
+// nine digits are no frame numbers. Sorted by frame; missing frames are simply absent. A plain
+// name without digits, or whose sequence has one member or none, gives itself as the one entry;
+// a "#" or "%d" pattern that matches nothing gives an empty list.
 VXSDK_API HRESULT VxGetFileListFromPattern(const VxChar* name, IVxFileList** out);
-// A list of names the host already has.
+// A list of names the host already has; frame numbers from their digit runs, else the index.
 VXSDK_API HRESULT VxCreateFileList(const VxChar* const* names, int count, IVxFileList** out);
 // The name of frame `frame` for a pattern ("####", "%04d" or a digit run); the name itself when
 // it has no frame field.
@@ -136,7 +147,8 @@ class CVxTime {
 static_assert(sizeof(CVxTime) == 8);
 
 // ---- Time code and edge code ----------------------------------------------------------------
-// SMPTE time code word: BCD nibbles HH MM SS FF from the most significant down.
+// SMPTE time code word: BCD nibbles HH MM SS FF from the most significant down. A field outside
+// 0..99 gives 0xFFFFFFFF, the "not given" word.
 VXSDK_API DWORD VxConstructLTCInBCD(int hours, int minutes, int seconds, int frames);
 // Inverse; false when a nibble is not a decimal digit.
 VXSDK_API bool VxParseLTCInBCD(DWORD bcd, int* hours, int* minutes, int* seconds, int* frames);
