@@ -19,14 +19,14 @@
 #endif
 
 // Identifiers of the host SDK's own interfaces (same family as the parser interfaces).
-inline constexpr IID IID_IVxFileList = {0xA54A9D90, 0x10A7, 0x11CF,
-                                        {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxImage = {0xA54A9D91, 0x10A7, 0x11CF,
-                                     {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxGeneric = {0xA54A9D92, 0x10A7, 0x11CF,
-                                       {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxAudioBuffer = {0xA54A9D96, 0x10A7, 0x11CF,
-                                           {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxFileList = {
+    0xA54A9D90, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxImage = {
+    0xA54A9D91, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxGeneric = {
+    0xA54A9D92, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxAudioBuffer = {
+    0xA54A9D96, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
 
 // ---- Strings handed across interfaces (allocated by the callee, freed by the caller) -------
 // A null source gives null; freeing null does nothing.
@@ -192,23 +192,27 @@ VXSDK_API const char* VxPixelFormatName(VxPixelFormat f);
 
 // Row 0 is the top line. Rows may be padded: always step by GetRowStride.
 struct IVxImage : IUnknown {
-  virtual int STDMETHODCALLTYPE GetWidth() = 0;                                      // 3
-  virtual int STDMETHODCALLTYPE GetHeight() = 0;                                     // 4
-  virtual VxPixelFormat STDMETHODCALLTYPE GetPixelFormat() = 0;                      // 5
-  virtual int STDMETHODCALLTYPE GetRowStride() = 0;                                  // 6 bytes
-  virtual BYTE* STDMETHODCALLTYPE GetBuffer() = 0;                                   // 7
+  virtual int STDMETHODCALLTYPE GetWidth() = 0;                                          // 3
+  virtual int STDMETHODCALLTYPE GetHeight() = 0;                                         // 4
+  virtual VxPixelFormat STDMETHODCALLTYPE GetPixelFormat() = 0;                          // 5
+  virtual int STDMETHODCALLTYPE GetRowStride() = 0;                                      // 6 bytes
+  virtual BYTE* STDMETHODCALLTYPE GetBuffer() = 0;                                       // 7
   virtual HRESULT STDMETHODCALLTYPE Allocate(int width, int height, VxPixelFormat) = 0;  // 8
-  virtual double STDMETHODCALLTYPE GetPixelAspect() = 0;                             // 9
-  virtual void STDMETHODCALLTYPE SetPixelAspect(double aspect) = 0;                  // 10
-  virtual int STDMETHODCALLTYPE GetFieldMode() = 0;                                  // 11
-  virtual void STDMETHODCALLTYPE SetFieldMode(int mode) = 0;                         // 12
-  virtual void STDMETHODCALLTYPE GetTiming(CVxTime* start, CVxTime* duration) = 0;   // 13
-  virtual void STDMETHODCALLTYPE SetTiming(CVxTime start, CVxTime duration) = 0;     // 14
+  virtual double STDMETHODCALLTYPE GetPixelAspect() = 0;                                 // 9
+  virtual void STDMETHODCALLTYPE SetPixelAspect(double aspect) = 0;                      // 10
+  virtual int STDMETHODCALLTYPE GetFieldMode() = 0;                                      // 11
+  virtual void STDMETHODCALLTYPE SetFieldMode(int mode) = 0;                             // 12
+  virtual void STDMETHODCALLTYPE GetTiming(CVxTime* start, CVxTime* duration) = 0;       // 13
+  virtual void STDMETHODCALLTYPE SetTiming(CVxTime start, CVxTime duration) = 0;         // 14
 };
 
 // Field modes as the parsers report them.
-enum : int { VX_FIELD_LOWER_FIRST = 0, VX_FIELD_UPPER_FIRST = 1, VX_FIELD_PROGRESSIVE = 2,
-             VX_FIELD_UNKNOWN = 3 };
+enum : int {
+  VX_FIELD_LOWER_FIRST = 0,
+  VX_FIELD_UPPER_FIRST = 1,
+  VX_FIELD_PROGRESSIVE = 2,
+  VX_FIELD_UNKNOWN = 3
+};
 
 // New image (reference count 1); width/height 0 makes an empty image to Allocate later.
 VXSDK_API HRESULT VxCreateImage(int width, int height, VxPixelFormat format, IVxImage** out);
