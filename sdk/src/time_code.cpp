@@ -5,6 +5,7 @@
 #include <numeric>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "vx/sdk.h"
 
@@ -151,6 +152,9 @@ std::string_view Field(std::string_view* rest, char sep) {
 
 }  // namespace
 
+// Header fields may be blank-padded ("K " for "K"), so the three leading fields are taken as
+// words when there are three of them; otherwise by position between single separators, which
+// keeps empty fields in their places.
 bool EdgeCode::InitFromString(const char* text) {
   manufacturer.clear();
   filmType.clear();
@@ -160,10 +164,34 @@ bool EdgeCode::InitFromString(const char* text) {
   valid_ = false;
   if (!text) return false;
   std::string_view rest(text);
-  manufacturer = Trimmed(Field(&rest, ' '));
-  filmType = Trimmed(Field(&rest, ' '));
-  perfOffset = Trimmed(Field(&rest, '-'));
-  prefix = Trimmed(Field(&rest, '+'));
+  const std::size_t headEnd = rest.find_first_of("-+");
+  std::string_view head = rest.substr(0, headEnd);
+  rest.remove_prefix(headEnd == std::string_view::npos ? rest.size() : headEnd);
+
+  std::vector<std::string_view> words;
+  for (std::string_view h = head; !h.empty();) {
+    const std::size_t start = h.find_first_not_of(" \t");
+    if (start == std::string_view::npos) break;
+    h.remove_prefix(start);
+    const std::size_t end = h.find_first_of(" \t");
+    words.push_back(h.substr(0, end));
+    h.remove_prefix(end == std::string_view::npos ? h.size() : end);
+  }
+  if (words.size() == 3) {
+    manufacturer = Trimmed(words[0]);
+    filmType = Trimmed(words[1]);
+    perfOffset = Trimmed(words[2]);
+  } else {
+    manufacturer = Trimmed(Field(&head, ' '));
+    filmType = Trimmed(Field(&head, ' '));
+    perfOffset = Trimmed(head);
+  }
+  if (!rest.empty() && rest.front() == '-') {
+    rest.remove_prefix(1);
+    prefix = Trimmed(Field(&rest, '+'));
+  } else if (!rest.empty()) {
+    rest.remove_prefix(1);  // '+': no prefix
+  }
   count = Trimmed(rest);
   valid_ = !manufacturer.empty() || !filmType.empty() || !prefix.empty() || !count.empty();
   return valid_;

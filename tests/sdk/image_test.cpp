@@ -33,16 +33,6 @@ Img Convert(const Img& src, VxPixelFormat to) {
   return dst;
 }
 
-TEST(PixelFormats, Describe) {
-  EXPECT_EQ(VxPixelFormatChannels(VX_PF_BGRA8), 4);
-  EXPECT_EQ(VxPixelFormatChannels(VX_PF_GRAY16), 1);
-  EXPECT_EQ(VxPixelFormatBytesPerPixel(VX_PF_RGB16), 6);
-  EXPECT_EQ(VxPixelFormatBytesPerPixel(VX_PF_RGBAF32), 16);
-  EXPECT_EQ(VxPixelFormatBytesPerPixel(VX_PF_UNKNOWN), 0);
-  EXPECT_STREQ(VxPixelFormatName(VX_PF_RGBA16), "RGBA16");
-  EXPECT_STREQ(VxPixelFormatName(static_cast<VxPixelFormat>(99)), "unknown");
-}
-
 TEST(Image, LayoutAndFailedAllocateKeepsThePicture) {
   Img img(3, 2, VX_PF_RGB8);
   EXPECT_EQ(img->GetRowStride(), 12);  // 9 bytes padded to 4

@@ -118,6 +118,19 @@ TEST(EdgeCodeText, ParsesWhatTheFilmHeaderBuilds) {
   EXPECT_EQ(e.count, "0042");
   EXPECT_EQ(e.ToString(), " 05 -A1B2+0042");
 
+  // Blank-padded fields of a full header.
+  ASSERT_TRUE(e.InitFromString("K  35 2 -12    +0007"));
+  EXPECT_EQ(e.manufacturer, "K");
+  EXPECT_EQ(e.filmType, "35");
+  EXPECT_EQ(e.perfOffset, "2");
+  EXPECT_EQ(e.prefix, "12");
+  EXPECT_EQ(e.count, "0007");
+
+  ASSERT_TRUE(e.InitFromString("KD 35 +99"));  // no prefix separator
+  EXPECT_EQ(e.filmType, "35");
+  EXPECT_EQ(e.prefix, "");
+  EXPECT_EQ(e.count, "99");
+
   ASSERT_TRUE(e.InitFromString("KD"));  // the rest missing
   EXPECT_EQ(e.manufacturer, "KD");
   EXPECT_EQ(e.count, "");
