@@ -89,6 +89,7 @@ BOOL CChunkFile::Write(const void* buffer, std::uint32_t count, std::uint32_t* d
 }
 
 bool CChunkFile::ReadExact(void* buffer, std::uint32_t count) {
+  if (count == 0) return true;
   std::uint32_t done = 0;
   if (!Read(buffer, count, &done) || done != count) return false;
   position += count;
@@ -96,6 +97,7 @@ bool CChunkFile::ReadExact(void* buffer, std::uint32_t count) {
 }
 
 bool CChunkFile::WriteExact(const void* buffer, std::uint32_t count) {
+  if (count == 0) return true;
   std::uint32_t done = 0;
   if (!Write(buffer, count, &done) || done != count) return false;
   position += count;

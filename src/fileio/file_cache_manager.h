@@ -26,7 +26,7 @@ enum : std::uint32_t {
 // One block descriptor. It holds a pointer and a handle yet is 32 bytes on both pointer sizes:
 // the handle is kept as 64 bits (its high word is the second key word) and the data pointer
 // fills the slot that 32-bit alignment pads anyway.
-struct CacheBlock {
+struct alignas(8) CacheBlock {
   std::uint64_t offset;  // multiple of kCacheBlockSize
   std::uint64_t file;    // os::FileHandle widened; low word feeds the hash
   std::uint32_t valid;   // bytes that came from the file or were written

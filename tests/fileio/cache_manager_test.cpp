@@ -82,7 +82,7 @@ TEST_F(Cache, ShortBlockEndsTheReadEvenWhenNextBlockIsCached) {
 
 TEST_F(Cache, OneByteWriteGrowsNewFileToWholeBlock) {
   {
-    CChunkFile f(CreateFile(dir_ / "one.bin"), TRUE);
+    CChunkFile f(NewFile(dir_ / "one.bin"), TRUE);
     ASSERT_TRUE(f.WriteByte(0x5A));
     EXPECT_EQ(f.position, 1u);
   }
@@ -94,7 +94,7 @@ TEST_F(Cache, OneByteWriteGrowsNewFileToWholeBlock) {
 
 TEST_F(Cache, WriteBeyondEndLeavesZeroGap) {
   {
-    CChunkFile f(CreateFile(dir_ / "gap.bin"), TRUE);
+    CChunkFile f(NewFile(dir_ / "gap.bin"), TRUE);
     f.position = 2 * kBlock + 7;
     ASSERT_TRUE(f.WriteLong(0xA1B2C3D4u));
     f.position = 0;
@@ -211,7 +211,7 @@ TEST_F(Cache, PoolAndModuleCountFollowTheChunkFiles) {
 TEST_F(Cache, LastReleaseWritesEveryDirtyBlock) {
   // Handles are closed by hand here so only the final release can write the blocks.
   auto& cache = CacheManager();
-  vx::os::FileHandle h = CreateFile(dir_ / "late.bin");
+  vx::os::FileHandle h = NewFile(dir_ / "late.bin");
   cache.AddRef();
   cache.AllocatePool();
   std::uint32_t done;

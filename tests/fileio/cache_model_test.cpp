@@ -184,7 +184,7 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
     }
     CChunkFile& f = *m.open;
     unsigned op = static_cast<unsigned>(pick(100));  // flush and close: 1 % each
-    if (op < 45) {  // raw read
+    if (op < 45) {                                   // raw read
       std::uint64_t pos = position(m);
       std::uint32_t n = length();
       buf.assign(n, 0xEE);

@@ -67,7 +67,7 @@ TEST_P(ChunkIo, RawReadAndWriteDoNotMoveThePosition) {
 }
 
 TEST_P(ChunkIo, PositionCarriesIntoUpperWord) {
-  vx::os::FileHandle h = CreateFile(dir_ / "sparse.bin");
+  vx::os::FileHandle h = NewFile(dir_ / "sparse.bin");
   ASSERT_NE(h, vx::os::kNoFile);
   {
     CChunkFile f(h, cached());
@@ -91,7 +91,7 @@ TEST_P(ChunkIo, PositionCarriesIntoUpperWord) {
 }
 
 TEST_P(ChunkIo, ReverseOrderOnEveryWidthAndCallerArraysUntouched) {
-  vx::os::FileHandle h = CreateFile(dir_ / "be.bin");
+  vx::os::FileHandle h = NewFile(dir_ / "be.bin");
   {
     CReverseChunkFile f(h, cached());
     EXPECT_TRUE(f.WriteWord(0x0102));
@@ -139,7 +139,7 @@ TEST_P(ChunkIo, ReverseOrderOnEveryWidthAndCallerArraysUntouched) {
 }
 
 TEST_P(ChunkIo, MachineOrderOnEveryWidth) {
-  vx::os::FileHandle h = CreateFile(dir_ / "le.bin");
+  vx::os::FileHandle h = NewFile(dir_ / "le.bin");
   {
     CChunkFile f(h, cached());
     EXPECT_TRUE(f.WriteWord(0x0102));
@@ -159,7 +159,7 @@ TEST_P(ChunkIo, MachineOrderOnEveryWidth) {
 }
 
 TEST_P(ChunkIo, OddChunksArePaddedAndWalkedAsSiblings) {
-  vx::os::FileHandle h = CreateFile(dir_ / "riff.bin");
+  vx::os::FileHandle h = NewFile(dir_ / "riff.bin");
   CChunkFile f(h, cached());
   ASSERT_TRUE(f.CreateChunk(FourCC("RIFF")));
   ASSERT_TRUE(f.WriteFourCC(FourCC("WAVE")));
@@ -243,7 +243,7 @@ TEST(ChunkStack, DeepNestingKeepsSixtyFourEntriesAndNoMore) {
 
 TEST(ChunkStack, CloseChunkClampsHugeSizes) {
   vxtest::TempDir dir;
-  vx::os::FileHandle h = CreateFile(dir / "huge.bin");
+  vx::os::FileHandle h = NewFile(dir / "huge.bin");
   CChunkFile f(h, FALSE);
   ASSERT_TRUE(f.CreateChunk(FourCC("big ")));
   f.position = 8 + 0x100000001ull;  // sparse: only the header is written
@@ -255,7 +255,7 @@ TEST(ChunkStack, CloseChunkClampsHugeSizes) {
 
 TEST(ChunkStack, CloseChunkWithoutCreateFailsCleanly) {
   vxtest::TempDir dir;
-  CChunkFile f(CreateFile(dir / "x.bin"), FALSE);
+  CChunkFile f(NewFile(dir / "x.bin"), FALSE);
   f.position = 3;
   EXPECT_EQ(f.CloseChunk(), 0u);  // the size field would sit before the file's start
 }

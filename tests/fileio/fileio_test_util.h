@@ -18,7 +18,7 @@ inline vx::os::FileHandle OpenRW(const std::filesystem::path& p) {
   return vx::os::OpenReadWrite(vxtest::Wide(p).c_str());
 }
 
-inline vx::os::FileHandle CreateFile(const std::filesystem::path& p) {
+inline vx::os::FileHandle NewFile(const std::filesystem::path& p) {
   return vx::os::Create(vxtest::Wide(p).c_str());
 }
 
