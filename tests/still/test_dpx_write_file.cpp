@@ -4,7 +4,7 @@
 
 #include <cmath>
 #include <cstring>
-#include <regex>
+#include <cctype>
 #include <string>
 #include <tuple>
 
@@ -249,9 +249,15 @@ TEST_F(HeaderFixture, FileAndImageInformation) {
   EXPECT_EQ(U32(f, 32), 0u);
   EXPECT_TRUE(AllBytes(f, 36, 136, 0));
   const std::string created(reinterpret_cast<const char*>(f.data() + 136));
-  EXPECT_TRUE(
-      std::regex_match(created, std::regex(R"(20\d\d:[01]\d:[0-3]\d:[0-2]\d:[0-5]\d:[0-6]\dZ)")))
-      << created;
+  // "YYYY:MM:DD:hh:mm:ssZ"
+  ASSERT_EQ(created.size(), 20u) << created;
+  for (std::size_t i = 0; i < 19; ++i) {
+    const bool colon = i == 4 || i == 7 || i == 10 || i == 13 || i == 16;
+    EXPECT_EQ(colon, created[i] == ':') << created;
+    EXPECT_EQ(!colon, std::isdigit(static_cast<unsigned char>(created[i])) != 0) << created;
+  }
+  EXPECT_EQ(created[19], 'Z');
+  EXPECT_EQ(created.compare(0, 2, "20"), 0) << created;
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(f.data() + 160)), "Halden Vx");
   EXPECT_TRUE(AllBytes(f, 169, 660, 0));
   EXPECT_EQ(U32(f, 660), 0xFFFFFFFFu);
