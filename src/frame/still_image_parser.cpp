@@ -1,7 +1,7 @@
 #include "frame/still_image_parser.h"
 
-#include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "frame/module.h"
 #include "vx/platform.h"
@@ -66,17 +66,18 @@ HRESULT CVxStillImageParser::OpenEx(const VxChar* name, DWORD flags, DWORD /*res
 
 HRESULT CVxStillImageParser::Open(const VxChar* name, DWORD flags) {
   if (!name) return E_POINTER;
-  name_ = name;
+  VxString opened(name);  // `name` may be our own current name
   ReleaseList();
   if (!(flags & VX_OPEN_NO_PATTERN)) {
     IVxFileList* list = nullptr;
     // A pattern that expands to nothing still opens: the format reports the missing file when
     // it first reads.
-    if (SUCCEEDED(VxGetFileListFromPattern(name, &list)) && list) {
+    if (SUCCEEDED(VxGetFileListFromPattern(opened.c_str(), &list)) && list) {
       list_ = list;
       listFromPattern_ = true;
     }
   }
+  name_ = std::move(opened);
   flags_ = flags & ~kHostFlagMask;
   return S_OK;
 }

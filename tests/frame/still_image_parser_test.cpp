@@ -110,6 +110,9 @@ TEST_F(StillTest, OpenLiteralKeepsNoListAndDropsHostBits) {
   EXPECT_EQ(p->CurrentFileName(), VXT("/nowhere/shot.0001.dpx"));
   EXPECT_EQ(p->OutputFileName(7), VXT("/nowhere/shot.0001.dpx"));  // taken literally
   EXPECT_EQ(p->Open(nullptr, 0), E_POINTER);
+  // Reopening on the name it holds (formats do) must not read freed text.
+  EXPECT_EQ(p->Open(p->CurrentFileName().c_str(), 0), S_OK);
+  EXPECT_EQ(p->CurrentFileName(), VXT("/nowhere/shot.0001.dpx"));
 }
 
 TEST_F(StillTest, OpenExpandsNumberedSequence) {
