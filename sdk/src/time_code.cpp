@@ -77,7 +77,7 @@ VxTimeFormat VxGetTimeFormatFromSampleRate(double rate) {
   // rate * 1000 has to fit the 32-bit numerator.
   if (!(rate > 0.0) || !(rate < 2000000.0)) return f;
   // NTSC-family rates are written with three decimals but mean N*1000/1001 exactly.
-  for (int n : {24, 30, 48, 60, 120, 240}) {
+  for (int n : {24, 30, 48, 60, 120}) {
     if (std::fabs(rate - n * 1000.0 / 1001.0) <= 0.001) {
       f.rateNum = n * 1000;
       f.rateDen = 1001;
