@@ -47,6 +47,24 @@ bool ReadWhole(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
   return first && second;
 }
 
+// The export layout that reproduces a file's element layout (Keep for luma, which has none).
+DpxLayout SourceLayout(const DpxHeaderState& s) {
+  const bool alpha = s.SeparateAlpha() != nullptr;
+  if (s.Planar()) return alpha ? DpxLayout::PlanarRGBA : DpxLayout::PlanarRGB;
+  switch (s.elements[0].descriptor) {
+    case kDescRGB:
+      return alpha ? DpxLayout::RGBPlusAlpha : DpxLayout::PackedRGB;
+    case kDescBGR:
+      return alpha ? DpxLayout::BGRPlusAlpha : DpxLayout::PackedBGR;
+    case kDescRGBA:
+      return DpxLayout::PackedRGBA;
+    case kDescABGR:
+      return DpxLayout::PackedABGR;
+    default:
+      return DpxLayout::Keep;
+  }
+}
+
 int DecodeThreads() {
   const unsigned n = std::thread::hardware_concurrency();
   return n == 0 ? 2 : static_cast<int>(std::min(n, 8u));
@@ -386,6 +404,7 @@ HRESULT CVxDPXFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
                    state_.whiteLevel};
     info.sourceBits = state_.maxBits;
     info.sourcePacking = static_cast<int>(state_.elements[0].packing);
+    info.sourceLayout = SourceLayout(state_);
     info.transferChoice = state_.elements[0].transfer == kTransferRec709            ? 3
                           : state_.elements[0].transfer == kTransferPrintingDensity ? 4
                           : state_.elements[0].transfer == kTransferLinear          ? 0
