@@ -1,0 +1,158 @@
+// vxhost report and convert on DPX files, through the built module as a host loads it.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "dpx_write_test_util.h"
+#include "still/dpx_report.h"
+#include "test_util.h"
+
+using namespace vx::dpx;
+using dpxtest::ElementSamples;
+using dpxtest::ImagePtr;
+
+namespace {
+
+#ifndef _WIN32
+
+struct HostRun {
+  int code = -1;
+  std::string out, err;
+};
+
+HostRun Vxhost(const vxtest::TempDir& dir, const std::string& args) {
+  HostRun r;
+  const auto host = vxtest::BinDir() / "vxhost";
+  if (!std::filesystem::exists(host)) return r;
+  const auto out = dir / "stdout.txt", err = dir / "stderr.txt", rc = dir / "rc.txt";
+  const std::string cmd = "'" + host.string() + "' " + args + " > '" + out.string() + "' 2> '" +
+                          err.string() + "'; echo $? > '" + rc.string() + "'";
+  if (std::system(cmd.c_str()) != 0) return r;
+  const auto code = vxtest::ReadFile(rc);
+  r.code = std::atoi(std::string(code.begin(), code.end()).c_str());
+  std::filesystem::remove(rc);
+  const auto o = vxtest::ReadFile(out), e = vxtest::ReadFile(err);
+  r.out.assign(o.begin(), o.end());
+  r.err.assign(e.begin(), e.end());
+  std::filesystem::remove(out);
+  std::filesystem::remove(err);
+  return r;
+}
+
+std::string Quote(const std::filesystem::path& p) {
+  return "'" + p.string() + "'";
+}
+
+void WriteSource(const std::filesystem::path& path, DpxLayout layout, int packing, bool big) {
+  ImagePtr image(dpxtest::MakeTestImage(5, 3, 10));
+  DpxExportSettings settings;
+  settings.bitDepth = 10;
+  settings.layout = layout;
+  settings.packing = packing;
+  settings.bigEndian = big;
+  ASSERT_EQ(WriteDpxFile(vxtest::Wide(path).c_str(), image.get(), settings, {}), S_OK);
+}
+
+class VxhostDpx : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(vxtest::BinDir() / "vxhost"))
+      GTEST_SKIP() << "vxhost is not built in " << vxtest::BinDir();
+  }
+  vxtest::TempDir dir;
+};
+
+TEST_F(VxhostDpx, ReportPrintsTheHeaderText) {
+  const auto file = dir / "shot.dpx";
+  WriteSource(file, DpxLayout::PackedRGB, 1, true);
+  const HostRun r = Vxhost(dir, "report " + Quote(file));
+  ASSERT_EQ(r.code, 0) << r.err;
+  std::vector<VxChar> buf(65536);
+  ASSERT_EQ(DpxHeaderReport(vxtest::Wide(file).c_str(), buf.data(), 65536), S_OK);
+  std::string want;
+  for (char c : vx::ToUtf8(buf.data()))
+    if (c != '\r') want += c;
+  EXPECT_EQ(r.out, want);
+  EXPECT_NE(r.out.find("  packing: filled to 32-bit words, method A\n"), std::string::npos);
+
+  const HostRun missing = Vxhost(dir, "report " + Quote(dir / "none.dpx"));
+  EXPECT_EQ(missing.code, 0);  // the report itself says so
+  EXPECT_NE(missing.out.find("Read error"), std::string::npos);
+}
+
+TEST_F(VxhostDpx, ConvertKeepsDepthLayoutAndSamples) {
+  const auto in = dir / "in.dpx", out = dir / "out.dpx";
+  WriteSource(in, DpxLayout::PlanarRGBA, 1, false);
+  const HostRun r = Vxhost(dir, "convert " + Quote(in) + " " + Quote(out));
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto src = vxtest::ReadFile(in), dst = vxtest::ReadFile(out);
+  ASSERT_GE(dst.size(), kHeaderSize);
+  EXPECT_EQ(LoadU16(dst.data() + kOffElementCount, dst[0] == 'S'), 4);
+  for (std::uint32_t i = 0; i < 4; ++i) {
+    ElementSamples a, b;
+    ASSERT_TRUE(dpxtest::ReadElement(src, i, &a));
+    ASSERT_TRUE(dpxtest::ReadElement(dst, i, &b));
+    EXPECT_EQ(b.descriptor, a.descriptor);
+    EXPECT_EQ(b.bits, 10u);
+    EXPECT_EQ(b.codes, a.codes) << "element " << i;
+  }
+}
+
+TEST_F(VxhostDpx, ConvertAppliesOptions) {
+  const auto in = dir / "in.dpx", out = dir / "out.dpx";
+  WriteSource(in, DpxLayout::PackedRGBA, 0, true);
+  const HostRun r =
+      Vxhost(dir, "convert " + Quote(in) + " " + Quote(out) +
+                      " --depth 16 --layout rgb+alpha --endian little -o transfer=4 -q");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "");
+  const auto f = vxtest::ReadFile(out);
+  ASSERT_GE(f.size(), kHeaderSize);
+  EXPECT_EQ(std::string(f.begin(), f.begin() + 4), "XPDS");
+  EXPECT_EQ(LoadU16(f.data() + kOffElementCount, false), 2);
+  EXPECT_EQ(f[ElementOffset(0) + kElDescriptor], kDescRGB);
+  EXPECT_EQ(f[ElementOffset(1) + kElDescriptor], kDescAlpha);
+  EXPECT_EQ(f[ElementOffset(0) + kElBitSize], 16);
+  EXPECT_EQ(f[ElementOffset(0) + kElTransfer], kTransferPrintingDensity);
+  ElementSamples rgb;
+  ASSERT_TRUE(dpxtest::ReadElement(f, 0, &rgb));
+  EXPECT_EQ(rgb.codes[1], CodeTo16(dpxtest::TestCode(0, 0, 1, 10), 10));
+}
+
+TEST_F(VxhostDpx, ConvertRefusesBadOptionsAndLeavesNoFile) {
+  const auto in = dir / "in.dpx", out = dir / "out.dpx";
+  WriteSource(in, DpxLayout::PackedRGB, 0, true);
+  HostRun r = Vxhost(dir, "convert " + Quote(in) + " " + Quote(out) + " --depth 11");
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("depth=11"), std::string::npos) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(out));
+  // An option the writer does not have is only a warning.
+  r = Vxhost(dir, "convert " + Quote(in) + " " + Quote(out) + " -o sharpen=2");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("sharpen=2"), std::string::npos);
+  EXPECT_TRUE(std::filesystem::exists(out));
+  r = Vxhost(dir, "convert " + Quote(dir / "none.dpx") + " " + Quote(dir / "x.dpx"));
+  EXPECT_EQ(r.code, 1);
+}
+
+TEST_F(VxhostDpx, ConvertsNumberedSequences) {
+  for (int i = 7; i <= 9; ++i)
+    WriteSource(dir / ("in." + std::to_string(1000 + i) + ".dpx"), DpxLayout::PackedRGB, 1, true);
+  HostRun r = Vxhost(dir, "convert " + Quote(dir / "in.####.dpx") + " " +
+                              Quote(dir / "out.####.dpx") + " --depth 8");
+  ASSERT_EQ(r.code, 0) << r.err;
+  for (int i = 7; i <= 9; ++i) {
+    const auto f = vxtest::ReadFile(dir / ("out." + std::to_string(1000 + i) + ".dpx"));
+    ASSERT_GE(f.size(), kHeaderSize) << i;
+    EXPECT_EQ(f[ElementOffset(0) + kElBitSize], 8);
+  }
+  // Three frames cannot go to one name.
+  r = Vxhost(dir, "convert " + Quote(dir / "in.####.dpx") + " " + Quote(dir / "one.dpx"));
+  EXPECT_EQ(r.code, 1);
+  EXPECT_FALSE(std::filesystem::exists(dir / "one.dpx"));
+}
+
+#endif  // _WIN32
+
+}  // namespace
