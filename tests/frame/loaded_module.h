@@ -18,7 +18,11 @@ class LoadedModule {
   using GetClassObjectFn = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
 
   LoadedModule() {
+#ifdef _WIN32
+    path_ = BinDir() / (std::string("vxprsr") + vx::os::ModuleSuffix());
+#else
     path_ = BinDir() / (std::string("libvxprsr") + vx::os::ModuleSuffix());
+#endif
     handle_ = vx::os::LoadModule(Wide(path_).c_str());
     if (!handle_) {
       error_ = vx::os::LastModuleError();
