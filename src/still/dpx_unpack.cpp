@@ -202,10 +202,11 @@ bool DecodeRowFast(const DpxElementJob& job, const std::uint8_t* src, T* dst, st
   return true;
 }
 
+// True when the row's channel 3 was set to full scale on the way.
 template <typename T>
-void DecodeRow(const DpxElementJob& job, const std::uint8_t* src, T* dst, std::uint32_t width,
+bool DecodeRow(const DpxElementJob& job, const std::uint8_t* src, T* dst, std::uint32_t width,
                std::uint32_t channels, bool flipX, Scratch& s) {
-  if (DecodeRowFast(job, src, dst, width, channels, flipX)) return;
+  if (DecodeRowFast(job, src, dst, width, channels, flipX)) return channels == 4;
   const DpxSampleLayout& l = job.layout;
   const std::uint32_t n = l.components;
   const std::size_t count = std::size_t{width} * n;
@@ -247,6 +248,7 @@ void DecodeRow(const DpxElementJob& job, const std::uint8_t* src, T* dst, std::u
       dst[x * channels + 2] = dst[x * channels];
     }
   }
+  return false;
 }
 
 template <typename T>
@@ -256,11 +258,12 @@ void DecodeRange(const DpxElementJob* jobs, int jobCount, const DpxTarget& t, bo
   for (std::uint32_t y = rowBegin; y < rowEnd; ++y) {
     T* dst = reinterpret_cast<T*>(t.pixels + static_cast<std::ptrdiff_t>(y) * t.rowStride);
     const std::uint32_t stored = flipY ? t.height - 1 - y : y;
+    bool opaque = false;
     for (int j = 0; j < jobCount; ++j) {
       const std::uint8_t* src = jobs[j].data + stored * jobs[j].rowStride;
-      DecodeRow(jobs[j], src, dst, t.width, t.channels, flipX, scratch);
+      opaque = DecodeRow(jobs[j], src, dst, t.width, t.channels, flipX, scratch) || opaque;
     }
-    if (fillChannel >= 0) {
+    if (fillChannel >= 0 && !(opaque && fillChannel == 3)) {
       for (std::uint32_t x = 0; x < t.width; ++x)
         dst[x * t.channels + fillChannel] = FullScale<T>();
     }
