@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -417,9 +418,10 @@ DpxOutputPlan PlanDpxOutput(const DpxExportSettings& settings, const DpxWriteInf
   return plan;
 }
 
-HRESULT WriteDpxFile(const VxChar* path, IVxImage* image, const DpxExportSettings& settings,
-                     const DpxWriteInfo& info) {
-  if (!path || !image) return E_POINTER;
+namespace {
+
+HRESULT WriteDpxFileImpl(const VxChar* path, IVxImage* image, const DpxExportSettings& settings,
+                         const DpxWriteInfo& info) {
   const int width = image->GetWidth();
   const int height = image->GetHeight();
   const VxPixelFormat format = image->GetPixelFormat();
@@ -437,25 +439,44 @@ HRESULT WriteDpxFile(const VxChar* path, IVxImage* image, const DpxExportSetting
   if (VxGetProjectProperty(VXT("Project Frame Rate"), &projectRate) && projectRate > 0.0)
     job.frameRate = projectRate;
 
-  VxLUT3D* lut = nullptr;
-  if (!settings.lutPath.empty() && FAILED(VxGetPresetLUT(settings.lutPath.c_str(), &lut))) {
-    lut = nullptr;
-    VxMessageBox(kErrorCaption, kLutLoadError);
+  struct LutFree {
+    void operator()(VxLUT3D* l) const { VxFreeLUT(l); }
+  };
+  std::unique_ptr<VxLUT3D, LutFree> lut;
+  if (!settings.lutPath.empty()) {
+    VxLUT3D* loaded = nullptr;
+    if (SUCCEEDED(VxGetPresetLUT(settings.lutPath.c_str(), &loaded)) && loaded)
+      lut.reset(loaded);
+    else
+      VxMessageBox(kErrorCaption, kLutLoadError);
   }
   const std::string tmpName = ToUtf8(path) + "." + std::to_string(os::CurrentProcessId()) + ".tmp";
   const VxString tmp = FromUtf8(tmpName);
-  Outcome outcome = WriteAttempt(job, tmp.c_str(), lut);
+  Outcome outcome = WriteAttempt(job, tmp.c_str(), lut.get());
   if (outcome == Outcome::LutFailed) {
     VxMessageBox(kErrorCaption, kLutApplyError);
     outcome = WriteAttempt(job, tmp.c_str(), nullptr);
   }
-  if (lut) VxFreeLUT(lut);
   if (outcome != Outcome::Ok) return E_FAIL;
   if (!os::Replace(tmp.c_str(), path)) {
     os::Remove(tmp.c_str());
     return E_FAIL;
   }
   return S_OK;
+}
+
+}  // namespace
+
+HRESULT WriteDpxFile(const VxChar* path, IVxImage* image, const DpxExportSettings& settings,
+                     const DpxWriteInfo& info) {
+  if (!path || !image) return E_POINTER;
+  // Buffers are allocated before the temporary file exists, so running out of memory leaves
+  // nothing behind.
+  try {
+    return WriteDpxFileImpl(path, image, settings, info);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
 }
 
 }  // namespace vx::dpx
