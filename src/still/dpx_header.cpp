@@ -119,6 +119,10 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
     if (bits > s.maxBits) s.maxBits = bits;
     DpxElementInfo& info = s.elements[slot];
     info.dataOffset = LoadU32(e + kElDataOffset, big);
+    // Some writers leave the element's offset empty and give only the file's image offset.
+    if (info.dataOffset == 0 || info.dataOffset == kUndef32) {
+      info.dataOffset = LoadU32(d + kOffImageOffset, big);
+    }
     info.eolPadding = EolPadding(LoadU32(e + kElEolPadding, big));
     info.spare = 0;
     info.components = components;

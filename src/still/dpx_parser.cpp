@@ -347,7 +347,10 @@ HRESULT CVxDPXFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
   constexpr std::uint32_t kIntMax = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
   if (s.width == 0 || s.height == 0 || s.width > kIntMax || s.height > kIntMax) return E_FAIL;
   const int w = static_cast<int>(s.width), h = static_cast<int>(s.height);
-  const VxPixelFormat native = NativeFormat();
+  VxPixelFormat native = NativeFormat();
+  // The host asked for an alpha channel the file lacks: hand it an opaque one.
+  if (AlphaImposed() && native == VX_PF_RGB16) native = VX_PF_RGBA16;
+  if (AlphaImposed() && native == VX_PF_RGBF32) native = VX_PF_RGBAF32;
   const double aspect = AspectImposed() ? PixelAspect() : s.aspectKnown ? s.pixelAspect : 1.0;
   const int field = FieldMode();
   // Every check on the file comes before the caller's image is touched.

@@ -223,6 +223,18 @@ TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
   EXPECT_EQ(s.elements[0].eolPadding, 0x7FFFFFFEu);
 }
 
+TEST(DpxHeader, EmptyElementOffsetFallsBackToImageOffset) {
+  for (std::uint32_t stored : {0u, 0xFFFFFFFFu}) {
+    DpxHeaderSpec spec;
+    spec.elements[0].offset = stored;
+    auto b = dpxtest::MakeDpxHeader(spec);
+    b.U32(4, 8192);
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(b, &s));
+    EXPECT_EQ(s.elements[0].dataOffset, 8192u) << stored;
+  }
+}
+
 TEST(DpxHeader, PixelAspect) {
   struct Case {
     std::uint32_t h, v;

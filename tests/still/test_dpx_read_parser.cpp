@@ -629,3 +629,24 @@ TEST(DpxReadParser, WritesWhatItReads) {
   Parser cineon(false);
   EXPECT_EQ(cineon->WriteImage(nullptr, 0), E_POINTER);
 }
+
+TEST(DpxReadParser, ImposedAlphaGivesOpaqueChannel) {
+  vxtest::TempDir dir;
+  dpxtest::DpxHeaderSpec spec;
+  spec.width = 2;
+  spec.height = 1;
+  spec.elements = {dpxtest::Element{50, 16, 0, 2, 2048, 0}};
+  const auto p = dir / "rgb.dpx";
+  WriteDpx(p, dpxtest::MakeDpxHeader(spec), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
+  Parser parser;
+  ASSERT_EQ(parser.Open(p), S_OK);
+  tagVxImageStreamFormat f{};
+  f.cbSize = sizeof f;
+  f.hasAlpha = 1;
+  ASSERT_EQ(parser->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  ASSERT_EQ(img.p->GetPixelFormat(), VX_PF_RGBA16);
+  EXPECT_EQ(img.At16(1, 0, 0), 4);
+  EXPECT_EQ(img.At16(1, 0, 3), 65535);
+}
