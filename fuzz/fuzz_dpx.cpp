@@ -50,7 +50,10 @@ void DecodeHeader(const DpxHeaderState& s, bool dpx, const std::uint8_t* data, s
   job.rowStride = line + e.eolPadding;
   job.replicateLuma = e.components == 1;
   const std::uint32_t channels = (pick & 1) ? 4 : 3;
-  Decode(job, s.width, s.height, s.orientation, channels, (pick & 2) != 0);
+  // Column-wise orientations show the element turned.
+  const bool turned = s.orientation >= 4;
+  Decode(job, turned ? s.height : s.width, turned ? s.width : s.height, s.orientation, channels,
+         (pick & 2) != 0);
 }
 
 }  // namespace

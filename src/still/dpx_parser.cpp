@@ -20,6 +20,14 @@ constexpr DWORD kPictureCapabilities = 170;
 // A sequence whose files carry no rate is timed at the film rate.
 constexpr double kDefaultFrameRate = 24.0;
 
+// Orientations 4-7 store the picture's columns as lines.
+std::uint32_t PictureWidth(const DpxHeaderState& s) {
+  return s.orientation >= 4 ? s.height : s.width;
+}
+std::uint32_t PictureHeight(const DpxHeaderState& s) {
+  return s.orientation >= 4 ? s.width : s.height;
+}
+
 bool IsLuma(const DpxHeaderState& s) {
   return s.elements[0].descriptor == kDescLuma;
 }
@@ -179,8 +187,8 @@ HRESULT CVxDPXFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* rec
   f.cbSize = sizeof f;
   const int frames = FrameCount();
   f.frameCount = static_cast<DWORD>(frames > 0 ? frames : 1);
-  f.width = state_.width;
-  f.height = state_.height;
+  f.width = PictureWidth(state_);
+  f.height = PictureHeight(state_);
   f.channels = state_.hasAlpha ? 4 : 3;
   f.bitsPerPixel = state_.maxBits * f.channels;
   f.hasAlpha = state_.hasAlpha ? 1 : 0;
@@ -320,8 +328,8 @@ HRESULT CVxDPXFileParser::DecodeInto(IVxImage* image) {
   DpxTarget target;
   target.pixels = image->GetBuffer();
   target.rowStride = image->GetRowStride();
-  target.width = s.width;
-  target.height = s.height;
+  target.width = PictureWidth(s);
+  target.height = PictureHeight(s);
   target.channels = static_cast<std::uint32_t>(VxPixelFormatChannels(format));
   target.isFloat = format == VX_PF_RGBAF32 || format == VX_PF_RGBF32 || format == VX_PF_GRAYF32;
   for (int i = 0; i < jobCount_; ++i) {
@@ -346,7 +354,7 @@ HRESULT CVxDPXFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
   const DpxHeaderState& s = state_;
   constexpr std::uint32_t kIntMax = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
   if (s.width == 0 || s.height == 0 || s.width > kIntMax || s.height > kIntMax) return E_FAIL;
-  const int w = static_cast<int>(s.width), h = static_cast<int>(s.height);
+  const int w = static_cast<int>(PictureWidth(s)), h = static_cast<int>(PictureHeight(s));
   VxPixelFormat native = NativeFormat();
   // The host asked for an alpha channel the file lacks: hand it an opaque one.
   if (AlphaImposed() && native == VX_PF_RGB16) native = VX_PF_RGBA16;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <new>
 #include <thread>
 
 #include "still/dpx_format.h"
@@ -272,6 +273,44 @@ void DecodeRange(const DpxElementJob* jobs, int jobCount, const DpxTarget& t, bo
 
 }  // namespace
 
+bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& target,
+               std::uint32_t orientation, int fillChannel, int threads);
+
+namespace {
+
+// Codes 4-7: each stored line is a column of the picture. Decode the element as it lies (lines
+// as rows, mirrored as the code says), then turn it a quarter.
+bool DecodeTransposed(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
+                      std::uint32_t orientation, int fillChannel, int threads) {
+  const std::size_t pixelBytes = std::size_t{t.channels} * (t.isFloat ? 4 : 2);
+  std::vector<std::uint8_t> stored;
+  try {
+    stored.resize(std::size_t{t.width} * t.height * pixelBytes);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  DpxTarget s = t;
+  s.pixels = stored.data();
+  s.width = t.height;
+  s.height = t.width;
+  s.rowStride = static_cast<std::ptrdiff_t>(s.width * pixelBytes);
+  // 5 and 7 run their lines right to left (stored rows reversed); 6 and 7 bottom to top.
+  static constexpr std::uint32_t kLineOrder[4] = {0, 2, 1, 3};
+  if (!DpxDecode(jobs, jobCount, s, kLineOrder[orientation - 4], fillChannel, threads)) {
+    return false;
+  }
+  for (std::uint32_t y = 0; y < t.height; ++y) {
+    std::uint8_t* dst = t.pixels + static_cast<std::ptrdiff_t>(y) * t.rowStride;
+    for (std::uint32_t x = 0; x < t.width; ++x) {
+      std::memcpy(dst + x * pixelBytes, stored.data() + (std::size_t{x} * s.width + y) * pixelBytes,
+                  pixelBytes);
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 std::uint64_t DpxSampleBytes(const DpxSampleLayout& l, std::uint64_t samples) {
   switch (l.bits) {
     case 1:
@@ -360,16 +399,22 @@ bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
       sampleSize * t.channels * t.width) {
     return false;
   }
+  // Lines of a column-wise element run down the picture: the element is height x width.
+  const bool columns = orientation >= 4 && orientation <= 7;
+  const std::uint32_t lineLength = columns ? t.height : t.width;
+  const std::uint32_t lines = columns ? t.width : t.height;
   for (int j = 0; j < jobCount; ++j) {
     const DpxSampleLayout& l = jobs[j].layout;
     const bool depthOk =
         l.bits == 1 || l.bits == 8 || l.bits == 10 || l.bits == 12 || l.bits == 16 || l.bits == 32;
     if (!depthOk || !(l.components == 1 || l.components == 3 || l.components == 4) ||
-        !DpxJobFits(jobs[j], t.width, t.height)) {
+        !DpxJobFits(jobs[j], lineLength, lines)) {
       return false;
     }
   }
   if (fillChannel >= static_cast<int>(t.channels)) fillChannel = -1;
+  if (orientation >= 4 && orientation <= 7)
+    return DecodeTransposed(jobs, jobCount, t, orientation, fillChannel, threads);
   const bool flipX = orientation == 1 || orientation == 3;
   const bool flipY = orientation == 2 || orientation == 3;
   auto run = [&](std::uint32_t begin, std::uint32_t end) {

@@ -64,8 +64,10 @@ struct DpxElementJob {
 bool DpxJobFits(const DpxElementJob& job, std::uint32_t width, std::uint32_t height);
 
 // Orientation codes 0-3 mirror lines (1, 3) and line order (2, 3). Codes 4-7 store columns as
-// lines; they are delivered as stored, without transposing.
-// Decodes every job into the target (whose size is the elements' size), sets `fillChannel` (or
+// lines: the target is then the element turned, lines-per-element wide and pixels-per-line high
+// (4: lines left to right, each top to bottom; 5: lines right to left; 6: each line bottom to
+// top; 7: both).
+// Decodes every job into the target (otherwise of the elements' size), sets `fillChannel` (or
 // none when negative) to full scale, and splits the lines over up to `threads` threads. False
 // when a job does not fit its data or the target is unusable; nothing is decoded then.
 bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& target,

@@ -650,3 +650,30 @@ TEST(DpxReadParser, ImposedAlphaGivesOpaqueChannel) {
   EXPECT_EQ(img.At16(1, 0, 0), 4);
   EXPECT_EQ(img.At16(1, 0, 3), 65535);
 }
+
+TEST(DpxReadParser, ColumnOrientationReportsTurnedSize) {
+  vxtest::TempDir dir;
+  dpxtest::DpxHeaderSpec spec;
+  spec.width = 3;  // samples a line: the picture's height
+  spec.height = 2;
+  spec.orientation = 5;
+  spec.elements = {dpxtest::Element{6, 16, 0, 2, 2048, 0}};
+  const auto p = dir / "turned.dpx";
+  WriteDpx(p, dpxtest::MakeDpxHeader(spec), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
+  Parser parser;
+  ASSERT_EQ(parser.Open(p), S_OK);
+  HRESULT hr;
+  const auto f = Format(parser, &hr);
+  ASSERT_EQ(hr, S_OK);
+  EXPECT_EQ(f.width, 2u);
+  EXPECT_EQ(f.height, 3u);
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  ASSERT_EQ(img.p->GetWidth(), 2);
+  ASSERT_EQ(img.p->GetHeight(), 3);
+  // Lines right to left, each top to bottom: the first line is the right column.
+  EXPECT_EQ(img.At16(1, 0, 0), 1);
+  EXPECT_EQ(img.At16(1, 2, 0), 3);
+  EXPECT_EQ(img.At16(0, 0, 0), 4);
+  EXPECT_EQ(img.At16(0, 2, 0), 6);
+}

@@ -182,7 +182,7 @@ std::uint8_t Code(std::uint32_t x, std::uint32_t y, std::uint32_t c) {
 }  // namespace
 
 TEST(DpxDecode, OrientationsMirrorLinesAndColumns) {
-  for (std::uint32_t orientation = 0; orientation < 8; ++orientation) {
+  for (std::uint32_t orientation = 0; orientation < 4; ++orientation) {
     SmallImage img(3);
     std::vector<std::uint16_t> px(3 * 2 * 3, 0);
     DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 3 * 2, 3, 2, 3, false};
@@ -199,6 +199,35 @@ TEST(DpxDecode, OrientationsMirrorLinesAndColumns) {
       }
     }
   }
+}
+
+TEST(DpxDecode, ColumnOrientationsTurnThePicture) {
+  // Stored: 3 samples a line, 2 lines. Shown: 2 wide (one column per line), 3 high.
+  for (std::uint32_t orientation = 4; orientation < 8; ++orientation) {
+    SmallImage img(3);
+    std::vector<std::uint16_t> px(2 * 3 * 4, 0);
+    DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 2 * 4 * 2, 2, 3, 4, false};
+    ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, 3, 2));
+    const bool linesRightToLeft = orientation == 5 || orientation == 7;
+    const bool samplesBottomUp = orientation == 6 || orientation == 7;
+    for (std::uint32_t y = 0; y < 3; ++y) {
+      for (std::uint32_t x = 0; x < 2; ++x) {
+        const std::uint32_t line = linesRightToLeft ? 1 - x : x;
+        const std::uint32_t sample = samplesBottomUp ? 2 - y : y;
+        for (std::uint32_t c = 0; c < 3; ++c) {
+          EXPECT_EQ(px[(y * 2 + x) * 4 + c], Code(sample, line, c) * 257)
+              << "orientation " << orientation << " at " << x << "," << y << " channel " << c;
+        }
+        EXPECT_EQ(px[(y * 2 + x) * 4 + 3], 65535);
+      }
+    }
+  }
+  // The element must still hold its 2 lines of 3: a 3x2 target would need 3 lines of 2.
+  SmallImage img(3);
+  img.job.size = 12 + 8;
+  std::vector<std::uint16_t> px(2 * 3 * 3, 0);
+  DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 2 * 3 * 2, 2, 3, 3, false};
+  EXPECT_FALSE(DpxDecode(&img.job, 1, t, 4, -1, 1));
 }
 
 TEST(DpxDecode, ChannelOrdersAlphaAndLuma) {
