@@ -401,7 +401,8 @@ DpxOutputPlan PlanDpxOutput(const DpxExportSettings& settings, const DpxWriteInf
     case 32:
       break;
     default:
-      bits = bits > 32 ? 32 : bits > 16 ? 16 : bits > 12 ? 16 : bits > 10 ? 12 : bits > 8 ? 10 : 8;
+      // The next depth that holds every source value; past 16 bits only float does.
+      bits = bits > 16 ? 32 : bits > 12 ? 16 : bits > 10 ? 12 : bits > 8 ? 10 : 8;
   }
   plan.bits = bits;
   int packing = settings.packing >= 0 ? settings.packing : info.sourcePacking;

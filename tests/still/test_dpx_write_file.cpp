@@ -136,6 +136,13 @@ TEST(DpxWrite, KeepResolvesAgainstSourceAndImage) {
   plan = PlanDpxOutput({}, info, VX_PF_RGBF32);
   EXPECT_EQ(plan.bits, 32u);
   EXPECT_EQ(plan.layout, DpxLayout::PackedRGB);
+  // Depths the writer has not got go to the next one that holds the values.
+  const std::pair<std::uint32_t, std::uint32_t> depths[] = {
+      {2, 8}, {11, 12}, {14, 16}, {24, 32}, {64, 32}};
+  for (const auto& [source, written] : depths) {
+    info.sourceBits = source;
+    EXPECT_EQ(PlanDpxOutput({}, info, VX_PF_RGB8).bits, written) << source;
+  }
   info.sourceBits = 12;
   info.sourceLayout = DpxLayout::PackedABGR;
   info.sourcePacking = 2;
