@@ -115,7 +115,7 @@ bool Remove(const VxChar* path) {
 
 bool Replace(const VxChar* from, const VxChar* to) {
   if (!from || !*from || !to || !*to) return false;
-  return ::MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+  return ::MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING) != 0;
 }
 
 bool LockFile(FileHandle f) {
