@@ -1,7 +1,6 @@
 #include "still/dpx_unpack.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <new>
 #include <thread>
