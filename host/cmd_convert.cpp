@@ -48,8 +48,9 @@ bool ListFrames(const VxString& input, Frames* out) {
 }
 
 // The layout option that keeps the source's layout, from its compression name ("10 bit RGBA",
-// "12 bit R+G+B+A", ...). Empty when the name says nothing we can keep.
-std::string LayoutFromCompressionName(const std::string& name) {
+// "12 bit R+G+B+A, Fill Method A", ...). Empty when the name says nothing we can keep.
+std::string LayoutFromCompressionName(std::string name) {
+  name = name.substr(0, name.find(','));
   const std::string order = name.substr(name.rfind(' ') + 1);
   if (order == "RGB") return "packed-rgb";
   if (order == "RGBA") return "packed-rgba";
@@ -59,6 +60,17 @@ std::string LayoutFromCompressionName(const std::string& name) {
   if (order == "BGR+A") return "bgr+alpha";
   if (order == "R+G+B") return "planar-rgb";
   if (order == "R+G+B+A") return "planar-rgba";
+  return {};
+}
+
+// The packing option that keeps the source's packing, from the same name.
+std::string PackingFromCompressionName(const std::string& name) {
+  const std::size_t comma = name.find(", ");
+  if (comma == std::string::npos) return {};
+  const std::string packing = name.substr(comma + 2);
+  if (packing == "Packed") return "packed";
+  if (packing == "Fill Method A") return "a";
+  if (packing == "Fill Method B") return "b";
   return {};
 }
 
@@ -190,11 +202,16 @@ class Converter {
       if (!bits && format.channels) bits = format.bitsPerPixel / format.channels;
       if (bits) options_.push_back({"depth=" + std::to_string(bits), false});
     }
-    if (!Named(given, "layout")) {
-      VxChar name[128] = {};
-      if (SUCCEEDED(reader->GetCompressionName(name, 128))) {
-        const std::string layout = LayoutFromCompressionName(vx::ToUtf8(name));
+    VxChar name[128] = {};
+    if (SUCCEEDED(reader->GetCompressionName(name, 128))) {
+      const std::string text = vx::ToUtf8(name);
+      if (!Named(given, "layout")) {
+        const std::string layout = LayoutFromCompressionName(text);
         if (!layout.empty()) options_.push_back({"layout=" + layout, false});
+      }
+      if (!Named(given, "packing")) {
+        const std::string packing = PackingFromCompressionName(text);
+        if (!packing.empty()) options_.push_back({"packing=" + packing, false});
       }
     }
   }

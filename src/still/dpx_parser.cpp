@@ -243,8 +243,13 @@ HRESULT CVxDPXFileParser::GetCompressionName(VxChar* buffer, int size) {
       order += "A";
     }
   }
-  char text[64];
-  std::snprintf(text, sizeof text, "%d bit %s", static_cast<int>(s.maxBits), order.c_str());
+  // Packing only changes the bytes of 10- and 12-bit data, so only those name it.
+  static const char* const kPacking[] = {"Packed", "Fill Method A", "Fill Method B"};
+  const std::uint32_t packing = s.elements[0].packing;
+  const bool namePacking = (s.maxBits == 10 || s.maxBits == 12) && packing < 3;
+  char text[96];
+  std::snprintf(text, sizeof text, "%d bit %s%s%s", static_cast<int>(s.maxBits), order.c_str(),
+                namePacking ? ", " : "", namePacking ? kPacking[packing] : "");
   return CopyName(vx::FromUtf8(text).c_str(), buffer, size);
 }
 

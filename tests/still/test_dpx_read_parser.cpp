@@ -353,7 +353,7 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
 
   VxChar name[64];
   EXPECT_EQ(parser->GetCompressionName(name, 64), S_OK);
-  EXPECT_EQ(vx::ToUtf8(name), "10 bit RGB");
+  EXPECT_EQ(vx::ToUtf8(name), "10 bit RGB, Fill Method A");
   EXPECT_EQ(parser->GetCompressionName(name, 4), S_OK);
   EXPECT_EQ(vx::ToUtf8(name), "10 ");
   EXPECT_EQ(parser->GetCompressionName(nullptr, 4), E_INVALIDARG);
@@ -420,7 +420,7 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
       {{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
       {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
       {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
-      {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A", VX_PF_RGBA16},
+      {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
       {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
       {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
       {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
