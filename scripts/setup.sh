@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs, only when some are missing. Quiet when all are
 # there. Usage: scripts/setup.sh [extra packages...]
 set -euo pipefail
-pkgs=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev
+pkgs=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
       nlohmann-json3-dev libcli11-dev libfmt-dev imagemagick clang libclang-rt-14-dev "$@")
 missing=()
 for p in "${pkgs[@]}"; do

@@ -153,6 +153,48 @@ TEST_F(VxhostDpx, ConvertsNumberedSequences) {
   EXPECT_FALSE(std::filesystem::exists(dir / "one.dpx"));
 }
 
+TEST_F(VxhostDpx, ConvertKeepsPackingByDefault) {
+  const auto in = dir / "b.dpx", out = dir / "kept.dpx";
+  WriteSource(in, DpxLayout::PackedRGB, 2, true);
+  const HostRun r = Vxhost(dir, "convert -q " + Quote(in) + " " + Quote(out));
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto a = vxtest::ReadFile(in), b = vxtest::ReadFile(out);
+  ASSERT_GE(b.size(), kHeaderSize);
+  EXPECT_EQ(b[ElementOffset(0) + kElBitSize], 10);
+  ASSERT_EQ(a.size(), b.size());
+  EXPECT_TRUE(std::equal(a.begin() + kHeaderSize, a.end(), b.begin() + kHeaderSize));
+}
+
+TEST_F(VxhostDpx, ThumbnailAveragesAreasIntoPpm) {
+  // 8x4 picture: left half code 1023 in red only, right half 0; a 2x1 thumbnail keeps that.
+  IVxImage* raw = nullptr;
+  ASSERT_EQ(VxCreateImage(8, 4, VX_PF_RGBA16, &raw), S_OK);
+  ImagePtr image(raw);
+  for (int y = 0; y < 4; ++y) {
+    auto* row = reinterpret_cast<std::uint16_t*>(image->GetBuffer() + y * image->GetRowStride());
+    for (int x = 0; x < 8; ++x) {
+      row[x * 4 + 0] = x < 4 ? 0xFFFF : 0;
+      row[x * 4 + 1] = 0;
+      row[x * 4 + 2] = x < 4 ? 0 : 0x8080;
+      row[x * 4 + 3] = 0xFFFF;
+    }
+  }
+  const auto in = dir / "t.dpx", out = dir / "t.ppm";
+  DpxExportSettings settings;
+  settings.bitDepth = 16;
+  ASSERT_EQ(WriteDpxFile(vxtest::Wide(in).c_str(), image.get(), settings, {}), S_OK);
+  const HostRun r = Vxhost(dir, "thumbnail --size 2 " + Quote(in) + " " + Quote(out));
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto ppm = vxtest::ReadFile(out);
+  const std::string head = "P6\n2 1\n255\n";
+  ASSERT_EQ(ppm.size(), head.size() + 6);
+  EXPECT_EQ(std::string(ppm.begin(), ppm.begin() + head.size()), head);
+  const std::vector<std::uint8_t> px(ppm.begin() + head.size(), ppm.end());
+  EXPECT_EQ(px, (std::vector<std::uint8_t>{255, 0, 0, 0, 0, 128}));
+
+  EXPECT_EQ(Vxhost(dir, "thumbnail " + Quote(in) + " " + Quote(dir / "t.bmp")).code, 1);
+}
+
 #endif  // _WIN32
 
 }  // namespace
