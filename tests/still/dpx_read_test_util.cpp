@@ -18,22 +18,22 @@ std::vector<std::uint8_t> WordsToBytes(const std::vector<std::uint32_t>& words, 
 
 }  // namespace
 
-Bytes MakeDpxHeader(const DpxHeaderSpec& spec) {
-  Bytes b(2048, spec.big);
-  b.Text(0, spec.big ? "SDPX" : "XPDS");
+Bytes MakeDpxHeader(const DpxHeaderRecipe& recipe) {
+  Bytes b(2048, recipe.big);
+  b.Text(0, recipe.big ? "SDPX" : "XPDS");
   b.U32(4, 2048);
   b.Text(8, "V2.0");
   b.U32(24, 1664);
   b.U32(28, 384);
   b.U32(660, 0xFFFFFFFF);
-  b.U16(768, spec.orientation);
-  b.U16(770, spec.elementCountOverride != 0xFFFF
-                 ? spec.elementCountOverride
-                 : static_cast<std::uint16_t>(spec.elements.size()));
-  b.U32(772, spec.width);
-  b.U32(776, spec.height);
-  for (std::size_t i = 0; i < spec.elements.size() && i < 8; ++i) {
-    const Element& e = spec.elements[i];
+  b.U16(768, recipe.orientation);
+  b.U16(770, recipe.elementCountOverride != 0xFFFF
+                 ? recipe.elementCountOverride
+                 : static_cast<std::uint16_t>(recipe.elements.size()));
+  b.U32(772, recipe.width);
+  b.U32(776, recipe.height);
+  for (std::size_t i = 0; i < recipe.elements.size() && i < 8; ++i) {
+    const Element& e = recipe.elements[i];
     const std::size_t o = 780 + 72 * i;
     b.U32(o + 12, (1u << (e.bits >= 32 ? 31 : e.bits)) - 1);
     b.U8(o + 20, e.descriptor);
@@ -54,21 +54,21 @@ Bytes MakeDpxHeader(const DpxHeaderSpec& spec) {
   return b;
 }
 
-Bytes MakeCineonHeader(const CineonSpec& spec) {
-  Bytes b(2048, spec.big);
+Bytes MakeCineonHeader(const CineonRecipe& recipe) {
+  Bytes b(2048, recipe.big);
   b.U32(0, 0x802A5FD7);
-  b.U32(4, spec.dataOffset);
-  b.U32(8, spec.genericLength);
+  b.U32(4, recipe.dataOffset);
+  b.U32(8, recipe.genericLength);
   b.U32(12, 1024);
-  b.U8(192, spec.orientation);
-  b.U8(193, spec.channels);
-  for (int c = 0; c < spec.channels && c < 8; ++c) {
+  b.U8(192, recipe.orientation);
+  b.U8(193, recipe.channels);
+  for (int c = 0; c < recipe.channels && c < 8; ++c) {
     b.U8(196 + 28 * c, static_cast<std::uint8_t>(c));
-    b.U8(198 + 28 * c, spec.bits);
-    b.U32(200 + 28 * c, spec.width);
-    b.U32(204 + 28 * c, spec.height);
+    b.U8(198 + 28 * c, recipe.bits);
+    b.U32(200 + 28 * c, recipe.width);
+    b.U32(204 + 28 * c, recipe.height);
   }
-  b.U8(681, spec.packing);
+  b.U8(681, recipe.packing);
   b.F32(1072, 24.0f);
   return b;
 }

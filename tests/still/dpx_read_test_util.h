@@ -48,7 +48,7 @@ struct Element {
 };
 
 // A whole 2048-byte DPX header with every optional field undefined.
-struct DpxHeaderSpec {
+struct DpxHeaderRecipe {
   bool big = true;
   std::uint32_t width = 4;
   std::uint32_t height = 2;
@@ -57,9 +57,9 @@ struct DpxHeaderSpec {
   std::uint16_t elementCountOverride = 0xFFFF;  // stored count when not 0xFFFF
 };
 
-Bytes MakeDpxHeader(const DpxHeaderSpec& spec);
+Bytes MakeDpxHeader(const DpxHeaderRecipe& recipe);
 
-struct CineonSpec {
+struct CineonRecipe {
   bool big = true;
   std::uint32_t width = 4;
   std::uint32_t height = 2;
@@ -71,7 +71,7 @@ struct CineonSpec {
   std::uint32_t dataOffset = 2048;
 };
 
-Bytes MakeCineonHeader(const CineonSpec& spec);
+Bytes MakeCineonHeader(const CineonRecipe& recipe);
 
 // Independent sample encoders, built bit by bit.
 // Samples of `bits` bits through 32-bit words, lowest bit first, words in the given order.

@@ -5,7 +5,7 @@
 #include "still/dpx_header.h"
 
 using namespace vx::dpx;
-using dpxtest::DpxHeaderSpec;
+using dpxtest::DpxHeaderRecipe;
 using dpxtest::Element;
 
 namespace {
@@ -43,14 +43,14 @@ Element El(std::uint8_t desc, std::uint8_t bits = 10, std::uint16_t packing = 1)
 
 TEST(DpxHeader, ReadsBothByteOrders) {
   for (bool big : {true, false}) {
-    DpxHeaderSpec spec;
-    spec.big = big;
-    spec.width = 0x01020304;
-    spec.height = 0x00000A0B;
-    spec.elements = {El(50, 10, 1)};
-    spec.elements[0].offset = 0x00012345;
-    spec.elements[0].eolPadding = 12;
-    auto b = dpxtest::MakeDpxHeader(spec);
+    DpxHeaderRecipe recipe;
+    recipe.big = big;
+    recipe.width = 0x01020304;
+    recipe.height = 0x00000A0B;
+    recipe.elements = {El(50, 10, 1)};
+    recipe.elements[0].offset = 0x00012345;
+    recipe.elements[0].eolPadding = 12;
+    auto b = dpxtest::MakeDpxHeader(recipe);
     b.U32(1920, 0x01020304);
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s)) << big;
@@ -69,7 +69,7 @@ TEST(DpxHeader, ReadsBothByteOrders) {
 TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
   struct Case {
     const char* what;
-    DpxHeaderSpec spec;
+    DpxHeaderRecipe recipe;
     std::size_t size = 2048;
     const char* magic = nullptr;
   };
@@ -81,38 +81,38 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
   }
   {
     Case c{"nine elements", {}};
-    c.spec.elements = {El(50)};
-    c.spec.elementCountOverride = 9;
+    c.recipe.elements = {El(50)};
+    c.recipe.elementCountOverride = 9;
     cases.push_back(c);
   }
   {
     Case c{"duplicated red", {}};
-    c.spec.elements = {El(1), El(1), El(2), El(3)};
+    c.recipe.elements = {El(1), El(1), El(2), El(3)};
     cases.push_back(c);
   }
   {
     Case c{"RGB plus a separate red", {}};
-    c.spec.elements = {El(50), El(1)};
+    c.recipe.elements = {El(50), El(1)};
     cases.push_back(c);
   }
   {
     Case c{"missing blue", {}};
-    c.spec.elements = {El(1), El(2)};
+    c.recipe.elements = {El(1), El(2)};
     cases.push_back(c);
   }
   {
     Case c{"two alphas", {}};
-    c.spec.elements = {El(51), El(4)};
+    c.recipe.elements = {El(51), El(4)};
     cases.push_back(c);
   }
   {
     Case c{"orientation 8", {}};
-    c.spec.orientation = 8;
+    c.recipe.orientation = 8;
     cases.push_back(c);
   }
   {
     Case c{"no elements", {}};
-    c.spec.elements = {};
+    c.recipe.elements = {};
     cases.push_back(c);
   }
   {
@@ -131,7 +131,7 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
     cases.push_back(c);
   }
   for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader(c.spec);
+    auto b = dpxtest::MakeDpxHeader(c.recipe);
     if (c.magic) b.Text(0, c.magic);
     DpxHeaderState s = Sentinel();
     EXPECT_FALSE(Parse(b, &s, c.size)) << c.what;
@@ -143,36 +143,36 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
 }
 
 TEST(DpxHeader, AcceptsEightElementsAndOrientationSeven) {
-  DpxHeaderSpec spec;
-  spec.orientation = 7;
+  DpxHeaderRecipe recipe;
+  recipe.orientation = 7;
   // Eight elements, five of them of kinds the reader skips.
-  spec.elements = {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)};
+  recipe.elements = {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)};
   DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.orientation, 7u);
   EXPECT_EQ(s.elementCount, 3u);
   EXPECT_TRUE(s.Planar());
 }
 
 TEST(DpxHeader, SkipsUnsupportedDepthAndPacking) {
-  DpxHeaderSpec spec;
+  DpxHeaderRecipe recipe;
   // A 64-bit red and a packing-3 red are both skipped, so the RGB element stands alone.
-  spec.elements = {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)};
+  recipe.elements = {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)};
   DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.maxBits, 12u);
   EXPECT_EQ(s.elementCount, 1u);
   EXPECT_EQ(s.elements[0].descriptor, 50u);
   // Skipping can leave a channel missing.
-  spec.elements = {El(1, 64, 0), El(2), El(3)};
-  EXPECT_FALSE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements = {El(1, 64, 0), El(2), El(3)};
+  EXPECT_FALSE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
 }
 
 TEST(DpxHeader, LumaOnlyCountsAllColours) {
-  DpxHeaderSpec spec;
-  spec.elements = {El(6, 16, 0)};
+  DpxHeaderRecipe recipe;
+  recipe.elements = {El(6, 16, 0)};
   DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.redSeen, 1);
   EXPECT_EQ(s.greenOrLumaSeen, 1);
   EXPECT_EQ(s.blueSeen, 1);
@@ -181,12 +181,12 @@ TEST(DpxHeader, LumaOnlyCountsAllColours) {
 }
 
 TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
-  DpxHeaderSpec spec;
+  DpxHeaderRecipe recipe;
   Element alpha = El(4, 8, 0);
   alpha.offset = 9999;
-  spec.elements = {El(53), alpha};
+  recipe.elements = {El(53), alpha};
   DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_TRUE(s.hasAlpha);
   EXPECT_TRUE(s.reversedOrder);
   // The alpha element follows the interleaved colour element in slot 1.
@@ -196,13 +196,13 @@ TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
   ASSERT_NE(s.SeparateAlpha(), nullptr);
 
   // Planar with alpha keeps green in slot 1.
-  spec.elements = {El(1), El(2), El(3), alpha};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements = {El(1), El(2), El(3), alpha};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.elements[1].descriptor, 2u);
   EXPECT_EQ(s.elements[3].dataOffset, 9999u);
 
-  spec.elements = {El(52)};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements = {El(52)};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_TRUE(s.hasAlpha);
   EXPECT_TRUE(s.reversedOrder);
   EXPECT_EQ(s.elements[0].components, 4u);
@@ -210,24 +210,24 @@ TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
 }
 
 TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
-  DpxHeaderSpec spec;
-  spec.elements[0].eolPadding = 0x7FFFFFFF;
+  DpxHeaderRecipe recipe;
+  recipe.elements[0].eolPadding = 0x7FFFFFFF;
   DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.elements[0].eolPadding, 0u);
-  spec.elements[0].eolPadding = 0xFFFFFFFF;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements[0].eolPadding = 0xFFFFFFFF;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.elements[0].eolPadding, 0u);
-  spec.elements[0].eolPadding = 0x7FFFFFFE;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements[0].eolPadding = 0x7FFFFFFE;
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_EQ(s.elements[0].eolPadding, 0x7FFFFFFEu);
 }
 
 TEST(DpxHeader, EmptyElementOffsetFallsBackToImageOffset) {
   for (std::uint32_t stored : {0u, 0xFFFFFFFFu}) {
-    DpxHeaderSpec spec;
-    spec.elements[0].offset = stored;
-    auto b = dpxtest::MakeDpxHeader(spec);
+    DpxHeaderRecipe recipe;
+    recipe.elements[0].offset = stored;
+    auto b = dpxtest::MakeDpxHeader(recipe);
     b.U32(4, 8192);
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s));
@@ -259,22 +259,22 @@ TEST(DpxHeader, PixelAspect) {
 }
 
 TEST(DpxHeader, LevelsDefaultByDepth) {
-  DpxHeaderSpec spec;
+  DpxHeaderRecipe recipe;
   DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_DOUBLE_EQ(s.whiteLevel, 1023.0);
   EXPECT_DOUBLE_EQ(s.blackLevel, 0.0);
   EXPECT_NEAR(s.gamma, 2.2222223, 1e-7);
   EXPECT_DOUBLE_EQ(s.blackGain, 4.5);
   EXPECT_DOUBLE_EQ(s.breakPoint, 0.018);
 
-  spec.elements = {El(50, 32, 0)};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements = {El(50, 32, 0)};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_DOUBLE_EQ(s.whiteLevel, 1.0);
 
   // Planar with a 12-bit channel: the deepest element decides.
-  spec.elements = {El(1, 8, 0), El(2, 12, 1), El(3, 8, 0)};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(spec), &s));
+  recipe.elements = {El(1, 8, 0), El(2, 12, 1), El(3, 8, 0)};
+  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
   EXPECT_DOUBLE_EQ(s.whiteLevel, 4095.0);
 
   auto b = dpxtest::MakeDpxHeader({});
@@ -362,12 +362,12 @@ TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
 
 TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
   for (bool big : {true, false}) {
-    dpxtest::CineonSpec spec;
-    spec.big = big;
-    spec.width = 0x0102;
-    spec.height = 0x0304;
-    spec.dataOffset = 0x8000;
-    auto b = dpxtest::MakeCineonHeader(spec);
+    dpxtest::CineonRecipe recipe;
+    recipe.big = big;
+    recipe.width = 0x0102;
+    recipe.height = 0x0304;
+    recipe.dataOffset = 0x8000;
+    auto b = dpxtest::MakeCineonHeader(recipe);
     b.U32(684, 8);
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s)) << big;
@@ -393,11 +393,11 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
             {4, 10, 0, 51, 4, 0, 3, true, 1023.0},
             {3, 8, 0, 50, 3, 0, 2, false, 255.0}};
   for (auto c : ok) {
-    dpxtest::CineonSpec spec;
-    spec.channels = c.channels;
-    spec.bits = c.bits;
-    spec.packing = c.packing;
-    auto b = dpxtest::MakeCineonHeader(spec);
+    dpxtest::CineonRecipe recipe;
+    recipe.channels = c.channels;
+    recipe.bits = c.bits;
+    recipe.packing = c.packing;
+    auto b = dpxtest::MakeCineonHeader(recipe);
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
     EXPECT_EQ(s.elements[0].descriptor, c.desc);
@@ -412,7 +412,7 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
 TEST(CineonHeader, FaultsFail) {
   struct Case {
     const char* what;
-    dpxtest::CineonSpec spec;
+    dpxtest::CineonRecipe recipe;
     std::size_t at = 0;
     std::uint8_t value = 0;
     std::size_t size = 2048;
@@ -423,11 +423,11 @@ TEST(CineonHeader, FaultsFail) {
     tweak(c);
     cases.push_back(c);
   };
-  add("packing 1", [](Case& c) { c.spec.packing = 1; });
-  add("two channels", [](Case& c) { c.spec.channels = 2; });
-  add("twelve bits", [](Case& c) { c.spec.bits = 12; });
-  add("sixteen bits", [](Case& c) { c.spec.bits = 16; });
-  add("orientation 8", [](Case& c) { c.spec.orientation = 8; });
+  add("packing 1", [](Case& c) { c.recipe.packing = 1; });
+  add("two channels", [](Case& c) { c.recipe.channels = 2; });
+  add("twelve bits", [](Case& c) { c.recipe.bits = 12; });
+  add("sixteen bits", [](Case& c) { c.recipe.bits = 16; });
+  add("orientation 8", [](Case& c) { c.recipe.orientation = 8; });
   add("interleave", [](Case& c) { c.at = 680, c.value = 1; });
   add("signed", [](Case& c) { c.at = 682, c.value = 1; });
   add("negative sense", [](Case& c) { c.at = 683, c.value = 1; });
@@ -435,7 +435,7 @@ TEST(CineonHeader, FaultsFail) {
   add("cut short", [](Case& c) { c.size = 2047; });
   add("first read cut", [](Case& c) { c.size = 191; });
   for (const Case& c : cases) {
-    auto b = dpxtest::MakeCineonHeader(c.spec);
+    auto b = dpxtest::MakeCineonHeader(c.recipe);
     if (c.at) b.U8(c.at, c.value);
     DpxHeaderState s = Sentinel();
     EXPECT_FALSE(ParseCineonHeader(b.data.data(), c.size, &s)) << c.what;
@@ -444,12 +444,12 @@ TEST(CineonHeader, FaultsFail) {
 }
 
 TEST(CineonHeader, HeaderLengthRule) {
-  dpxtest::CineonSpec spec;
-  spec.genericLength = 100;  // below the first read: 832 more bytes, then the industry header
-  auto b = dpxtest::MakeCineonHeader(spec);
+  dpxtest::CineonRecipe recipe;
+  recipe.genericLength = 100;  // below the first read: 832 more bytes, then the industry header
+  auto b = dpxtest::MakeCineonHeader(recipe);
   EXPECT_EQ(CineonHeaderBytes(b.data.data(), b.data.size()), 2048u);
-  spec.genericLength = 1500;
-  b = dpxtest::MakeCineonHeader(spec);
+  recipe.genericLength = 1500;
+  b = dpxtest::MakeCineonHeader(recipe);
   EXPECT_EQ(CineonHeaderBytes(b.data.data(), b.data.size()), 2524u);
   DpxHeaderState s;
   EXPECT_FALSE(ParseCineonHeader(b.data.data(), b.data.size(), &s));

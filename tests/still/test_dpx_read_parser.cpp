@@ -201,7 +201,7 @@ TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
   const auto good = dir / "good.dpx";
   WriteDpx(good, dpxtest::MakeDpxHeader({}), data);
 
-  using SpecTweak = std::function<void(dpxtest::DpxHeaderSpec&)>;
+  using SpecTweak = std::function<void(dpxtest::DpxHeaderRecipe&)>;
   struct Case {
     const char* name;
     SpecTweak tweak;
@@ -224,9 +224,9 @@ TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    dpxtest::DpxHeaderSpec spec;
-    c.tweak(spec);
-    auto b = dpxtest::MakeDpxHeader(spec);
+    dpxtest::DpxHeaderRecipe recipe;
+    c.tweak(recipe);
+    auto b = dpxtest::MakeDpxHeader(recipe);
     if (c.magic) b.Text(0, c.magic);
     const auto bad = dir / (std::string(c.name) + ".dpx");
     if (c.cut) {
@@ -267,9 +267,9 @@ TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
 
 TEST(DpxReadFaults, TruncatedPictureData) {
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderSpec spec;  // 4x2 10-bit RGB method A: 16 bytes a line
+  dpxtest::DpxHeaderRecipe recipe;  // 4x2 10-bit RGB method A: 16 bytes a line
   const auto p = dir / "short.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(31, 0xFF));
+  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(31, 0xFF));
   Parser parser;
   ASSERT_EQ(parser.Open(p), S_OK);
   Image img;
@@ -277,16 +277,16 @@ TEST(DpxReadFaults, TruncatedPictureData) {
   EXPECT_EQ(parser->ReadImage(&img.p, 0), E_FAIL);
   EXPECT_EQ(img.At16(0, 0, 0), 0);
   // Data offset past the end.
-  spec.elements[0].offset = 0x7FFFFFF0;
-  WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(32, 0));
+  recipe.elements[0].offset = 0x7FFFFFF0;
+  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(32, 0));
   Parser other;
   ASSERT_EQ(other.Open(p), S_OK);
   EXPECT_EQ(other->ReadImage(&img.p, 0), E_FAIL);
   // Huge dimensions with little data: refused before any allocation.
-  spec.elements[0].offset = 2048;
-  spec.width = 0x40000000;
-  spec.height = 0x40000000;
-  WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(32, 0));
+  recipe.elements[0].offset = 2048;
+  recipe.width = 0x40000000;
+  recipe.height = 0x40000000;
+  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(32, 0));
   Parser huge;
   ASSERT_EQ(huge.Open(p), S_OK);
   IVxImage* none = nullptr;
@@ -297,11 +297,11 @@ TEST(DpxReadFaults, TruncatedPictureData) {
 
 TEST(DpxReadParser, StreamFormatAndQueries) {
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderSpec spec;
-  spec.big = false;
-  spec.width = 3;
-  spec.height = 1;
-  auto b = dpxtest::MakeDpxHeader(spec);
+  dpxtest::DpxHeaderRecipe recipe;
+  recipe.big = false;
+  recipe.width = 3;
+  recipe.height = 1;
+  auto b = dpxtest::MakeDpxHeader(recipe);
   b.F32(1940, 25.0f);
   b.U8(1928, 1);
   b.U8(1929, 1);
@@ -432,10 +432,10 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
   int n = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    dpxtest::DpxHeaderSpec spec;
-    spec.elements = c.elements;
+    dpxtest::DpxHeaderRecipe recipe;
+    recipe.elements = c.elements;
     const auto p = dir / ("c" + std::to_string(n++) + ".dpx");
-    WriteDpx(p, dpxtest::MakeDpxHeader(spec), std::vector<std::uint8_t>(4 * 2 * 4 * 4, 0));
+    WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(4 * 2 * 4 * 4, 0));
     Parser parser;
     ASSERT_EQ(parser.Open(p), S_OK);
     VxChar name[64];
@@ -451,10 +451,10 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
 TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
   vxtest::TempDir dir;
   // Planar 16-bit big-endian red, green, blue, alpha: 2x1 pixels, four-byte lines.
-  dpxtest::DpxHeaderSpec spec;
-  spec.width = 2;
-  spec.height = 1;
-  spec.elements.clear();
+  dpxtest::DpxHeaderRecipe recipe;
+  recipe.width = 2;
+  recipe.height = 1;
+  recipe.elements.clear();
   std::vector<std::uint8_t> data;
   const std::uint32_t values[4][2] = {{1, 2}, {300, 400}, {65535, 0}, {32768, 16384}};
   for (int c = 0; c < 4; ++c) {
@@ -463,12 +463,12 @@ TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
     e.bits = 16;
     e.packing = 0;
     e.offset = 2048 + 4 * c;
-    spec.elements.push_back(e);
+    recipe.elements.push_back(e);
     const auto enc = dpxtest::Encode16({values[c][0], values[c][1]}, true);
     data.insert(data.end(), enc.begin(), enc.end());
   }
   const auto p = dir / "planar.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(spec), data);
+  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), data);
   Parser parser;
   ASSERT_EQ(parser.Open(p), S_OK);
   Image img;
@@ -490,7 +490,7 @@ TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
   EXPECT_EQ(rgb.At16(1, 0, 1), 400);
 
   // Little-endian float luma.
-  dpxtest::DpxHeaderSpec luma;
+  dpxtest::DpxHeaderRecipe luma;
   luma.big = false;
   luma.width = 3;
   luma.height = 1;
@@ -517,13 +517,13 @@ TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
 TEST(DpxReadParser, SequenceReadsEachFileOnce) {
   vxtest::TempDir dir;
   for (int i = 1; i <= 3; ++i) {
-    dpxtest::DpxHeaderSpec spec;
-    spec.width = static_cast<std::uint32_t>(i);
-    spec.height = 1;
-    spec.elements = {dpxtest::Element{50, 8, 0, 2, 2048, 0}};
+    dpxtest::DpxHeaderRecipe recipe;
+    recipe.width = static_cast<std::uint32_t>(i);
+    recipe.height = 1;
+    recipe.elements = {dpxtest::Element{50, 8, 0, 2, 2048, 0}};
     char n[32];
     std::snprintf(n, sizeof n, "shot.%04d.dpx", i);
-    WriteDpx(dir / n, dpxtest::MakeDpxHeader(spec),
+    WriteDpx(dir / n, dpxtest::MakeDpxHeader(recipe),
              std::vector<std::uint8_t>(12, static_cast<std::uint8_t>(i * 10)));
   }
   Parser parser;
@@ -547,10 +547,10 @@ TEST(DpxReadParser, SequenceReadsEachFileOnce) {
 
 TEST(CineonReadParser, ReadsAndRefusesWrites) {
   vxtest::TempDir dir;
-  dpxtest::CineonSpec spec;
-  spec.width = 2;
-  spec.height = 2;
-  auto b = dpxtest::MakeCineonHeader(spec);
+  dpxtest::CineonRecipe recipe;
+  recipe.width = 2;
+  recipe.height = 2;
+  auto b = dpxtest::MakeCineonHeader(recipe);
   const auto p = dir / "a.cin";
   WriteDpx(p, b, dpxtest::EncodeFilled10({1023, 512, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, true, true));
   Parser parser(false);
@@ -632,12 +632,12 @@ TEST(DpxReadParser, WritesWhatItReads) {
 
 TEST(DpxReadParser, ImposedAlphaGivesOpaqueChannel) {
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderSpec spec;
-  spec.width = 2;
-  spec.height = 1;
-  spec.elements = {dpxtest::Element{50, 16, 0, 2, 2048, 0}};
+  dpxtest::DpxHeaderRecipe recipe;
+  recipe.width = 2;
+  recipe.height = 1;
+  recipe.elements = {dpxtest::Element{50, 16, 0, 2, 2048, 0}};
   const auto p = dir / "rgb.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(spec), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
+  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
   Parser parser;
   ASSERT_EQ(parser.Open(p), S_OK);
   tagVxImageStreamFormat f{};
@@ -653,13 +653,13 @@ TEST(DpxReadParser, ImposedAlphaGivesOpaqueChannel) {
 
 TEST(DpxReadParser, ColumnOrientationReportsTurnedSize) {
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderSpec spec;
-  spec.width = 3;  // samples a line: the picture's height
-  spec.height = 2;
-  spec.orientation = 5;
-  spec.elements = {dpxtest::Element{6, 16, 0, 2, 2048, 0}};
+  dpxtest::DpxHeaderRecipe recipe;
+  recipe.width = 3;  // samples a line: the picture's height
+  recipe.height = 2;
+  recipe.orientation = 5;
+  recipe.elements = {dpxtest::Element{6, 16, 0, 2, 2048, 0}};
   const auto p = dir / "turned.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(spec), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
+  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
   Parser parser;
   ASSERT_EQ(parser.Open(p), S_OK);
   HRESULT hr;
