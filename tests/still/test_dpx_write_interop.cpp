@@ -41,7 +41,7 @@ std::vector<std::uint16_t> ReadWithImageMagick(const std::filesystem::path& file
 #endif
 
 // The code value ImageMagick's 16-bit sample stands for at `bits`.
-std::int64_t CodeOf16(int v, std::uint32_t bits) {
+[[maybe_unused]] std::int64_t CodeOf16(int v, std::uint32_t bits) {  // unused on Windows
   const double top = static_cast<double>((std::uint64_t{1} << bits) - 1);
   return static_cast<std::int64_t>(v * top / 65535.0 + 0.5);
 }
