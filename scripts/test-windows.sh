@@ -46,6 +46,6 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   "$server" -w
 fi
 # One wine server for the whole run instead of one per test program start.
-"$server" -p
+"$server" -p 2>/dev/null || true  # already running for this prefix is fine
 trap '"$server" -k >/dev/null 2>&1 || true' EXIT
 ctest --preset win64
