@@ -26,7 +26,10 @@ HostRun Vxhost(const vxtest::TempDir& dir, const std::string& args) {
   const auto host = vxtest::BinDir() / "vxhost";
   if (!std::filesystem::exists(host)) return r;
   const auto out = dir / "stdout.txt", err = dir / "stderr.txt", rc = dir / "rc.txt";
-  const std::string cmd = "'" + host.string() + "' " + args + " > '" + out.string() + "' 2> '" +
+  // A registry of the test's own: tests run in parallel, and another process's first-run
+  // registration, seen half done, would hide the DPX row.
+  const std::string cmd = "VXHOST_REGISTRY='" + (dir / "registry.json").string() + "' '" +
+                          host.string() + "' " + args + " > '" + out.string() + "' 2> '" +
                           err.string() + "'; echo $? > '" + rc.string() + "'";
   if (std::system(cmd.c_str()) != 0) return r;
   const auto code = vxtest::ReadFile(rc);
