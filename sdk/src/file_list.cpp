@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sdk_internal.h"
+#include "com_object.h"
 #include "vx/sdk.h"
 
 namespace {
@@ -125,7 +126,7 @@ bool MatchDigits(VxStringView text, const FrameField& f, int* frame) {
   return true;
 }
 
-class FileList final : public IVxFileList {
+class FileList final : public vx::sdk::ComObject<IVxFileList, IID_IVxFileList> {
  public:
   struct Item {
     VxString name;
@@ -133,22 +134,6 @@ class FileList final : public IVxFileList {
   };
   explicit FileList(std::vector<Item> items) : items_(std::move(items)) {}
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (riid == IID_IUnknown || riid == IID_IVxFileList) {
-      AddRef();
-      *ppv = static_cast<IVxFileList*>(this);
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG n = --refs_;
-    if (n == 0) delete this;
-    return n;
-  }
   HRESULT STDMETHODCALLTYPE GetCount(int* count) override {
     if (!count) return E_POINTER;
     *count = static_cast<int>(items_.size());
@@ -171,7 +156,6 @@ class FileList final : public IVxFileList {
  private:
   ~FileList() = default;
   std::vector<Item> items_;
-  std::atomic<ULONG> refs_{1};
 };
 
 HRESULT MakeList(std::vector<FileList::Item> items, IVxFileList** out) {

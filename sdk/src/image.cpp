@@ -6,6 +6,7 @@
 #include <new>
 #include <vector>
 
+#include "com_object.h"
 #include "vx/sdk.h"
 
 namespace {
@@ -57,24 +58,8 @@ bool LayoutOf(VxPixelFormat f, Layout* l) {
   return false;
 }
 
-class Image final : public IVxImage {
+class Image final : public vx::sdk::ComObject<IVxImage, IID_IVxImage> {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (riid == IID_IUnknown || riid == IID_IVxImage) {
-      AddRef();
-      *ppv = static_cast<IVxImage*>(this);
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG n = --refs_;
-    if (n == 0) delete this;
-    return n;
-  }
   int STDMETHODCALLTYPE GetWidth() override { return width_; }
   int STDMETHODCALLTYPE GetHeight() override { return height_; }
   VxPixelFormat STDMETHODCALLTYPE GetPixelFormat() override { return format_; }
@@ -121,7 +106,6 @@ class Image final : public IVxImage {
 
  private:
   ~Image() = default;
-  std::atomic<ULONG> refs_{1};
   int width_ = 0, height_ = 0, stride_ = 0;
   VxPixelFormat format_ = VX_PF_UNKNOWN;
   std::unique_ptr<BYTE[]> pixels_;
@@ -307,27 +291,11 @@ void PackFloatRow(const float* in, int n, const Layout& l, bool srcGray, BYTE* d
 }
 
 // ---- Sound buffer ---------------------------------------------------------------------------
-class AudioBuffer final : public IVxAudioBuffer {
+class AudioBuffer final : public vx::sdk::ComObject<IVxAudioBuffer, IID_IVxAudioBuffer> {
  public:
   AudioBuffer(const WAVEFORMATEX& format, std::unique_ptr<BYTE[]> data, DWORD capacity)
       : format_(format), data_(std::move(data)), capacity_(capacity) {}
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (riid == IID_IUnknown || riid == IID_IVxAudioBuffer) {
-      AddRef();
-      *ppv = static_cast<IVxAudioBuffer*>(this);
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG n = --refs_;
-    if (n == 0) delete this;
-    return n;
-  }
   HRESULT STDMETHODCALLTYPE GetFormat(WAVEFORMATEX* format) override {
     if (!format) return E_POINTER;
     *format = format_;
@@ -344,7 +312,6 @@ class AudioBuffer final : public IVxAudioBuffer {
 
  private:
   ~AudioBuffer() = default;
-  std::atomic<ULONG> refs_{1};
   WAVEFORMATEX format_;
   std::unique_ptr<BYTE[]> data_;
   DWORD capacity_;
