@@ -10,9 +10,9 @@
 #include <random>
 #include <vector>
 
-#include "still/dpx_format.h"
-#include "still/dpx_parser.h"
-#include "still/dpx_unpack.h"
+#include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_parser.h"
+#include "still/dpx/dpx_unpack.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <random>
 #include <vector>
 
-#include "still/dpx_pack.h"
-#include "still/dpx_writer.h"
+#include "still/dpx/dpx_pack.h"
+#include "still/dpx/dpx_writer.h"
 #include "vx/sdk.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <vector>
 
-#include "still/dpx_header.h"
-#include "still/dpx_unpack.h"
+#include "still/dpx/dpx_header.h"
+#include "still/dpx/dpx_unpack.h"
 
 namespace {
 

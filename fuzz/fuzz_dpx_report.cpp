@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "still/dpx_report.h"
+#include "still/dpx/dpx_report.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;

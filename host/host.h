@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "vx/com_ptr.h"
 #include "vx/parser.h"
 #include "vx/platform.h"
 #include "vx/sdk.h"
@@ -67,46 +68,7 @@ void RunInfoSections(InfoContext& context, Json& out, HRESULT* failure);
 
 // ---- COM helpers ----------------------------------------------------------------------------
 
-// Owning interface pointer.
-template <class T>
-class ComPtr {
- public:
-  ComPtr() = default;
-  ~ComPtr() { reset(); }
-  ComPtr(const ComPtr&) = delete;
-  ComPtr& operator=(const ComPtr&) = delete;
-  ComPtr(ComPtr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
-  ComPtr& operator=(ComPtr&& o) noexcept {
-    if (this != &o) {
-      reset();
-      p_ = std::exchange(o.p_, nullptr);
-    }
-    return *this;
-  }
-  T* get() const { return p_; }
-  T* operator->() const { return p_; }
-  explicit operator bool() const { return p_ != nullptr; }
-  void reset() {
-    if (p_) p_->Release();
-    p_ = nullptr;
-  }
-  T** put() {
-    reset();
-    return &p_;
-  }
-  void** put_void() { return reinterpret_cast<void**>(put()); }
-
-  // The object's `U` interface when it offers one.
-  template <class U>
-  ComPtr<U> As(REFIID iid) const {
-    ComPtr<U> out;
-    if (p_ && FAILED(p_->QueryInterface(iid, out.put_void()))) out.reset();
-    return out;
-  }
-
- private:
-  T* p_ = nullptr;
-};
+using vx::ComPtr;
 
 // ---- The component --------------------------------------------------------------------------
 

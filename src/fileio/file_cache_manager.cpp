@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame/module.h"
+#include "base/module.h"
 
 namespace vx::fileio {
 

@@ -37,9 +37,8 @@ struct CatalogueRow {
   DWORD mediaKind;     // 1 still, 2 audio, 3 movie
   DWORD capabilities;  // bit 0 import, bit 1 export, 0x30000 passed through for the host
   std::span<const VxChar* const> extensions;  // upper case, no dot
-  int arg;                                    // handed to `create`
-  Constructor create;                         // null: no class built for the row yet
-  const char* className;                      // for messages
+  int arg;                                    // handed to the class's constructor
+  const char* className;                      // picks the constructor (ConstructorFor)
 };
 
 // The 31 rows in registration order.
@@ -62,8 +61,7 @@ struct ModuleObject {
   const VxChar* genericName;
   const VxChar* comName;
   Birth birth;
-  Constructor create;  // the cache manager's hands out the one instance
-  const char* className;
+  const char* className;  // picks the constructor (ConstructorFor)
 };
 
 // ADF parser, QuickTime manager, file cache manager, RED helper: registration order.
@@ -71,6 +69,10 @@ std::span<const ModuleObject> ModuleObjects();
 
 // Catalogue row numbers (1-based) in the order their registration is undone.
 std::span<const int> UnregistrationOrder();
+
+// The constructor of a class by name; null when the class is not built yet. Defined by the
+// class table in src/classes, the one place that knows every format's header.
+Constructor ConstructorFor(const char* className);
 
 // The row or object for a class id; null when the module knows no such class.
 const CatalogueRow* FindRow(const GUID& clsid);

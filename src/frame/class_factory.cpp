@@ -3,7 +3,7 @@
 #include <new>
 
 #include "frame/catalogue.h"
-#include "frame/module.h"
+#include "base/module.h"
 #include "vx/platform.h"
 #include "vx/sdk.h"
 
@@ -134,10 +134,10 @@ HRESULT CClassFactory::CreateInstance(IUnknown* outer, REFIID riid, void** ppv) 
   IUnknown* object = nullptr;
   Birth birth = Birth::Unreferenced;
   if (const CatalogueRow* row = FindRow(clsid_)) {
-    if (row->create) object = row->create(row->arg);
+    if (Constructor make = ConstructorFor(row->className)) object = make(row->arg);
   } else if (const ModuleObject* other = FindObject(clsid_)) {
     birth = other->birth;
-    if (other->create) object = other->create(0);
+    if (Constructor make = ConstructorFor(other->className)) object = make(0);
   }
   // Allocation failure is reported like a class that is not built, on purpose.
   if (!object) return E_NOINTERFACE;

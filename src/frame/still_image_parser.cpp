@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "frame/module.h"
+#include "base/module.h"
 #include "vx/platform.h"
 
 namespace {
@@ -157,6 +157,15 @@ HRESULT CVxStillImageParser::GetTimeRange(DWORD, CVxTime*, CVxTime*) {
 HRESULT CVxStillImageParser::SetOption(void*, DWORD) {
   return E_NOTIMPL;
 }
+HRESULT CVxStillImageParser::TakeMetadataOption(void* option, DWORD kind) {
+  if (kind != VX_OPTION_METADATA) return S_FALSE;
+  if (!option) return E_POINTER;
+  if (!writeMetadata_) {
+    if (HRESULT hr = VxCreateMetadata(writeMetadata_.put()); FAILED(hr)) return hr;
+  }
+  return writeMetadata_->CopyFrom(static_cast<IVxMetadata*>(option));
+}
+
 HRESULT CVxStillImageParser::GetCompressionName(VxChar*, int) {
   return E_NOTIMPL;
 }

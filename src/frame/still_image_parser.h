@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "vx/com_ptr.h"
 #include "vx/parser.h"
 
 class CVxStillImageParser : public IVxMediaFileParser, public IVxImageStreamParser {
@@ -47,6 +48,9 @@ class CVxStillImageParser : public IVxMediaFileParser, public IVxImageStreamPars
   // Open flags the parser never keeps: they belong to the host.
   static constexpr DWORD kHostFlagMask = VX_OPEN_NO_PATTERN | VX_OPEN_HOST_RESERVED;
 
+  // Copies `name` into the host's buffer (at most size characters, terminated within them).
+  static HRESULT CopyName(const VxChar* name, VxChar* buffer, int size);
+
  protected:
   // Makes entry `index` of the list the current file; -1 takes the first entry that exists and
   // is not a folder. Without a list only 0 and -1 are valid and the name stays as opened.
@@ -71,8 +75,11 @@ class CVxStillImageParser : public IVxMediaFileParser, public IVxImageStreamPars
   // The picture stream's record check shared by the formats' SetStreamFormat/GetStreamFormat:
   // E_POINTER for null, E_INVALIDARG for another kind or a size other than 56.
   static HRESULT CheckPictureRecord(DWORD kind, const void* record);
-  // Copies `name` into the host's buffer (at most size characters, terminated within them).
-  static HRESULT CopyName(const VxChar* name, VxChar* buffer, int size);
+  // SetOption's metadata kind, for the formats' SetOption: with VX_OPTION_METADATA keeps a copy
+  // of the record for the frames written next (S_OK); any other kind answers S_FALSE untouched.
+  HRESULT TakeMetadataOption(void* option, DWORD kind);
+  // The record the host handed over for writing; null when none.
+  IVxMetadata* WriteMetadata() const { return writeMetadata_.get(); }
 
  private:
   void ReleaseList();
@@ -86,4 +93,5 @@ class CVxStillImageParser : public IVxMediaFileParser, public IVxImageStreamPars
   bool alphaImposed_ = false;
   bool streamFlag_ = false;
   bool listFromPattern_ = false;  // the list was expanded from name_ rather than handed over
+  vx::ComPtr<IVxMetadata> writeMetadata_;
 };

@@ -3,7 +3,7 @@
 
 #include "fileio/file_cache_manager.h"
 #include "fileio_test_util.h"
-#include "frame/module.h"
+#include "base/module.h"
 
 using vx::fileio::CacheManager;
 using vx::fileio::CChunkFile;

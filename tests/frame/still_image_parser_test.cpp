@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "frame/module.h"
+#include "base/module.h"
 #include "test_util.h"
 
 namespace {

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <vector>
 
-#include "still/dpx_format.h"
-#include "still/dpx_header.h"
-#include "still/dpx_unpack.h"
-#include "still/dpx_writer.h"
+#include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_header.h"
+#include "still/dpx/dpx_unpack.h"
+#include "still/dpx/dpx_writer.h"
 #include "vx/sdk.h"
 
 namespace dpxtest {

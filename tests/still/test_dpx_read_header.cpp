@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "dpx_read_test_util.h"
-#include "still/dpx_header.h"
+#include "still/dpx/dpx_header.h"
 
 using namespace vx::dpx;
 using dpxtest::DpxHeaderRecipe;

@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "dpx_read_test_util.h"
-#include "still/dpx_parser.h"
+#include "still/dpx/dpx_parser.h"
 #include "test_util.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <random>
 
 #include "dpx_read_test_util.h"
-#include "still/dpx_unpack.h"
+#include "still/dpx/dpx_unpack.h"
 
 using namespace vx::dpx;
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "still/dpx_format.h"
-#include "still/dpx_report.h"
+#include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_report.h"
 #include "test_util.h"
 
 using namespace vx::dpx;

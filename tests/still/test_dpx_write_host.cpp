@@ -5,7 +5,7 @@
 #include <string>
 
 #include "dpx_write_test_util.h"
-#include "still/dpx_report.h"
+#include "still/dpx/dpx_report.h"
 #include "test_util.h"
 
 using namespace vx::dpx;

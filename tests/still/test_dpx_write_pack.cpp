@@ -6,10 +6,10 @@
 #include <limits>
 #include <vector>
 
-#include "still/dpx_pack.h"
-#include "still/dpx_header.h"
-#include "still/dpx_settings.h"
-#include "still/dpx_unpack.h"
+#include "still/dpx/dpx_pack.h"
+#include "still/dpx/dpx_header.h"
+#include "still/dpx/dpx_settings.h"
+#include "still/dpx/dpx_unpack.h"
 
 using namespace vx::dpx;
 

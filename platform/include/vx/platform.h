@@ -37,6 +37,35 @@ bool Replace(const VxChar* from, const VxChar* to);
 bool LockFile(FileHandle f);
 void UnlockFile(FileHandle f);
 
+// Owns an open file handle and closes it at scope end.
+class UniqueFile {
+ public:
+  UniqueFile() = default;
+  explicit UniqueFile(FileHandle f) : f_(f) {}
+  ~UniqueFile() { reset(); }
+  UniqueFile(const UniqueFile&) = delete;
+  UniqueFile& operator=(const UniqueFile&) = delete;
+  UniqueFile(UniqueFile&& o) noexcept : f_(o.release()) {}
+  UniqueFile& operator=(UniqueFile&& o) noexcept {
+    if (this != &o) reset(o.release());
+    return *this;
+  }
+  FileHandle get() const { return f_; }
+  explicit operator bool() const { return f_ != kNoFile; }
+  FileHandle release() {
+    const FileHandle f = f_;
+    f_ = kNoFile;
+    return f;
+  }
+  void reset(FileHandle f = kNoFile) {
+    if (f_ != kNoFile) Close(f_);
+    f_ = f;
+  }
+
+ private:
+  FileHandle f_ = kNoFile;
+};
+
 // ---- Named shared memory ------------------------------------------------------------------
 std::size_t PageSize();
 std::uint64_t RoundToPage(std::uint64_t bytes);  // sizes of mappings are whole pages
@@ -74,12 +103,11 @@ Wait WaitEvent(EventHandle e, std::uint32_t timeoutMs);
 using ProcessHandle = struct ProcessImpl*;
 // Starts `program` found in `folder` (the working directory too) with `commandLine` (arguments
 // only, split like a shell: spaces separate, double quotes group), without a window.
-ProcessHandle LaunchProcess(const VxChar* folder, const VxChar* program,
-                            const VxChar* commandLine);
+ProcessHandle LaunchProcess(const VxChar* folder, const VxChar* program, const VxChar* commandLine);
 // Kills the process; ProcessExitCode then reports `exitCode`. False when it has ended already.
 bool TerminateProcess(ProcessHandle p, int exitCode);
 Wait WaitProcess(ProcessHandle p, std::uint32_t timeoutMs);  // Signaled when it has exited
-bool ProcessExitCode(ProcessHandle p, int* code);             // false while it runs
+bool ProcessExitCode(ProcessHandle p, int* code);            // false while it runs
 std::uint32_t ProcessIdOf(ProcessHandle p);
 void CloseProcess(ProcessHandle p);  // forgets the handle; the process runs on
 // First of: the event set (Signaled) or the process gone (ProcessExited).
@@ -114,8 +142,8 @@ class Lock {
   CriticalSection& cs_;
 };
 
-std::int32_t AtomicIncrement(volatile std::int32_t* v);  // returns the new value
-std::int32_t AtomicDecrement(volatile std::int32_t* v);  // returns the new value
+std::int32_t AtomicIncrement(volatile std::int32_t* v);                     // returns the new value
+std::int32_t AtomicDecrement(volatile std::int32_t* v);                     // returns the new value
 std::int32_t AtomicExchange(volatile std::int32_t* v, std::int32_t value);  // returns old
 std::int32_t AtomicCompareExchange(volatile std::int32_t* v, std::int32_t exchange,
                                    std::int32_t comparand);  // returns old

@@ -66,10 +66,18 @@ using REFCLSID = const CLSID&;
 inline bool operator==(const GUID& a, const GUID& b) {
   return std::memcmp(&a, &b, sizeof(GUID)) == 0;
 }
-inline bool operator!=(const GUID& a, const GUID& b) { return !(a == b); }
-inline bool IsEqualGUID(REFGUID a, REFGUID b) { return a == b; }
-inline bool IsEqualIID(REFIID a, REFIID b) { return a == b; }
-inline bool IsEqualCLSID(REFCLSID a, REFCLSID b) { return a == b; }
+inline bool operator!=(const GUID& a, const GUID& b) {
+  return !(a == b);
+}
+inline bool IsEqualGUID(REFGUID a, REFGUID b) {
+  return a == b;
+}
+inline bool IsEqualIID(REFIID a, REFIID b) {
+  return a == b;
+}
+inline bool IsEqualCLSID(REFCLSID a, REFCLSID b) {
+  return a == b;
+}
 
 #define SUCCEEDED(hr) (static_cast<HRESULT>(hr) >= 0)
 #define FAILED(hr) (static_cast<HRESULT>(hr) < 0)
@@ -94,8 +102,8 @@ inline bool IsEqualCLSID(REFCLSID a, REFCLSID b) { return a == b; }
 
 constexpr HRESULT HRESULT_FROM_WIN32(long x) {
   return x <= 0 ? static_cast<HRESULT>(x)
-                : static_cast<HRESULT>((static_cast<std::uint32_t>(x) & 0x0000FFFFu) |
-                                       (7u << 16) | 0x80000000u);
+                : static_cast<HRESULT>((static_cast<std::uint32_t>(x) & 0x0000FFFFu) | (7u << 16) |
+                                       0x80000000u);
 }
 
 // No virtual destructor anywhere in an interface: it would add vtable slots.
@@ -110,12 +118,12 @@ struct IClassFactory : IUnknown {
   virtual HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) = 0;
 };
 
-inline constexpr IID IID_IUnknown = {0x00000000, 0x0000, 0x0000,
-                                     {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
-inline constexpr IID IID_IClassFactory = {0x00000001, 0x0000, 0x0000,
-                                          {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
-inline constexpr IID IID_IMarshal = {0x00000003, 0x0000, 0x0000,
-                                     {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
+inline constexpr IID IID_IUnknown = {
+    0x00000000, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
+inline constexpr IID IID_IClassFactory = {
+    0x00000001, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
+inline constexpr IID IID_IMarshal = {
+    0x00000003, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 
 #pragma pack(push, 1)
 struct WAVEFORMATEX {

@@ -4,23 +4,24 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "vx/metadata.h"
 #include "vx/sdk.h"
 
-inline constexpr IID IID_IVxMediaFileParser = {0xA54A9D81, 0x10A7, 0x11CF,
-                                               {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxImageStreamParser = {0xA54A9D85, 0x10A7, 0x11CF,
-                                                 {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxMediaFileParser = {
+    0xA54A9D81, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxImageStreamParser = {
+    0xA54A9D85, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
 // Our choice, next in the host's family of parser identifiers.
-inline constexpr IID IID_IVxAudioStreamParser = {0xA54A9D86, 0x10A7, 0x11CF,
-                                                 {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxParserSourceInfo = {0xA54A9D93, 0x10A7, 0x11CF,
-                                                {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxAudioStreamParser = {
+    0xA54A9D86, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxParserSourceInfo = {
+    0xA54A9D93, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
 inline constexpr IID IID_IVxColorManagedParser = {
     0xA54A9D94, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxParserLUTInfo = {0xA54A9D95, 0x10A7, 0x11CF,
-                                             {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
-inline constexpr IID IID_IVxHostReader = {0xA54A9D97, 0x10A7, 0x11CF,
-                                          {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxParserLUTInfo = {
+    0xA54A9D95, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
+inline constexpr IID IID_IVxHostReader = {
+    0xA54A9D97, 0x10A7, 0x11CF, {0xAF, 0xAD, 0x00, 0xAA, 0x00, 0x62, 0x92, 0x84}};
 
 // Stream kinds.
 enum : DWORD { VX_STREAM_PICTURE = 1, VX_STREAM_SOUND = 2 };
@@ -35,22 +36,25 @@ enum : DWORD {
 // SetOption kinds: the pointer argument's meaning.
 enum : DWORD {
   VX_OPTION_TEXT = 1,  // const VxChar* "name=value"; S_FALSE when the parser lacks that name
+  // IVxMetadata*: what the next written frames or samples carry (time code, edge code, colour,
+  // names). The writer copies it; S_OK even when the format holds only part of it.
+  VX_OPTION_METADATA = 2,
 };
 
 // Picture stream format record: 56 bytes, the host's layout.
 struct tagVxImageStreamFormat {
-  DWORD cbSize;          // 0: 56
-  DWORD frameCount;      // 4
-  DWORD width;           // 8
-  DWORD height;          // 12
-  DWORD channels;        // 16: 3, or 4 with alpha
-  DWORD bitsPerPixel;    // 20: bits per sample × channels
-  DWORD hasAlpha;        // 24: imposed by the host through SetStreamFormat as well
-  DWORD planes;          // 28
-  double frameRate;      // 32: frames per second, -1 when unknown
-  double pixelAspect;    // 40: width / height of a pixel, -1 when unknown
+  DWORD cbSize;            // 0: 56
+  DWORD frameCount;        // 4
+  DWORD width;             // 8
+  DWORD height;            // 12
+  DWORD channels;          // 16: 3, or 4 with alpha
+  DWORD bitsPerPixel;      // 20: bits per sample × channels
+  DWORD hasAlpha;          // 24: imposed by the host through SetStreamFormat as well
+  DWORD planes;            // 28
+  double frameRate;        // 32: frames per second, -1 when unknown
+  double pixelAspect;      // 40: width / height of a pixel, -1 when unknown
   std::int32_t fieldMode;  // 48: VX_FIELD_*
-  DWORD pixelFormat;     // 52: the parser's native VxPixelFormat
+  DWORD pixelFormat;       // 52: the parser's native VxPixelFormat
 };
 using VxImageStreamFormat = tagVxImageStreamFormat;
 static_assert(sizeof(tagVxImageStreamFormat) == 56);
@@ -83,10 +87,8 @@ struct IVxMediaFileParser : IUnknown {
   virtual HRESULT STDMETHODCALLTYPE HasStream(DWORD kind, BOOL* has) = 0;
   virtual HRESULT STDMETHODCALLTYPE SetStreamFormat(DWORD kind, DWORD index, void* record) = 0;
   virtual HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetStream(DWORD kind, DWORD index, REFIID riid,
-                                              void** ppv) = 0;
-  virtual HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind,
-                                                          DWORD* caps) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetStream(DWORD kind, DWORD index, REFIID riid, void** ppv) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) = 0;
   // Start and end (exclusive) of the stream in host time.
   virtual HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) = 0;
   virtual HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) = 0;
@@ -106,36 +108,30 @@ struct IVxImageStreamParser : IUnknown {
 };
 
 struct IVxAudioStreamParser : IUnknown {
-  virtual HRESULT STDMETHODCALLTYPE GetFormat(BYTE* buffer, int* size) = 0;   // 3
-  virtual HRESULT STDMETHODCALLTYPE GetLength(LONG* range) = 0;               // 4: [first, end)
+  virtual HRESULT STDMETHODCALLTYPE GetFormat(BYTE* buffer, int* size) = 0;  // 3
+  virtual HRESULT STDMETHODCALLTYPE GetLength(LONG* range) = 0;              // 4: [first, end)
   // Reads `count` sample frames at `pos` into `buffer`; *done gets the frames delivered.
   virtual HRESULT STDMETHODCALLTYPE ReadSamples(const VxSamplePosition* pos, LONG count,
                                                 void* buffer, LONG* done) = 0;  // 5
   // Appends `count` sample frames in the stream's format (export).
   virtual HRESULT STDMETHODCALLTYPE WriteSamples(const void* buffer, LONG count) = 0;  // 6
-  virtual HRESULT STDMETHODCALLTYPE AudioOp7(void* arg) = 0;                            // 7
+  virtual HRESULT STDMETHODCALLTYPE AudioOp7(void* arg) = 0;                           // 7
 };
 
 // Per-frame source information (time code, edge code, header report).
 struct IVxParserSourceInfo : IUnknown {
   // S_FALSE (1) when the frame has no time code.
-  virtual HRESULT STDMETHODCALLTYPE GetTimeCode(std::int32_t frame, DWORD* bcd) = 0;  // 3
+  virtual HRESULT STDMETHODCALLTYPE GetTimeCode(std::int32_t frame, DWORD* bcd) = 0;      // 3
   virtual HRESULT STDMETHODCALLTYPE GetEdgeCode(std::int32_t frame, EdgeCode* code) = 0;  // 4
-  virtual HRESULT STDMETHODCALLTYPE GetUserBits(std::int32_t frame, DWORD* bits) = 0;  // 5
-  virtual HRESULT STDMETHODCALLTYPE GetFrameRate(double* fps) = 0;                     // 6
-  virtual HRESULT STDMETHODCALLTYPE GetFieldMode(std::int32_t* mode) = 0;              // 7
-  virtual HRESULT STDMETHODCALLTYPE GetInputDevice(VxChar* buffer, int size) = 0;      // 8
+  virtual HRESULT STDMETHODCALLTYPE GetUserBits(std::int32_t frame, DWORD* bits) = 0;     // 5
+  virtual HRESULT STDMETHODCALLTYPE GetFrameRate(double* fps) = 0;                        // 6
+  virtual HRESULT STDMETHODCALLTYPE GetFieldMode(std::int32_t* mode) = 0;                 // 7
+  virtual HRESULT STDMETHODCALLTYPE GetInputDevice(VxChar* buffer, int size) = 0;         // 8
   // Readable description of the file's whole header; capacity in characters.
   virtual HRESULT STDMETHODCALLTYPE GetHeaderReport(VxChar* buffer, int capacity) = 0;  // 9
-};
-
-// Code-value levels of a colour-managed picture.
-struct VxLevelSet {
-  double gamma;
-  double blackLevel;
-  double blackGain;
-  double breakPoint;
-  double whiteLevel;
+  // Everything the file says about frame `frame` (-1: the stream as a whole), replacing what
+  // `out` held. The fields above are this record's, one by one.
+  virtual HRESULT STDMETHODCALLTYPE GetMetadata(std::int32_t frame, IVxMetadata* out) = 0;  // 10
 };
 
 struct IVxColorManagedParser : IUnknown {

@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "frame/still_image_parser.h"
-#include "still/dpx_header.h"
-#include "still/dpx_settings.h"
-#include "still/dpx_unpack.h"
+#include "still/dpx/dpx_header.h"
+#include "still/dpx/dpx_settings.h"
+#include "still/dpx/dpx_unpack.h"
 #include "vx/parser.h"
 
 class CVxDPXFileParser : public CVxStillImageParser,
@@ -44,6 +44,7 @@ class CVxDPXFileParser : public CVxStillImageParser,
   HRESULT STDMETHODCALLTYPE GetFieldMode(std::int32_t* mode) override;
   HRESULT STDMETHODCALLTYPE GetInputDevice(VxChar* buffer, int size) override;
   HRESULT STDMETHODCALLTYPE GetHeaderReport(VxChar* buffer, int capacity) override;
+  HRESULT STDMETHODCALLTYPE GetMetadata(std::int32_t frame, IVxMetadata* out) override;
 
   // IVxColorManagedParser
   HRESULT STDMETHODCALLTYPE GetTransferCharacteristic(DWORD* code) override;

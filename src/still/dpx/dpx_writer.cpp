@@ -1,4 +1,4 @@
-#include "still/dpx_writer.h"
+#include "still/dpx/dpx_writer.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "still/dpx_format.h"
-#include "still/dpx_pack.h"
+#include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_pack.h"
 #include "vx/platform.h"
 
 namespace vx::dpx {

@@ -1,11 +1,11 @@
-#include "still/dpx_header.h"
+#include "still/dpx/dpx_header.h"
 
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "still/dpx_format.h"
+#include "still/dpx/dpx_format.h"
 
 namespace vx::dpx {
 namespace {

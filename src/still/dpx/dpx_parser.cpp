@@ -1,4 +1,4 @@
-#include "still/dpx_parser.h"
+#include "still/dpx/dpx_parser.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -7,10 +7,11 @@
 #include <string>
 #include <thread>
 
-#include "still/dpx_format.h"
-#include "still/dpx_report.h"
-#include "still/dpx_unpack.h"
-#include "still/dpx_writer.h"
+#include "base/guard.h"
+#include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_report.h"
+#include "still/dpx/dpx_unpack.h"
+#include "still/dpx/dpx_writer.h"
 
 using namespace vx::dpx;
 
@@ -221,7 +222,7 @@ HRESULT CVxDPXFileParser::GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end)
 
 HRESULT CVxDPXFileParser::SetOption(void* option, DWORD kind) {
   if (!option) return E_POINTER;
-  if (kind != VX_OPTION_TEXT) return S_FALSE;
+  if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
   return ApplyDpxOption(static_cast<const VxChar*>(option), &export_, &import_);
 }
 
@@ -504,6 +505,49 @@ HRESULT CVxDPXFileParser::GetHeaderReport(VxChar* buffer, int capacity) {
   }
   const VxString& name = CurrentFileName();
   return DpxHeaderReport(name.empty() ? nullptr : name.c_str(), buffer, capacity);
+}
+
+HRESULT CVxDPXFileParser::GetMetadata(std::int32_t frame, IVxMetadata* out) {
+  if (!out) return E_POINTER;
+  return vx::Guarded([&]() -> HRESULT {
+    if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
+    if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
+    const DpxHeaderState& s = state_;
+    VxMetadataRecord r = vx::md::EmptyRecord();
+    int hh, mm, ss, ff;
+    if (s.timeCode != kUndef32 && !StreamFlag() &&
+        VxParseLTCInBCD(s.timeCode, &hh, &mm, &ss, &ff)) {
+      r.present |= VX_MD_TIMECODE;
+      r.timeCode = s.timeCode;
+      if (FrameRate() > 0.0) r.timeCodeRate = VxGetTimeFormatFromSampleRate(FrameRate());
+    }
+    if (s.userBits != kUndef32) {
+      r.present |= VX_MD_USERBITS;
+      r.userBits = s.userBits;
+    }
+    if (FrameRate() > 0.0) {
+      r.present |= VX_MD_FRAMERATE;
+      r.frameRate = VxGetTimeFormatFromSampleRate(FrameRate());
+    }
+    r.present |= VX_MD_FIELDMODE;
+    r.fieldMode = FieldMode();
+    if (s.aspectKnown) {
+      r.present |= VX_MD_ASPECT;
+      r.pixelAspect = s.pixelAspect;
+    }
+    // The DPX transfer table is the record's, one place up.
+    if (s.elements[0].transfer <= 12) {
+      r.present |= VX_MD_TRANSFER;
+      r.transfer = s.elements[0].transfer + 1;
+    }
+    r.present |= VX_MD_LEVELS;
+    r.levels = {s.gamma, s.blackLevel, s.blackGain, s.breakPoint, s.whiteLevel};
+    out->Clear();
+    if (HRESULT hr = out->SetRecord(&r); FAILED(hr)) return hr;
+    if (s.edgeCode.IsValid()) vx::md::SetText(out, vx::md::kEdgeCode, s.edgeCode.ToString());
+    if (s.inputDevice[0]) vx::md::SetText(out, vx::md::kInputDevice, s.inputDevice);
+    return S_OK;
+  });
 }
 
 // ---- Colour management ----------------------------------------------------------------------

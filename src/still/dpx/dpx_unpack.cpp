@@ -1,11 +1,11 @@
-#include "still/dpx_unpack.h"
+#include "still/dpx/dpx_unpack.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 #include <thread>
 
-#include "still/dpx_format.h"
+#include "still/dpx/dpx_format.h"
 
 namespace vx::dpx {
 namespace {

@@ -1,11 +1,11 @@
-#include "still/dpx_report.h"
+#include "still/dpx/dpx_report.h"
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 
-#include "still/dpx_format.h"
+#include "still/dpx/dpx_format.h"
 #include "vx/platform.h"
 
 namespace vx::dpx {

@@ -1,4 +1,4 @@
-#include "still/dpx_settings.h"
+#include "still/dpx/dpx_settings.h"
 
 #include <cctype>
 #include <charconv>

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "still/dpx_settings.h"
+#include "still/dpx/dpx_settings.h"
 #include "vx/parser.h"
 #include "vx/sdk.h"
 

@@ -1,9 +1,9 @@
-#include "still/dpx_pack.h"
+#include "still/dpx/dpx_pack.h"
 
 #include <bit>
 #include <cstring>
 
-#include "still/dpx_format.h"
+#include "still/dpx/dpx_format.h"
 
 namespace vx::dpx {
 namespace {

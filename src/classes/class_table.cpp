@@ -1,0 +1,53 @@
+// The class table: which constructor builds each class the catalogue names. The only file that
+// includes every format's header, so the frame and the formats never include each other.
+//
+// Adding a class: include its header and add one line { "CVxYourParser", &Parser<CVxYourParser> }.
+#include <cstring>
+#include <iterator>
+
+#include "fileio/file_cache_manager.h"
+#include "frame/catalogue.h"
+#include "still/dpx/dpx_parser.h"
+#include "vx/sdk.h"
+
+namespace vx::frame {
+namespace {
+
+// Two classes share the image-sequence row; which one depends on whether the host's video
+// hardware layer is up.
+constexpr Constructor kVideoHal = nullptr;    // CVxMediaFileParserVideoHal: not built yet
+constexpr Constructor kVideoNoHal = nullptr;  // CVxMediaFileParserVideoNoHal: not built yet
+
+IUnknown* BuildVideoSequence(int arg) {
+  Constructor make = VxHWIsVideoHALInstantiated() ? kVideoHal : kVideoNoHal;
+  return make ? make(arg) : nullptr;
+}
+
+IUnknown* CacheManager(int) {
+  return vx::fileio::CacheManagerInstance();
+}
+
+struct ClassEntry {
+  const char* name;
+  Constructor make;
+};
+
+constexpr ClassEntry kClasses[] = {
+    // clang-format off
+    {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
+    {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
+    {"CVxFileCacheManager", &CacheManager},
+    // clang-format on
+};
+
+}  // namespace
+
+Constructor ConstructorFor(const char* className) {
+  if (!className) return nullptr;
+  for (const ClassEntry& entry : kClasses) {
+    if (std::strcmp(entry.name, className) == 0) return entry.make;
+  }
+  return nullptr;
+}
+
+}  // namespace vx::frame
