@@ -40,3 +40,22 @@ if(WIN32 AND VX_BUILD_TESTS AND NOT TARGET GTest::gtest AND EXISTS /usr/src/goog
   set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
   add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
 endif()
+
+# Format libraries (Linux). Each parser folder links what it finds and builds without it
+# otherwise, its row answering Open with E_NOTIMPL.
+if(NOT CMAKE_CROSSCOMPILING)
+  find_package(PkgConfig QUIET)
+  find_package(PNG QUIET)
+  find_package(TIFF QUIET)
+  find_package(JPEG QUIET)
+  find_package(GIF QUIET)
+  find_package(tinyxml2 QUIET CONFIG)
+  if(PKG_CONFIG_FOUND)
+    pkg_check_modules(FFMPEG QUIET IMPORTED_TARGET libavformat libavcodec libavutil libswscale
+                      libswresample)
+    pkg_check_modules(OPENJP2 QUIET IMPORTED_TARGET libopenjp2)
+    # Peers for benchmarks and interop tests only; never linked into the component.
+    pkg_check_modules(SNDFILE QUIET IMPORTED_TARGET sndfile)
+  endif()
+  find_package(OpenImageIO QUIET CONFIG)
+endif()
