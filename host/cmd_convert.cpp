@@ -1,6 +1,8 @@
 // vxhost convert: read a file or numbered sequence through one parser and write it through
-// another, frame by frame, as a host's export does.
+// another, as a host's export does: pictures frame by frame, sound in blocks, and with every
+// frame the source's metadata record, so the target keeps what it can hold.
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -11,76 +13,37 @@ namespace {
 
 struct ConvertArgs {
   std::string input, output;
-  std::string depth, layout, packing, endian, lut, transfer;
+  std::string depth, layout, packing, endian, lut, transfer, frames;
   std::vector<std::string> options;  // -o name=value
-  bool quiet = false;
+  bool force = false, quiet = false, sequence = false, json = false;
 };
 
-struct Frames {
-  bool single = true;
-  std::vector<int> numbers;  // frame number of each input frame
+// An inclusive range of frame numbers; absent ends are open.
+struct FrameRange {
+  bool hasFirst = false, hasLast = false;
+  long first = 0, last = 0;
+  bool Contains(long n) const { return (!hasFirst || n >= first) && (!hasLast || n <= last); }
 };
 
-// The input's frames: the file itself, or the members of its numbered sequence.
-bool ListFrames(const VxString& input, Frames* out) {
-  if (vx::os::IsFile(input.c_str())) {
-    out->single = true;
-    out->numbers = {0};
-    return true;
+// "12", "12-40", "12-", "-40".
+bool ParseRange(const std::string& text, FrameRange* out) {
+  if (text.empty()) return true;
+  auto number = [](const std::string& s, long* v) {
+    if (s.empty()) return false;
+    char* end = nullptr;
+    *v = std::strtol(s.c_str(), &end, 10);
+    return *end == 0;
+  };
+  const std::size_t dash = text.find('-', 1);
+  if (dash == std::string::npos) {
+    out->hasFirst = out->hasLast = number(text, &out->first);
+    out->last = out->first;
+    return out->hasFirst;
   }
-  ComPtr<IVxFileList> list;
-  if (FAILED(VxGetFileListFromPattern(input.c_str(), list.put())) || !list) return false;
-  int count = 0;
-  list->GetCount(&count);
-  out->single = false;
-  for (int i = 0; i < count; ++i) {
-    int number = i;
-    list->GetFrameNumber(i, &number);
-    out->numbers.push_back(number);
-  }
-  if (count == 1) {
-    VxChar* name = nullptr;
-    const bool exists = SUCCEEDED(list->GetFileName(0, &name)) && name && vx::os::IsFile(name);
-    VxSysFreeString(name);
-    if (!exists) return false;
-  }
-  return count > 0;
-}
-
-// The layout option that keeps the source's layout, from its compression name ("10 bit RGBA",
-// "12 bit R+G+B+A, Fill Method A", ...). Empty when the name says nothing we can keep.
-std::string LayoutFromCompressionName(std::string name) {
-  name = name.substr(0, name.find(','));
-  const std::string order = name.substr(name.rfind(' ') + 1);
-  if (order == "RGB") return "packed-rgb";
-  if (order == "RGBA") return "packed-rgba";
-  if (order == "BGR") return "packed-bgr";
-  if (order == "BGRA") return "packed-abgr";
-  if (order == "RGB+A") return "rgb+alpha";
-  if (order == "BGR+A") return "bgr+alpha";
-  if (order == "R+G+B") return "planar-rgb";
-  if (order == "R+G+B+A") return "planar-rgba";
-  return {};
-}
-
-// The packing option that keeps the source's packing, from the same name.
-std::string PackingFromCompressionName(const std::string& name) {
-  const std::size_t comma = name.find(", ");
-  if (comma == std::string::npos) return {};
-  const std::string packing = name.substr(comma + 2);
-  if (packing == "Packed") return "packed";
-  if (packing == "Fill Method A") return "a";
-  if (packing == "Fill Method B") return "b";
-  return {};
-}
-
-void Progress(std::size_t done, std::size_t total) {
-  constexpr int kWidth = 30;
-  const int filled = static_cast<int>(done * kWidth / total);
-  std::fprintf(stderr, "\r[%s%s] %zu/%zu", std::string(filled, '#').c_str(),
-               std::string(kWidth - filled, '.').c_str(), done, total);
-  if (done == total) std::fprintf(stderr, "\n");
-  std::fflush(stderr);
+  const std::string a = text.substr(0, dash), b = text.substr(dash + 1);
+  if (!a.empty() && !(out->hasFirst = number(a, &out->first))) return false;
+  if (!b.empty() && !(out->hasLast = number(b, &out->last))) return false;
+  return out->hasFirst || out->hasLast;
 }
 
 class Converter {
@@ -88,153 +51,302 @@ class Converter {
   Converter(const Module& module, const ConvertArgs& args) : module_(module), args_(args) {}
 
   bool Run() {
-    const VxString in = vx::FromUtf8(args_.input);
-    Frames frames;
-    if (!ListFrames(in, &frames))
-      return Fail(args_.input, Words(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)));
-    vx::registry::Entry inEntry, outEntry;
-    if (!FindParserFor(args_.input, &inEntry) || !(inEntry.capabilities & 1))
-      return Fail(args_.input, "no parser reads ." + ExtensionOf(args_.input) + " files");
-    if (!FindParserFor(args_.output, &outEntry) || !(outEntry.capabilities & 2))
-      return Fail(args_.output, "no parser writes ." + ExtensionOf(args_.output) + " files");
+    std::string error;
+    if (!ResolveInput(args_.input, args_.sequence, &input_, &error))
+      return Fail(args_.input, error);
+    if (!FindParserFor(args_.output, &outEntry_))
+      return Fail(args_.output, NoParserText(args_.output));
+    if (!(outEntry_.capabilities & 2))
+      return Fail(args_.output, "the " + outEntry_.name + " parser does not write files");
+    if (!BuildOptions()) return false;
+    if (!OpenInput(module_, input_, &reader_, &error)) return Fail(args_.input, error);
+    source_ = reader_.parser.As<IVxParserSourceInfo>(IID_IVxParserSourceInfo);
 
-    ComPtr<IVxMediaFileParser> reader, writer;
-    if (HRESULT hr = module_.Create(inEntry.clsid, IID_IVxMediaFileParser, reader.put_void());
-        FAILED(hr))
-      return Fail(args_.input, Words(hr));
-    if (HRESULT hr = module_.Create(outEntry.clsid, IID_IVxMediaFileParser, writer.put_void());
-        FAILED(hr))
-      return Fail(args_.output, Words(hr));
-    if (HRESULT hr = reader->Open(in.c_str(), frames.single ? DWORD{VX_OPEN_NO_PATTERN} : DWORD{0});
-        FAILED(hr))
-      return Fail(args_.input, Words(hr));
-    VxImageStreamFormat format{};
-    format.cbSize = sizeof format;
-    if (HRESULT hr = reader->GetStreamFormat(VX_STREAM_PICTURE, 0, &format); FAILED(hr))
-      return Fail(args_.input, Words(hr));
-    ComPtr<IVxImageStreamParser> source, target;
-    if (HRESULT hr =
-            reader->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, source.put_void());
-        FAILED(hr))
-      return Fail(args_.input, Words(hr));
-    if (HRESULT hr =
-            writer->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, target.put_void());
-        FAILED(hr))
-      return Fail(args_.output, Words(hr));
-    BuildOptions(reader.get(), format);
-
-    const VxString out = vx::FromUtf8(args_.output);
-    const std::size_t total = frames.numbers.size();
-    if (total > 1 && VxFileNameForFrame(out.c_str(), 1) == VxFileNameForFrame(out.c_str(), 2))
-      return Fail(args_.output,
-                  "needs a frame field (#### or %04d) for " + std::to_string(total) + " frames");
-    const bool progress = !args_.quiet && total > 1 && vx::os::IsTerminal(2);
-    for (std::size_t i = 0; i < total; ++i) {
-      const int number = frames.numbers[i];
-      const VxString name = total == 1 ? out : VxString(VxFileNameForFrame(out.c_str(), number));
-      const std::string label = vx::ToUtf8(name);
-      if (HRESULT hr = writer->Open(name.c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN); FAILED(hr))
-        return Fail(label, Words(hr));
-      if (!ApplyOptions(writer.get(), i == 0)) return false;
-      writer->SetStreamFormat(VX_STREAM_PICTURE, 0, &format);  // rate, field mode, aspect
-      IVxImage* image = nullptr;
-      HRESULT hr = source->ReadImage(&image, static_cast<std::int32_t>(i));
-      if (FAILED(hr) || !image) {
-        if (image) image->Release();
-        if (progress) std::fprintf(stderr, "\n");
-        return Fail(args_.input + " frame " + std::to_string(number),
-                    Words(FAILED(hr) ? hr : E_FAIL));
-      }
-      hr = target->WriteImage(image, number);
-      image->Release();
-      writer->Close();
-      if (FAILED(hr)) {
-        if (progress) std::fprintf(stderr, "\n");
-        return Fail(label, Words(hr));
-      }
-      if (progress) Progress(i + 1, total);
+    BOOL hasPicture = FALSE, hasSound = FALSE;
+    reader_.parser->HasStream(VX_STREAM_PICTURE, &hasPicture);
+    reader_.parser->HasStream(VX_STREAM_SOUND, &hasSound);
+    bool ok;
+    if (outEntry_.mediaKind == 2) {
+      if (!hasSound) return Fail(args_.input, "has no sound to write as " + outEntry_.name);
+      ok = CopySound(vx::FromUtf8(args_.output));
+    } else {
+      if (!hasPicture) return Fail(args_.input, "has no picture to write as " + outEntry_.name);
+      ok = CopyPictures();
     }
-    reader->Close();
-    if (!args_.quiet)
-      std::printf("%s -> %s: %zu frame%s\n", args_.input.c_str(), args_.output.c_str(), total,
-                  total == 1 ? "" : "s");
-    return true;
+    reader_.parser->Close();
+    if (ok && args_.json) std::printf("%s\n", DumpJson(summary_).c_str());
+    return ok;
   }
 
  private:
-  struct Option {
-    std::string text;
-    bool fromUser;  // a default that keeps the source is dropped quietly when refused
-  };
-
   bool Fail(const std::string& what, const std::string& text) {
     FileError(what, text);
     return false;
   }
 
-  static bool Named(const std::vector<std::string>& options, const std::string& name) {
-    for (const auto& o : options)
-      if (o.compare(0, name.size() + 1, name + "=") == 0) return true;
-    return false;
-  }
-
-  // The user's options, and, where the user gave none, the source's depth and layout so that
-  // a conversion between like formats keeps them.
-  void BuildOptions(IVxMediaFileParser* reader, const VxImageStreamFormat& format) {
+  // The writer's options in words; the source's depth is offered when the user gave none.
+  bool BuildOptions() {
     auto user = [&](const char* name, const std::string& value) {
       if (!value.empty()) options_.push_back({std::string(name) + "=" + value, true});
     };
+    if (!args_.transfer.empty()) {
+      DWORD code = 0;
+      const bool number = args_.transfer.find_first_not_of("0123456789") == std::string::npos;
+      if (!number && !VxTransferFromName(args_.transfer, &code))
+        return Fail(args_.output, "unknown transfer '" + args_.transfer +
+                                      "' (printing-density, linear, rec709, user, ...)");
+    }
     user("depth", args_.depth);
     user("layout", args_.layout);
     user("packing", args_.packing);
     user("endian", args_.endian);
     user("transfer", args_.transfer);
     user("lut", args_.lut);
-    for (const auto& o : args_.options) options_.push_back({o, true});
-    std::vector<std::string> given;
-    for (const auto& o : options_) given.push_back(o.text);
-
-    if (!Named(given, "depth")) {
-      DWORD bits = 0;
-      ComPtr<IVxColorManagedParser> cm;
-      if (SUCCEEDED(reader->QueryInterface(IID_IVxColorManagedParser, cm.put_void())) && cm)
-        cm->GetBitDepth(&bits);
-      if (!bits && format.channels) bits = format.bitsPerPixel / format.channels;
-      if (bits) options_.push_back({"depth=" + std::to_string(bits), false});
+    for (const auto& o : args_.options) {
+      if (o.find('=') == std::string::npos)
+        return Fail(args_.output, "option '" + o + "' is not name=value");
+      options_.push_back({o, true});
     }
-    VxChar name[128] = {};
-    if (SUCCEEDED(reader->GetCompressionName(name, 128))) {
-      const std::string text = vx::ToUtf8(name);
-      if (!Named(given, "layout")) {
-        const std::string layout = LayoutFromCompressionName(text);
-        if (!layout.empty()) options_.push_back({"layout=" + layout, false});
-      }
-      if (!Named(given, "packing")) {
-        const std::string packing = PackingFromCompressionName(text);
-        if (!packing.empty()) options_.push_back({"packing=" + packing, false});
-      }
-    }
+    if (!FrameRangeOk()) return Fail(args_.input, "--frames takes N, A-B, A- or -B");
+    return true;
   }
 
-  bool ApplyOptions(IVxMediaFileParser* writer, bool report) {
+  bool FrameRangeOk() { return ParseRange(args_.frames, &range_); }
+
+  bool Given(const std::string& name) const {
+    for (const auto& o : options_)
+      if (o.text.compare(0, name.size() + 1, name + "=") == 0) return true;
+    return false;
+  }
+
+  // Options, then the source's record of `frame`, on a writer just opened.
+  bool Prepare(IVxMediaFileParser* writer, const std::string& label, int frame, bool report) {
     for (const Option& o : options_) {
       const VxString text = vx::FromUtf8(o.text);
       const HRESULT hr = writer->SetOption(const_cast<VxChar*>(text.c_str()), VX_OPTION_TEXT);
-      if (!o.fromUser || hr == S_OK) continue;
+      if (hr == S_OK || !o.fromUser) continue;
       if (hr == S_FALSE || hr == E_NOTIMPL) {
         if (report)
-          std::fprintf(stderr, "%s: option %s is not one of this format's; ignored\n",
-                       args_.output.c_str(), o.text.c_str());
+          std::fprintf(stderr, "%s: option %s is not one of %s's; ignored\n", args_.output.c_str(),
+                       o.text.c_str(), outEntry_.name.c_str());
         continue;
       }
-      return Fail(args_.output, "option " + o.text + ": " + Words(hr));
+      return Fail(label, "option " + o.text + ": " + Words(hr));
+    }
+    if (!source_) return true;
+    ComPtr<IVxMetadata> md;
+    if (FAILED(VxCreateMetadata(md.put()))) return Fail(label, Words(E_OUTOFMEMORY));
+    HRESULT hr = source_->GetMetadata(frame, md.get());
+    if (hr == E_NOTIMPL) return true;
+    if (FAILED(hr)) return Fail(args_.input, ReadFailureText(hr, reader_.entry));
+    hr = writer->SetOption(md.get(), VX_OPTION_METADATA);
+    if (FAILED(hr) && hr != E_NOTIMPL) return Fail(label, "metadata: " + Words(hr));
+    return true;
+  }
+
+  // Frame numbers of the source's frames: a numbered sequence's own numbers, else 1, 2, ...
+  std::vector<long> FrameNumbers(int count) {
+    std::vector<long> numbers;
+    ComPtr<IVxFileList> list;
+    if (input_.sequence && SUCCEEDED(VxGetFileListFromPattern(input_.wide.c_str(), list.put())) &&
+        list) {
+      int n = 0;
+      list->GetCount(&n);
+      if (n == count) {
+        for (int i = 0; i < n; ++i) {
+          int number = i;
+          list->GetFrameNumber(i, &number);
+          numbers.push_back(number);
+        }
+        return numbers;
+      }
+    }
+    for (int i = 0; i < count; ++i) numbers.push_back(i + 1);
+    return numbers;
+  }
+
+  // Refuses to replace files unless --force, before anything is written.
+  bool CheckTargets(const std::vector<VxString>& names) {
+    if (args_.force) return true;
+    for (const VxString& name : names) {
+      if (vx::os::IsFile(name.c_str()))
+        return Fail(vx::ToUtf8(name), "exists; --force replaces it");
     }
     return true;
   }
 
+  bool CopyPictures() {
+    VxImageStreamFormat format{};
+    format.cbSize = sizeof format;
+    if (HRESULT hr = reader_.parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &format); FAILED(hr))
+      return Fail(args_.input, ReadFailureText(hr, reader_.entry));
+    const int count = static_cast<int>(format.frameCount ? format.frameCount : 1);
+    const std::vector<long> numbers = FrameNumbers(count);
+    // The source's depth, unless the user chose one; a writer without it just says no.
+    if (!Given("depth") && format.channels)
+      options_.push_back({"depth=" + std::to_string(format.bitsPerPixel / format.channels), false});
+
+    std::vector<int> frames;  // stream indices to write
+    for (int i = 0; i < count; ++i)
+      if (range_.Contains(numbers[i])) frames.push_back(i);
+    if (frames.empty()) return Fail(args_.input, "no frame in the range " + args_.frames);
+    const VxString out = vx::FromUtf8(args_.output);
+    const bool numbered = HasFrameField(out);
+    if (frames.size() > 1 && !numbered)
+      return Fail(args_.output, "needs a frame field (#### or %04d) for " +
+                                    std::to_string(frames.size()) + " frames");
+    std::vector<VxString> names;
+    for (int i : frames)
+      names.push_back(
+          numbered ? VxString(VxFileNameForFrame(out.c_str(), static_cast<int>(numbers[i]))) : out);
+    if (!CheckTargets(names)) return false;
+
+    ComPtr<IVxMediaFileParser> writer;
+    if (HRESULT hr = module_.Create(outEntry_.clsid, IID_IVxMediaFileParser, writer.put_void());
+        FAILED(hr))
+      return Fail(args_.output, Words(hr));
+    ComPtr<IVxImageStreamParser> sourceStream, target;
+    if (HRESULT hr = reader_.parser->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser,
+                                               sourceStream.put_void());
+        FAILED(hr))
+      return Fail(args_.input, Words(hr));
+    if (HRESULT hr =
+            writer->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, target.put_void());
+        FAILED(hr))
+      return Fail(args_.output, Words(hr));
+
+    Progress progress(args_.output, frames.size(), args_.quiet);
+    Json files = Json::array();
+    for (std::size_t k = 0; k < frames.size(); ++k) {
+      const int index = frames[k];
+      const std::string label = vx::ToUtf8(names[k]);
+      if (HRESULT hr = writer->Open(names[k].c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN);
+          FAILED(hr)) {
+        progress.Abort();
+        return Fail(label, "cannot open for writing: " + Words(hr));
+      }
+      if (!Prepare(writer.get(), label, index, k == 0)) {
+        progress.Abort();
+        return false;
+      }
+      writer->SetStreamFormat(VX_STREAM_PICTURE, 0, &format);  // rate, field mode, aspect
+      ComPtr<IVxImage> image;
+      HRESULT hr = sourceStream->ReadImage(image.put(), index);
+      if (FAILED(hr) || !image) {
+        writer->Close();
+        progress.Abort();
+        return Fail(args_.input + " frame " + std::to_string(numbers[index]),
+                    ReadFailureText(FAILED(hr) ? hr : E_FAIL, reader_.entry));
+      }
+      hr = target->WriteImage(image.get(), static_cast<std::int32_t>(numbers[index]));
+      writer->Close();
+      if (FAILED(hr)) {
+        progress.Abort();
+        return Fail(label, "write failed: " + Words(hr));
+      }
+      files.push_back(CleanText(label));
+      progress.Step(k + 1);
+    }
+    if (!args_.quiet && !args_.json)
+      std::printf("%s -> %s: %zu frame%s\n", args_.input.c_str(), args_.output.c_str(),
+                  frames.size(), frames.size() == 1 ? "" : "s");
+    summary_ = Json{{"input", CleanText(args_.input)},
+                    {"output", CleanText(args_.output)},
+                    {"frames", frames.size()},
+                    {"files", std::move(files)}};
+    return true;
+  }
+
+  bool CopySound(const VxString& out) {
+    const std::string label = vx::ToUtf8(out);
+    alignas(8) unsigned char formatBytes[1024] = {};
+    auto* wf = reinterpret_cast<WAVEFORMATEX*>(formatBytes);
+    VxAudioStreamFormat record{kVxAudioStreamFormatSize, wf};
+    if (HRESULT hr = reader_.parser->GetStreamFormat(VX_STREAM_SOUND, 0, &record); FAILED(hr))
+      return Fail(args_.input, ReadFailureText(hr, reader_.entry));
+    if (wf->nBlockAlign == 0 || wf->nSamplesPerSec == 0)
+      return Fail(args_.input, "sound format without block size or rate");
+    ComPtr<IVxAudioStreamParser> source;
+    if (HRESULT hr = reader_.parser->GetStream(VX_STREAM_SOUND, 0, IID_IVxAudioStreamParser,
+                                               source.put_void());
+        FAILED(hr))
+      return Fail(args_.input, Words(hr));
+    LONG range[2] = {0, 0};
+    if (HRESULT hr = source->GetLength(range); FAILED(hr))
+      return Fail(args_.input, ReadFailureText(hr, reader_.entry));
+    if (!CheckTargets({out})) return false;
+
+    ComPtr<IVxMediaFileParser> writer;
+    if (HRESULT hr = module_.Create(outEntry_.clsid, IID_IVxMediaFileParser, writer.put_void());
+        FAILED(hr))
+      return Fail(label, Words(hr));
+    if (HRESULT hr = writer->Open(out.c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN); FAILED(hr))
+      return Fail(label, "cannot open for writing: " + Words(hr));
+    bool ok = Prepare(writer.get(), label, -1, true);
+    // Index 1 defines the sound stream of a file being written.
+    HRESULT hr = ok ? writer->SetStreamFormat(VX_STREAM_SOUND, 1, &record) : E_FAIL;
+    if (ok && FAILED(hr)) ok = Fail(label, "cannot write this sound format: " + Words(hr));
+    ComPtr<IVxAudioStreamParser> target;
+    if (ok && FAILED(hr = writer->GetStream(VX_STREAM_SOUND, 0, IID_IVxAudioStreamParser,
+                                            target.put_void())))
+      ok = Fail(label, Words(hr));
+
+    const LONG block = static_cast<LONG>(wf->nSamplesPerSec);  // one second at a time
+    std::vector<unsigned char> buffer;
+    const std::int64_t total = static_cast<std::int64_t>(range[1]) - range[0];
+    std::int64_t done = 0;
+    Progress progress(label, static_cast<std::size_t>((total + block - 1) / block), args_.quiet);
+    if (ok) buffer.resize(static_cast<std::size_t>(block) * wf->nBlockAlign);
+    while (ok && done < total) {
+      const LONG want = static_cast<LONG>(std::min<std::int64_t>(block, total - done));
+      VxSamplePosition pos{range[0] + done};
+      LONG got = 0;
+      hr = source->ReadSamples(&pos, want, buffer.data(), &got);
+      if (FAILED(hr) || got <= 0) {
+        ok = Fail(args_.input + " sample " + std::to_string(pos.sample),
+                  ReadFailureText(FAILED(hr) ? hr : E_FAIL, reader_.entry));
+        break;
+      }
+      if (FAILED(hr = target->WriteSamples(buffer.data(), got))) {
+        ok = Fail(label, "write failed: " + Words(hr));
+        break;
+      }
+      done += got;
+      progress.Step(static_cast<std::size_t>((done + block - 1) / block));
+    }
+    if (!ok) progress.Abort();
+    target.reset();
+    hr = writer->Close();
+    if (ok && FAILED(hr)) ok = Fail(label, "write failed: " + Words(hr));
+    if (!ok) {
+      vx::os::Remove(out.c_str());  // no half-written sound file stays behind
+      return false;
+    }
+    const double seconds = static_cast<double>(done) / wf->nSamplesPerSec;
+    if (!args_.quiet && !args_.json)
+      std::printf("%s -> %s: %lld sample frames (%.3f s)\n", args_.input.c_str(), label.c_str(),
+                  static_cast<long long>(done), seconds);
+    summary_ = Json{{"input", CleanText(args_.input)},
+                    {"output", CleanText(label)},
+                    {"sample frames", done},
+                    {"seconds", seconds}};
+    return true;
+  }
+
+  struct Option {
+    std::string text;
+    bool fromUser;  // a default that keeps the source is dropped quietly when refused
+  };
+
   const Module& module_;
   const ConvertArgs& args_;
+  Input input_;
+  OpenedParser reader_;
+  vx::registry::Entry outEntry_;
+  ComPtr<IVxParserSourceInfo> source_;
   std::vector<Option> options_;
+  FrameRange range_;
+  Json summary_;
 };
 
 void Run(const Options& options, const ConvertArgs& args) {
@@ -259,10 +371,15 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_option("--packing", args.packing, "packed, a or b (filled, method A or B)");
   cmd->add_option("--endian", args.endian, "big or little");
   cmd->add_option("--transfer", args.transfer,
-                  "Transfer choice (0 linear, 3 ITU-R 709, 4 printing density)");
+                  "printing-density, linear, rec709 or user (default: the source's)");
   cmd->add_option("--lut", args.lut, "3D LUT (.cube) to apply before writing");
+  cmd->add_option("--frames", args.frames, "Frame numbers to convert: N, A-B, A- or -B");
   cmd->add_option("-o,--option", args.options, "Any writer option as name=value (repeatable)");
-  cmd->add_flag("-q,--quiet", args.quiet, "No progress bar and no summary");
+  cmd->add_flag("--force", args.force, "Replace output files that exist");
+  cmd->add_flag("--sequence", args.sequence,
+                "Treat an input file name with a frame number as its whole numbered sequence");
+  cmd->add_flag("--json", args.json, "Print what was written as JSON");
+  cmd->add_flag("-q,--quiet", args.quiet, "No progress and no summary");
   cmd->callback([&options] { Run(options, args); });
 }
 

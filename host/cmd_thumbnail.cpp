@@ -19,13 +19,18 @@ struct ThumbnailArgs {
   std::string input, output;
   int frame = 0;
   int size = 256;
+  bool sequence = false;
 };
 
-// RGB 8-bit pixels of the thumbnail.
-struct Picture {
-  int width = 0, height = 0;
-  std::vector<std::uint8_t> rgb;
+struct DrawerSlot {
+  int order;
+  ThumbnailDrawer drawer;
 };
+
+std::vector<DrawerSlot>& Drawers() {
+  static std::vector<DrawerSlot> drawers;
+  return drawers;
+}
 
 // Area-averaging reduction so that the longer side is at most `size`; never enlarges.
 Picture Reduce(IVxImage* image, int size) {
@@ -78,46 +83,70 @@ bool WritePng(const std::string& path, const Picture& p) {
 }
 #endif
 
-bool Thumbnail(const Module& module, const ThumbnailArgs& args) {
-  const std::string& file = args.input;
-  vx::registry::Entry entry;
-  if (!FindParserFor(file, &entry)) {
-    FileError(file, "unknown extension ." + ExtensionOf(file) + " (no parser registered for it)");
-    return false;
-  }
-  ComPtr<IVxMediaFileParser> parser;
-  HRESULT hr = module.Create(entry.clsid, IID_IVxMediaFileParser, parser.put_void());
-  const VxString wide = vx::FromUtf8(file);
-  if (SUCCEEDED(hr)) hr = parser->Open(wide.c_str(), 0);
+// The picture stream's frame, reduced.
+HRESULT DrawPicture(IVxMediaFileParser* parser, const ThumbnailRequest& request, Picture* out) {
+  BOOL has = FALSE;
+  if (FAILED(parser->HasStream(VX_STREAM_PICTURE, &has)) || !has) return S_FALSE;
   ComPtr<IVxImageStreamParser> stream;
-  if (SUCCEEDED(hr))
-    hr = parser->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, stream.put_void());
+  HRESULT hr = parser->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, stream.put_void());
   ComPtr<IVxImage> image;
   if (SUCCEEDED(hr)) hr = VxCreateImage(0, 0, VX_PF_RGBAF32, image.put());
   if (SUCCEEDED(hr)) {
     IVxImage* target = image.get();
-    hr = stream->ReadImage(&target, args.frame);
+    hr = stream->ReadImage(&target, request.frame);
   }
-  if (FAILED(hr)) {
-    FileError(file, Words(hr));
+  if (FAILED(hr)) return hr;
+  *out = Reduce(image.get(), std::max(1, request.size));
+  return S_OK;
+}
+
+bool Thumbnail(const Module& module, const ThumbnailArgs& args) {
+  const std::string& file = args.input;
+  Input input;
+  OpenedParser opened;
+  std::string error;
+  if (!ResolveInput(file, args.sequence, &input, &error) ||
+      !OpenInput(module, input, &opened, &error)) {
+    FileError(file, error);
     return false;
   }
-  const Picture picture = Reduce(image.get(), std::max(1, args.size));
-  std::string ext = ExtensionOf(args.output);
-  bool written = false;
-#ifdef VXHOST_HAVE_PNG
-  if (ext == "PNG")
-    written = WritePng(args.output, picture);
-  else
-#endif
-      if (ext == "PPM") {
-    written = WritePpm(args.output, picture);
-  } else {
+  const std::string ext = ExtensionOf(args.output);
+  if (ext != "PPM" && ext != "PNG") {
     FileError(args.output, "thumbnails are written as .png or .ppm");
     return false;
   }
+#ifndef VXHOST_HAVE_PNG
+  if (ext == "PNG") {
+    FileError(args.output, "this vxhost was built without PNG: write a .ppm");
+    return false;
+  }
+#endif
+  const ThumbnailRequest request{args.frame, args.size};
+  Picture picture;
+  HRESULT hr = DrawPicture(opened.parser.get(), request, &picture);
+  auto drawers = Drawers();
+  std::stable_sort(drawers.begin(), drawers.end(),
+                   [](const DrawerSlot& a, const DrawerSlot& b) { return a.order < b.order; });
+  for (const DrawerSlot& d : drawers) {
+    if (hr != S_FALSE) break;
+    hr = d.drawer(opened.parser.get(), request, &picture);
+  }
+  opened.parser->Close();
+  if (hr == S_FALSE) {
+    FileError(file, "nothing to draw: the file has neither a picture nor a sound stream");
+    return false;
+  }
+  if (FAILED(hr)) {
+    FileError(file + " frame " + std::to_string(args.frame), ReadFailureText(hr, opened.entry));
+    return false;
+  }
+  bool written = false;
+#ifdef VXHOST_HAVE_PNG
+  if (ext == "PNG") written = WritePng(args.output, picture);
+#endif
+  if (ext == "PPM") written = WritePpm(args.output, picture);
   if (!written) {
-    FileError(args.output, "cannot be written");
+    FileError(args.output, "write failed");
     return false;
   }
   std::printf("%s -> %s: %dx%d\n", file.c_str(), args.output.c_str(), picture.width,
@@ -130,7 +159,9 @@ void Setup(CLI::App& app, Options& options) {
   auto* cmd = app.add_subcommand("thumbnail", "Write a small picture of one frame (.png or .ppm)");
   cmd->add_option("input", args.input, "File or numbered sequence")->required();
   cmd->add_option("output", args.output, "Thumbnail file (.png or .ppm)")->required();
-  cmd->add_option("--frame", args.frame, "Frame of a sequence (from 0)")->capture_default_str();
+  cmd->add_option("--frame", args.frame, "Frame of the stream (from 0)")->capture_default_str();
+  cmd->add_flag("--sequence", args.sequence,
+                "Treat a file name with a frame number as its whole numbered sequence");
   cmd->add_option("--size", args.size, "Longest side in pixels")->capture_default_str();
   cmd->callback([&options] {
     auto module = LoadModule(options);
@@ -139,6 +170,10 @@ void Setup(CLI::App& app, Options& options) {
 }
 
 }  // namespace
+
+ThumbnailDrawerRegistration::ThumbnailDrawerRegistration(int order, ThumbnailDrawer drawer) {
+  Drawers().push_back({order, drawer});
+}
 
 VXHOST_COMMAND(60, Setup);
 

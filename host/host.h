@@ -5,9 +5,12 @@
 // VXHOST_COMMAND(order, Setup); the build picks the file up by itself.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -116,13 +119,87 @@ bool EnsureRegistered(const Module& module);
 std::string ExtensionOf(const std::string& file);
 // Registry entry of the parser for a file's extension.
 bool FindParserFor(const std::string& file, vx::registry::Entry* entry);
+// The line for a file no registered parser reads, with what to do about it.
+std::string NoParserText(const std::string& file);
+
+// What a command-line name stands for. A name of an existing file is that file; a pattern
+// ("####", "%04d") names a numbered sequence, and so does an existing file when --sequence is
+// given (its digit run is the frame field).
+struct Input {
+  std::string file;  // as the user wrote it (UTF-8)
+  VxString wide;     // what the parser opens
+  bool sequence = false;
+  DWORD openFlags() const { return sequence ? DWORD{0} : DWORD{VX_OPEN_NO_PATTERN}; }
+};
+// False (with *error in words) when the name is neither an existing file nor a pattern that
+// matches one.
+bool ResolveInput(const std::string& name, bool asSequence, Input* out, std::string* error);
+// True when a name carries a frame field ("####", "%04d", "%d").
+bool HasFrameField(const VxString& name);
+
+// A parser created through the registry's row for the input's extension and opened on it.
+struct OpenedParser {
+  vx::registry::Entry entry;
+  ComPtr<IVxMediaFileParser> parser;
+};
+// False with *error in words: no parser for the extension, no class built, or Open failed.
+bool OpenInput(const Module& module, const Input& input, OpenedParser* out, std::string* error);
+
+// Text taken from files, made safe for terminals and JSON: valid UTF-8 is kept, other bytes and
+// control characters become "\xNN".
+std::string CleanText(std::string_view text);
+// JSON as the commands print it (never throws on odd text).
+std::string DumpJson(const Json& value);
 
 // "E_FAIL: malformed file".
 std::string Words(HRESULT hr);
+// Words for a failed read of a file: "cannot open", "not a DPX file", ...
+std::string ReadFailureText(HRESULT hr, const vx::registry::Entry& entry);
 // One error line for a file on standard error: "FILE: text".
 void FileError(const std::string& file, const std::string& text);
 
 std::string MediaKindName(std::uint32_t kind);  // "still", "audio", "movie"
+
+// ---- Progress -------------------------------------------------------------------------------
+
+// A bar on a terminal, otherwise a line at every tenth of the work (logs and pipes).
+class Progress {
+ public:
+  Progress(std::string label, std::size_t total, bool quiet);
+  void Step(std::size_t done);
+  // Ends a bar early (a failure) so the next message starts on its own line.
+  void Abort();
+
+ private:
+  std::string label_;
+  std::size_t total_;
+  bool show_, terminal_;
+  int lastTenth_ = -1;
+  bool open_ = false;
+};
+
+// ---- Thumbnails ----------------------------------------------------------------------------
+
+// RGB 8-bit pixels, top line first.
+struct Picture {
+  int width = 0, height = 0;
+  std::vector<std::uint8_t> rgb;
+};
+struct ThumbnailRequest {
+  int frame = 0;   // index into the stream
+  int size = 256;  // longest side in pixels
+};
+// Draws a thumbnail for a parser whose streams the picture path does not cover (a sound file's
+// waveform, say). S_FALSE when it has nothing to draw for this parser, so the next one is asked.
+using ThumbnailDrawer = HRESULT (*)(IVxMediaFileParser* parser, const ThumbnailRequest& request,
+                                    Picture* out);
+struct ThumbnailDrawerRegistration {
+  ThumbnailDrawerRegistration(int order, ThumbnailDrawer drawer);
+};
+#define VXHOST_THUMBNAIL_DRAWER(order, drawer)                                                 \
+  static const ::vxhost::ThumbnailDrawerRegistration VXHOST_CONCAT(vxhost_drawer_, __LINE__) { \
+    (order), (drawer)                                                                          \
+  }
 
 // ---- Output ---------------------------------------------------------------------------------
 

@@ -29,7 +29,7 @@ Json TimeRange(IVxMediaFileParser* parser, DWORD kind) {
               {"length in ticks", end.Ticks() - start.Ticks()}};
 }
 
-HRESULT Picture(InfoContext& c, Json& out) {
+HRESULT PictureSection(InfoContext& c, Json& out) {
   BOOL has = FALSE;
   if (FAILED(c.parser->HasStream(VX_STREAM_PICTURE, &has)) || !has) return S_OK;
   tagVxImageStreamFormat f{};
@@ -101,7 +101,7 @@ HRESULT Compression(InfoContext& c, Json& out) {
 
 }  // namespace
 
-VXHOST_INFO_SECTION(10, Picture);
+VXHOST_INFO_SECTION(10, PictureSection);
 VXHOST_INFO_SECTION(20, Sound);
 VXHOST_INFO_SECTION(30, Compression);
 

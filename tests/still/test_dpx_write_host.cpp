@@ -80,8 +80,8 @@ TEST_F(VxhostDpx, ReportPrintsTheHeaderText) {
   EXPECT_NE(r.out.find("  packing: filled to 32-bit words, method A\n"), std::string::npos);
 
   const HostRun missing = Vxhost(dir, "report " + Quote(dir / "none.dpx"));
-  EXPECT_EQ(missing.code, 0);  // the report itself says so
-  EXPECT_NE(missing.out.find("Read error"), std::string::npos);
+  EXPECT_EQ(missing.code, 1);
+  EXPECT_EQ(missing.err, (dir / "none.dpx").string() + ": cannot open: no such file\n");
 }
 
 TEST_F(VxhostDpx, ConvertKeepsDepthLayoutAndSamples) {

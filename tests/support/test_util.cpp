@@ -49,4 +49,28 @@ std::filesystem::path BinDir() {
   return env ? std::filesystem::path(env) : std::filesystem::path(".");
 }
 
+HostRun RunHost(const std::filesystem::path& dir, const std::string& args) {
+  HostRun r;
+  const auto host = BinDir() / "vxhost";
+  if (!std::filesystem::exists(host)) return r;
+  const auto out = dir / "stdout.txt", err = dir / "stderr.txt", rc = dir / "rc.txt";
+  const std::string cmd = "cd " + Quote(dir) +
+                          " && VXHOST_REGISTRY=" + Quote(dir / "registry.json") + " " +
+                          Quote(host) + " " + args + " > " + Quote(out) + " 2> " + Quote(err) +
+                          "; echo $? > " + Quote(rc);
+  if (std::system(cmd.c_str()) != 0) return r;
+  const auto code = ReadFile(rc), o = ReadFile(out), e = ReadFile(err);
+  r.code = std::atoi(std::string(code.begin(), code.end()).c_str());
+  r.out.assign(o.begin(), o.end());
+  r.err.assign(e.begin(), e.end());
+  for (const auto& p : {rc, out, err}) std::filesystem::remove(p);
+  return r;
+}
+
+std::string Quote(const std::filesystem::path& p) {
+  std::string q = "'";
+  for (char c : p.string()) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return q + "'";
+}
+
 }  // namespace vxtest

@@ -33,4 +33,15 @@ std::filesystem::path CorpusDir();
 // Folder of the built binaries (module, host, decoders): VX_BIN.
 std::filesystem::path BinDir();
 
+// The built vxhost run through the shell in `dir` with a registry of that folder's own (tests run
+// in parallel, and another process's first-run registration must not be seen). `args` go to the
+// shell as they are. code is -1 when vxhost could not be run.
+struct HostRun {
+  int code = -1;
+  std::string out, err;
+};
+HostRun RunHost(const std::filesystem::path& dir, const std::string& args);
+// A path quoted for the shell.
+std::string Quote(const std::filesystem::path& p);
+
 }  // namespace vxtest

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -427,6 +428,30 @@ HRESULT CVxDPXFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
                           : state_.elements[0].transfer == kTransferLinear          ? 0
                                                                                     : 1;
   }
+  if (IVxMetadata* md = WriteMetadata()) {
+    const VxMetadataRecord r = vx::md::GetRecord(md);
+    if (r.present & VX_MD_TIMECODE) info.timeCode = r.timeCode;
+    if (r.present & VX_MD_ASPECT) {
+      info.aspectKnown = true;
+      info.pixelAspect = r.pixelAspect;
+    }
+    if (r.present & VX_MD_LEVELS) info.levels = r.levels;
+    if (r.present & VX_MD_TRANSFER) {
+      info.transferChoice = r.transfer == VX_TRANSFER_REC709               ? 3
+                            : r.transfer == VX_TRANSFER_PRINTING_DENSITY ? 4
+                            : r.transfer == VX_TRANSFER_LINEAR           ? 0
+                                                                         : 1;
+    }
+    info.inputDevice = vx::md::GetText(md, vx::md::kInputDevice);
+    const std::string bits = vx::md::GetText(md, "dpx:bits");
+    if (!bits.empty()) info.sourceBits = static_cast<std::uint32_t>(std::atoi(bits.c_str()));
+    const std::string packing = vx::md::GetText(md, "dpx:packing");
+    if (!packing.empty()) info.sourcePacking = std::atoi(packing.c_str());
+    DpxExportSettings layout;
+    if (ApplyDpxOption(vx::FromUtf8("layout=" + vx::md::GetText(md, "dpx:layout")).c_str(),
+                       &layout, nullptr) == S_OK)
+      info.sourceLayout = layout.layout;
+  }
   if (AspectImposed()) {
     info.aspectKnown = true;
     info.pixelAspect = PixelAspect();
@@ -546,6 +571,11 @@ HRESULT CVxDPXFileParser::GetMetadata(std::int32_t frame, IVxMetadata* out) {
     if (HRESULT hr = out->SetRecord(&r); FAILED(hr)) return hr;
     if (s.edgeCode.IsValid()) vx::md::SetText(out, vx::md::kEdgeCode, s.edgeCode.ToString());
     if (s.inputDevice[0]) vx::md::SetText(out, vx::md::kInputDevice, s.inputDevice);
+    // What a DPX writer needs to lay the picture out as this file was.
+    vx::md::SetText(out, "dpx:bits", std::to_string(s.maxBits));
+    vx::md::SetText(out, "dpx:packing", std::to_string(s.elements[0].packing));
+    if (SourceLayout(s) != DpxLayout::Keep)
+      vx::md::SetText(out, "dpx:layout", LayoutOptionName(SourceLayout(s)));
     return S_OK;
   });
 }
