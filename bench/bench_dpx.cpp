@@ -12,6 +12,7 @@
 
 #include "still/dpx/dpx_format.h"
 #include "still/dpx/dpx_parser.h"
+#include "base/worker_pool.h"
 #include "still/dpx/dpx_unpack.h"
 
 namespace {
@@ -25,23 +26,24 @@ std::filesystem::path TestFile() {
   const std::filesystem::path p = std::filesystem::temp_directory_path() / "vx_bench_4k_10bit.dpx";
   std::error_code ec;
   if (std::filesystem::file_size(p, ec) == vx::dpx::kHeaderSize + kDataBytes) return p;
-  using namespace vx::dpx;
+  using namespace vx;
+using namespace vx::dpx;
   std::vector<std::uint8_t> h(kHeaderSize, 0);
   std::memcpy(h.data(), kMagicBig, 4);
-  StoreU32(&h[kOffImageOffset], kHeaderSize, true);
+  Store32(&h[kOffImageOffset], kHeaderSize, true);
   std::memcpy(&h[kOffVersion], kVersion, 8);
-  StoreU32(&h[kOffFileSize], static_cast<std::uint32_t>(kHeaderSize + kDataBytes), true);
-  StoreU16(&h[kOffElementCount], 1, true);
-  StoreU32(&h[kOffPixelsPerLine], kWidth, true);
-  StoreU32(&h[kOffLinesPerElement], kHeight, true);
+  Store32(&h[kOffFileSize], static_cast<std::uint32_t>(kHeaderSize + kDataBytes), true);
+  Store16(&h[kOffElementCount], 1, true);
+  Store32(&h[kOffPixelsPerLine], kWidth, true);
+  Store32(&h[kOffLinesPerElement], kHeight, true);
   std::uint8_t* e = &h[ElementOffset(0)];
   e[kElDescriptor] = kDescRGB;
   e[kElTransfer] = kTransferPrintingDensity;
   e[kElBitSize] = 10;
-  StoreU16(e + kElPacking, kPackFillA, true);
-  StoreU32(e + kElDataOffset, kHeaderSize, true);
+  Store16(e + kElPacking, kPackFillA, true);
+  Store32(e + kElDataOffset, kHeaderSize, true);
   std::memset(&h[kOffTv], 0xFF, kTvHeaderSize);
-  StoreF32(&h[kOffTvFrameRate], 24.0f, true);
+  StoreFloat(&h[kOffTvFrameRate], 24.0f, true);
   std::ofstream out(p, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(h.data()), static_cast<std::streamsize>(h.size()));
   std::mt19937 rng(7);
@@ -104,7 +106,7 @@ void BM_Unpack4k10BitToRGBA16(benchmark::State& state) {
   const int threads = static_cast<int>(state.range(0));
   const std::clock_t cpu0 = std::clock();
   for (auto _ : state) {
-    vx::dpx::DpxDecode(&job, 1, target, 0, 3, threads);
+    vx::dpx::DpxDecode(&job, 1, target, 0, 3, threads > 1 ? &vx::WorkerPool::Shared() : nullptr);
     benchmark::ClobberMemory();
   }
   const double cpuMs = 1000.0 * static_cast<double>(std::clock() - cpu0) / CLOCKS_PER_SEC;

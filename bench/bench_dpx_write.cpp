@@ -7,6 +7,8 @@
 #include <random>
 #include <vector>
 
+#include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_header.h"
 #include "still/dpx/dpx_pack.h"
 #include "still/dpx/dpx_writer.h"
 #include "vx/sdk.h"
@@ -69,9 +71,9 @@ void BM_PackLine(benchmark::State& state) {
   const std::size_t n = kWidth * 3;
   std::vector<float> samples(n);
   std::mt19937 rng(3);
-  const float top = vx::dpx::MaxCode(bits);
+  const auto top = static_cast<float>(vx::dpx::MaxCode(bits));
   for (float& s : samples) s = static_cast<float>(rng() % 65536) / 65535.0f * top;
-  std::vector<std::uint8_t> out(vx::dpx::LineBytes(kWidth, 3, bits, packing, false) + 8);
+  std::vector<std::uint8_t> out(vx::dpx::DpxLineBytes(bits, packing, kWidth, 3, false) + 8);
   for (auto _ : state) {
     vx::dpx::PackSamples(samples.data(), n, bits, packing, true, out.data());
     benchmark::DoNotOptimize(out.data());

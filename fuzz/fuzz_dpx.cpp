@@ -28,7 +28,7 @@ void Decode(const DpxElementJob& job, std::uint32_t width, std::uint32_t height,
   t.height = height;
   t.channels = channels;
   t.isFloat = isFloat;
-  DpxDecode(&job, 1, t, orientation, channels == 4 ? 3 : -1, 1);
+  DpxDecode(&job, 1, t, orientation, channels == 4 ? 3 : -1, nullptr);
 }
 
 // The parsed header's first element over the bytes behind the header: the data handed over is

@@ -2,6 +2,7 @@
 
 namespace dpxtest {
 
+using namespace vx;
 using namespace vx::dpx;
 
 bool ReadElement(const std::vector<std::uint8_t>& file, std::uint32_t index, ElementSamples* out) {
@@ -9,11 +10,11 @@ bool ReadElement(const std::vector<std::uint8_t>& file, std::uint32_t index, Ele
   const bool big = file[0] == 'S';
   const std::uint8_t* h = file.data();
   const std::uint8_t* e = h + ElementOffset(index);
-  const std::uint32_t width = LoadU32(h + kOffPixelsPerLine, big);
-  const std::uint32_t height = LoadU32(h + kOffLinesPerElement, big);
+  const std::uint32_t width = Load32(h + kOffPixelsPerLine, big);
+  const std::uint32_t height = Load32(h + kOffLinesPerElement, big);
   out->descriptor = e[kElDescriptor];
   out->bits = e[kElBitSize];
-  out->packing = LoadU16(e + kElPacking, big);
+  out->packing = Load16(e + kElPacking, big);
   switch (out->descriptor) {
     case kDescRGBA:
     case kDescABGR:
@@ -26,9 +27,9 @@ bool ReadElement(const std::vector<std::uint8_t>& file, std::uint32_t index, Ele
     default:
       out->components = 1;
   }
-  const std::uint64_t offset = LoadU32(e + kElDataOffset, big);
+  const std::uint64_t offset = Load32(e + kElDataOffset, big);
   const std::uint64_t line = DpxLineBytes(out->bits, out->packing, width, out->components, false) +
-                             LoadU32(e + kElEolPadding, big);
+                             Load32(e + kElEolPadding, big);
   if (offset + line * height > file.size()) return false;
   const std::size_t n = std::size_t{width} * out->components;
   DpxSampleLayout layout;

@@ -469,7 +469,7 @@ TEST(DpxLineSize, DepthsAndPackings) {
       {10, 0, 1, 1, false, 4},   {10, 1, 4096, 3, false, 16384}, {12, 1, 3, 1, false, 6},
       {12, 1, 3, 1, true, 8},    {12, 0, 3, 1, false, 8},        {12, 0, 8, 1, false, 12},
       {16, 0, 7, 3, false, 42},  {16, 0, 7, 3, true, 44},        {32, 0, 5, 4, false, 80},
-      {64, 0, 2, 3, false, 48},
+      {64, 0, 2, 3, false, 48},  {11, 0, 5, 3, false, 0},
   };
   for (auto c : cases) {
     EXPECT_EQ(DpxLineBytes(c.bits, c.packing, c.width, c.components, c.flag), c.bytes)

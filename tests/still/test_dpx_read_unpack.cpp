@@ -6,6 +6,7 @@
 #include <random>
 
 #include "dpx_read_test_util.h"
+#include "base/worker_pool.h"
 #include "still/dpx/dpx_unpack.h"
 
 using namespace vx::dpx;
@@ -186,7 +187,7 @@ TEST(DpxDecode, OrientationsMirrorLinesAndColumns) {
     SmallImage img(3);
     std::vector<std::uint16_t> px(3 * 2 * 3, 0);
     DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 3 * 2, 3, 2, 3, false};
-    ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, -1, 1));
+    ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, -1, nullptr));
     const bool flipX = orientation == 1 || orientation == 3;
     const bool flipY = orientation == 2 || orientation == 3;
     for (std::uint32_t y = 0; y < 2; ++y) {
@@ -207,7 +208,7 @@ TEST(DpxDecode, ColumnOrientationsTurnThePicture) {
     SmallImage img(3);
     std::vector<std::uint16_t> px(2 * 3 * 4, 0);
     DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 2 * 4 * 2, 2, 3, 4, false};
-    ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, 3, 2));
+    ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, 3, nullptr));
     const bool linesRightToLeft = orientation == 5 || orientation == 7;
     const bool samplesBottomUp = orientation == 6 || orientation == 7;
     for (std::uint32_t y = 0; y < 3; ++y) {
@@ -227,7 +228,7 @@ TEST(DpxDecode, ColumnOrientationsTurnThePicture) {
   img.job.size = 12 + 8;
   std::vector<std::uint16_t> px(2 * 3 * 3, 0);
   DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 2 * 3 * 2, 2, 3, 3, false};
-  EXPECT_FALSE(DpxDecode(&img.job, 1, t, 4, -1, 1));
+  EXPECT_FALSE(DpxDecode(&img.job, 1, t, 4, -1, nullptr));
 }
 
 TEST(DpxDecode, ChannelOrdersAlphaAndLuma) {
@@ -239,7 +240,7 @@ TEST(DpxDecode, ChannelOrdersAlphaAndLuma) {
     img.job.channelOf[2] = 0;
     std::vector<float> px(3 * 2 * 4, -1.0f);
     DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 4 * 4, 3, 2, 4, true};
-    ASSERT_TRUE(DpxDecode(&img.job, 1, t, 0, 3, 1));
+    ASSERT_TRUE(DpxDecode(&img.job, 1, t, 0, 3, nullptr));
     EXPECT_FLOAT_EQ(px[0], Code(0, 0, 2) / 255.0f);
     EXPECT_FLOAT_EQ(px[2], Code(0, 0, 0) / 255.0f);
     EXPECT_FLOAT_EQ(px[3], 1.0f);
@@ -252,7 +253,7 @@ TEST(DpxDecode, ChannelOrdersAlphaAndLuma) {
     std::copy(map, map + 4, img.job.channelOf);
     std::vector<std::uint16_t> px(3 * 2 * 3, 1);
     DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 3 * 2, 3, 2, 3, false};
-    ASSERT_TRUE(DpxDecode(&img.job, 1, t, 0, -1, 1));
+    ASSERT_TRUE(DpxDecode(&img.job, 1, t, 0, -1, nullptr));
     EXPECT_EQ(px[0], Code(0, 0, 3) * 257);
     EXPECT_EQ(px[1], Code(0, 0, 2) * 257);
     EXPECT_EQ(px[2], Code(0, 0, 1) * 257);
@@ -266,7 +267,7 @@ TEST(DpxDecode, ChannelOrdersAlphaAndLuma) {
     DpxElementJob jobs[2] = {luma.job, alpha.job};
     std::vector<std::uint16_t> px(3 * 2 * 4, 1);
     DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 4 * 2, 3, 2, 4, false};
-    ASSERT_TRUE(DpxDecode(jobs, 2, t, 0, -1, 1));
+    ASSERT_TRUE(DpxDecode(jobs, 2, t, 0, -1, nullptr));
     for (int c = 0; c < 3; ++c) EXPECT_EQ(px[4 + c], Code(1, 0, 0) * 257);
     EXPECT_EQ(px[3], 77 * 257);
   }
@@ -287,7 +288,7 @@ TEST(DpxDecode, FloatSamplesClampInto16Bits) {
   job.layout = {32, 0, 3, true};
   std::vector<std::uint16_t> px(6);
   DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 12, 2, 1, 3, false};
-  ASSERT_TRUE(DpxDecode(&job, 1, t, 0, -1, 1));
+  ASSERT_TRUE(DpxDecode(&job, 1, t, 0, -1, nullptr));
   EXPECT_EQ(px[0], 32768);
   EXPECT_EQ(px[1], 65535);
   EXPECT_EQ(px[2], 0);
@@ -301,12 +302,12 @@ TEST(DpxDecode, ShortDataIsRefusedWithoutWriting) {
   img.job.size = 12 + 8;  // second line's nine samples one byte short
   std::vector<std::uint16_t> px(3 * 2 * 3, 0x1234);
   DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 3 * 2, 3, 2, 3, false};
-  EXPECT_FALSE(DpxDecode(&img.job, 1, t, 0, -1, 2));
+  EXPECT_FALSE(DpxDecode(&img.job, 1, t, 0, -1, nullptr));
   for (auto v : px) ASSERT_EQ(v, 0x1234);
   // A stride that runs the lines past the data.
   SmallImage wide(3);
   wide.job.rowStride = 1 << 20;
-  EXPECT_FALSE(DpxDecode(&wide.job, 1, t, 0, -1, 2));
+  EXPECT_FALSE(DpxDecode(&wide.job, 1, t, 0, -1, nullptr));
   EXPECT_FALSE(DpxJobFits(wide.job, 3, 2));
   EXPECT_TRUE(DpxJobFits(wide.job, 3, 1));
 }
@@ -328,9 +329,10 @@ TEST(DpxDecode, ThreadedMatchesSingle) {
   job.layout = {10, 1, 3, true};
   std::vector<std::uint16_t> one(std::size_t{w} * h * 4), two(one.size());
   DpxTarget t{reinterpret_cast<std::uint8_t*>(one.data()), w * 8, w, h, 4, false};
-  ASSERT_TRUE(DpxDecode(&job, 1, t, 2, 3, 1));
+  ASSERT_TRUE(DpxDecode(&job, 1, t, 2, 3, nullptr));
   t.pixels = reinterpret_cast<std::uint8_t*>(two.data());
-  ASSERT_TRUE(DpxDecode(&job, 1, t, 2, 3, 2));
+  vx::WorkerPool pool(3);
+  ASSERT_TRUE(DpxDecode(&job, 1, t, 2, 3, &pool));
   EXPECT_EQ(one, two);
   // Spot check: bottom-to-top, so the first stored line is the last row.
   EXPECT_EQ(one[(std::size_t{h - 1} * w) * 4], CodeTo16(codes[0], 10));

@@ -9,6 +9,7 @@
 #include "still/dpx/dpx_report.h"
 #include "test_util.h"
 
+using namespace vx;
 using namespace vx::dpx;
 
 namespace {
@@ -51,9 +52,9 @@ struct Header {
     for (std::uint32_t off = kOffHSampling; off <= kOffIntegrationTime; off += 4)
       U32(off, kUndef32);
   }
-  void U32(std::uint32_t off, std::uint32_t v) { StoreU32(b.data() + off, v, big); }
-  void U16(std::uint32_t off, std::uint16_t v) { StoreU16(b.data() + off, v, big); }
-  void F32(std::uint32_t off, float v) { StoreF32(b.data() + off, v, big); }
+  void U32(std::uint32_t off, std::uint32_t v) { Store32(b.data() + off, v, big); }
+  void U16(std::uint32_t off, std::uint16_t v) { Store16(b.data() + off, v, big); }
+  void F32(std::uint32_t off, float v) { StoreFloat(b.data() + off, v, big); }
   void Text(std::uint32_t off, const char* s) { std::memcpy(b.data() + off, s, std::strlen(s)); }
 };
 

@@ -11,6 +11,7 @@
 #include "dpx_write_test_util.h"
 #include "test_util.h"
 
+using namespace vx;
 using namespace vx::dpx;
 using dpxtest::ElementSamples;
 using dpxtest::ImagePtr;
@@ -50,7 +51,7 @@ TEST_P(DpxWriteRoundTrip, ReadsBackEverySample) {
     const auto file = WriteAndLoad(dir, image.get(), settings);
     ASSERT_GE(file.size(), kHeaderSize);
     const DpxOutputPlan plan = PlanDpxOutput(settings, {}, image->GetPixelFormat());
-    ASSERT_EQ(LoadU16(file.data() + kOffElementCount, big), plan.elementCount);
+    ASSERT_EQ(Load16(file.data() + kOffElementCount, big), plan.elementCount);
 
     // The reader must take the file as we meant it.
     DpxHeaderState state;
@@ -71,7 +72,7 @@ TEST_P(DpxWriteRoundTrip, ReadsBackEverySample) {
       EXPECT_EQ(el.components, want.components);
       EXPECT_EQ(el.bits, static_cast<std::uint32_t>(bits));
       EXPECT_EQ(el.packing, static_cast<std::uint32_t>(packing));
-      EXPECT_EQ(LoadU32(file.data() + ElementOffset(i) + kElDataOffset, big), end);
+      EXPECT_EQ(Load32(file.data() + ElementOffset(i) + kElDataOffset, big), end);
       end += DpxLineBytes(bits, packing, width, want.components, false) * height;
       int mismatches = 0;
       for (std::uint32_t y = 0; y < height; ++y)
@@ -89,7 +90,7 @@ TEST_P(DpxWriteRoundTrip, ReadsBackEverySample) {
           }
     }
     EXPECT_EQ(file.size(), end);
-    EXPECT_EQ(LoadU32(file.data() + kOffFileSize, big), end);
+    EXPECT_EQ(Load32(file.data() + kOffFileSize, big), end);
   }
 }
 
@@ -204,7 +205,7 @@ TEST(DpxWrite, ReplacesAnOldFileWholeAndLeavesNoTemporary) {
   vxtest::WriteFile(dir / "out.dpx", std::vector<std::uint8_t>(100000, 0x5A));
   ImagePtr image(dpxtest::MakeTestImage(4, 4, 10));
   const auto file = WriteAndLoad(dir, image.get(), {});
-  EXPECT_EQ(file.size(), LoadU32(file.data() + kOffFileSize, true));
+  EXPECT_EQ(file.size(), Load32(file.data() + kOffFileSize, true));
   int entries = 0;
   for (const auto& e : std::filesystem::directory_iterator(dir.path())) {
     (void)e;
@@ -236,10 +237,10 @@ bool AllBytes(const std::vector<std::uint8_t>& f, std::uint32_t from, std::uint3
 }
 
 float F32(const std::vector<std::uint8_t>& f, std::uint32_t off, bool big = true) {
-  return LoadF32(f.data() + off, big);
+  return LoadFloat(f.data() + off, big);
 }
 std::uint32_t U32(const std::vector<std::uint8_t>& f, std::uint32_t off, bool big = true) {
-  return LoadU32(f.data() + off, big);
+  return Load32(f.data() + off, big);
 }
 
 TEST_F(HeaderFixture, FileAndImageInformation) {
@@ -268,8 +269,8 @@ TEST_F(HeaderFixture, FileAndImageInformation) {
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(f.data() + 160)), "Halden Vx");
   EXPECT_TRUE(AllBytes(f, 169, 660, 0));
   EXPECT_EQ(U32(f, 660), 0xFFFFFFFFu);
-  EXPECT_EQ(LoadU16(f.data() + 768, true), 0);
-  EXPECT_EQ(LoadU16(f.data() + 770, true), 1);
+  EXPECT_EQ(Load16(f.data() + 768, true), 0);
+  EXPECT_EQ(Load16(f.data() + 770, true), 1);
   EXPECT_EQ(U32(f, 772), 4u);
   EXPECT_EQ(U32(f, 776), 2u);
   // Element 0: 10-bit RGB, linear; the unused elements stay clear.
@@ -282,8 +283,8 @@ TEST_F(HeaderFixture, FileAndImageInformation) {
   EXPECT_EQ(f[801], 2);
   EXPECT_EQ(f[802], 2);
   EXPECT_EQ(f[803], 10);
-  EXPECT_EQ(LoadU16(f.data() + 804, true), 0);
-  EXPECT_EQ(LoadU16(f.data() + 806, true), 0);
+  EXPECT_EQ(Load16(f.data() + 804, true), 0);
+  EXPECT_EQ(Load16(f.data() + 806, true), 0);
   EXPECT_EQ(U32(f, 808), 2048u);
   EXPECT_EQ(U32(f, 812), 0u);
   EXPECT_EQ(U32(f, 816), 0u);

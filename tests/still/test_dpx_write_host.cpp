@@ -8,6 +8,7 @@
 #include "still/dpx/dpx_report.h"
 #include "test_util.h"
 
+using namespace vx;
 using namespace vx::dpx;
 using dpxtest::ElementSamples;
 using dpxtest::ImagePtr;
@@ -91,7 +92,7 @@ TEST_F(VxhostDpx, ConvertKeepsDepthLayoutAndSamples) {
   ASSERT_EQ(r.code, 0) << r.err;
   const auto src = vxtest::ReadFile(in), dst = vxtest::ReadFile(out);
   ASSERT_GE(dst.size(), kHeaderSize);
-  EXPECT_EQ(LoadU16(dst.data() + kOffElementCount, dst[0] == 'S'), 4);
+  EXPECT_EQ(Load16(dst.data() + kOffElementCount, dst[0] == 'S'), 4);
   for (std::uint32_t i = 0; i < 4; ++i) {
     ElementSamples a, b;
     ASSERT_TRUE(dpxtest::ReadElement(src, i, &a));
@@ -113,7 +114,7 @@ TEST_F(VxhostDpx, ConvertAppliesOptions) {
   const auto f = vxtest::ReadFile(out);
   ASSERT_GE(f.size(), kHeaderSize);
   EXPECT_EQ(std::string(f.begin(), f.begin() + 4), "XPDS");
-  EXPECT_EQ(LoadU16(f.data() + kOffElementCount, false), 2);
+  EXPECT_EQ(Load16(f.data() + kOffElementCount, false), 2);
   EXPECT_EQ(f[ElementOffset(0) + kElDescriptor], kDescRGB);
   EXPECT_EQ(f[ElementOffset(1) + kElDescriptor], kDescAlpha);
   EXPECT_EQ(f[ElementOffset(0) + kElBitSize], 16);

@@ -1,9 +1,11 @@
-// On-disk layout of DPX and Cineon headers: offsets, codes and byte-order helpers shared by the
-// reader, the writer and the header report.
+// On-disk layout of DPX and Cineon headers: offsets, codes and the largest code value of a depth,
+// shared by the reader, the writer and the header report.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
+
+#include "base/bytes.h"
 
 namespace vx::dpx {
 
@@ -182,56 +184,14 @@ inline constexpr std::uint32_t kCinOffEolPadding = 684;
 inline constexpr std::uint32_t kCinOffFrameRate = 1072;    // f32
 inline constexpr std::uint32_t kCinDefaultGeneric = 1024;  // 192 + 832 when the length is bad
 inline constexpr std::uint32_t kCinIndustrySize = 1024;
+inline constexpr std::uint32_t kCinMaxGenericSize = 64 * 1024;  // longer lengths fail
 inline constexpr std::uint32_t kCinTotalHeader = 2048;  // largest header read in the usual case
 
-// ---- Byte order ---------------------------------------------------------------------------
-constexpr std::uint16_t Swap16(std::uint16_t v) {
-  return static_cast<std::uint16_t>(v >> 8 | v << 8);
-}
-constexpr std::uint32_t Swap32(std::uint32_t v) {
-  return (v >> 24) | ((v >> 8) & 0xFF00u) | ((v << 8) & 0xFF0000u) | (v << 24);
-}
+// Byte order: every multi-byte field goes through base/bytes.h (Load32(p, big), StoreFloat(...)).
 
-// Loads and stores from unaligned bytes in the file's order (big = true for "SDPX" files).
-inline std::uint16_t LoadU16(const void* p, bool big) {
-  const auto* b = static_cast<const std::uint8_t*>(p);
-  return big ? static_cast<std::uint16_t>(b[0] << 8 | b[1])
-             : static_cast<std::uint16_t>(b[1] << 8 | b[0]);
-}
-inline std::uint32_t LoadU32(const void* p, bool big) {
-  const auto* b = static_cast<const std::uint8_t*>(p);
-  return big ? (std::uint32_t{b[0]} << 24 | std::uint32_t{b[1]} << 16 | std::uint32_t{b[2]} << 8 |
-                b[3])
-             : (std::uint32_t{b[3]} << 24 | std::uint32_t{b[2]} << 16 | std::uint32_t{b[1]} << 8 |
-                b[0]);
-}
-inline float LoadF32(const void* p, bool big) {
-  const std::uint32_t u = LoadU32(p, big);
-  float f;
-  std::memcpy(&f, &u, 4);
-  return f;
-}
-inline void StoreU16(void* p, std::uint16_t v, bool big) {
-  auto* b = static_cast<std::uint8_t*>(p);
-  if (big) {
-    b[0] = static_cast<std::uint8_t>(v >> 8);
-    b[1] = static_cast<std::uint8_t>(v);
-  } else {
-    b[0] = static_cast<std::uint8_t>(v);
-    b[1] = static_cast<std::uint8_t>(v >> 8);
-  }
-}
-inline void StoreU32(void* p, std::uint32_t v, bool big) {
-  auto* b = static_cast<std::uint8_t*>(p);
-  for (int i = 0; i < 4; ++i) {
-    const int shift = big ? 24 - 8 * i : 8 * i;
-    b[i] = static_cast<std::uint8_t>(v >> shift);
-  }
-}
-inline void StoreF32(void* p, float f, bool big) {
-  std::uint32_t u;
-  std::memcpy(&u, &f, 4);
-  StoreU32(p, u, big);
+// Largest code value of a depth; float samples (32 bits) run to 1.0.
+constexpr double MaxCode(std::uint32_t bits) {
+  return bits >= 32 ? 1.0 : static_cast<double>((std::uint64_t{1} << bits) - 1);
 }
 
 }  // namespace vx::dpx

@@ -17,14 +17,10 @@ bool Defined(const std::uint8_t* p) {
 // Frame rates outside (1e-9, 8000) are not believed; others snap to the host's exact rates.
 double FrameRateFrom(const std::uint8_t* p, bool big) {
   if (!Defined(p)) return -1.0;
-  const double v = LoadF32(p, big);
+  const double v = LoadFloat(p, big);
   if (!(v > 1e-9 && v < 8000.0)) return -1.0;
   const double rate = VxGetTimeFormatFromSampleRate(v).Rate();
   return rate > 0.0 ? rate : -1.0;
-}
-
-double WhiteDefault(std::uint32_t maxBits) {
-  return maxBits >= 32 ? 1.0 : static_cast<double>((std::uint64_t{1} << maxBits) - 1);
 }
 
 // Copies a fixed-width text field up to its first NUL.
@@ -52,17 +48,17 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
     return false;
   }
   const bool big = s.bigEndian;
-  const std::uint32_t count = LoadU16(d + kOffElementCount, big);
+  const std::uint32_t count = Load16(d + kOffElementCount, big);
   if (count > kMaxElements) return false;
-  s.width = LoadU32(d + kOffPixelsPerLine, big);
-  s.height = LoadU32(d + kOffLinesPerElement, big);
+  s.width = Load32(d + kOffPixelsPerLine, big);
+  s.height = Load32(d + kOffLinesPerElement, big);
 
   bool separateRed = false;
   bool separateAlpha = false;
   for (std::uint32_t i = 0; i < count; ++i) {
     const std::uint8_t* e = d + ElementOffset(i);
     const std::uint32_t bits = e[kElBitSize];
-    const std::uint32_t packing = LoadU16(e + kElPacking, big);
+    const std::uint32_t packing = Load16(e + kElPacking, big);
     const std::uint32_t desc = e[kElDescriptor];
     if (!(bits == 1 || bits == 8 || bits == 10 || bits == 12 || bits == 16 || bits == 32)) {
       continue;
@@ -118,12 +114,12 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
     }
     if (bits > s.maxBits) s.maxBits = bits;
     DpxElementInfo& info = s.elements[slot];
-    info.dataOffset = LoadU32(e + kElDataOffset, big);
+    info.dataOffset = Load32(e + kElDataOffset, big);
     // Some writers leave the element's offset empty and give only the file's image offset.
     if (info.dataOffset == 0 || info.dataOffset == kUndef32) {
-      info.dataOffset = LoadU32(d + kOffImageOffset, big);
+      info.dataOffset = Load32(d + kOffImageOffset, big);
     }
-    info.eolPadding = EolPadding(LoadU32(e + kElEolPadding, big));
+    info.eolPadding = EolPadding(Load32(e + kElEolPadding, big));
     info.spare = 0;
     info.components = components;
     info.bitDepth = bits;
@@ -137,13 +133,13 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
   if (s.redSeen != 1 || s.greenOrLumaSeen != 1 || s.blueSeen != 1 || s.alphaSeen > 1) {
     return false;
   }
-  s.orientation = LoadU16(d + kOffOrientation, big);
+  s.orientation = Load16(d + kOffOrientation, big);
   if (s.orientation > 7) return false;
 
   const std::uint8_t* ah = d + kOffAspectH;
   const std::uint8_t* av = d + kOffAspectV;
-  const std::uint32_t h = LoadU32(ah, big);
-  const std::uint32_t v = LoadU32(av, big);
+  const std::uint32_t h = Load32(ah, big);
+  const std::uint32_t v = Load32(av, big);
   if (!Defined(ah) || !Defined(av) || h == 0 || v == 0) {
     s.aspectKnown = false;
     s.pixelAspect = 1.0;
@@ -197,15 +193,15 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
     s.fieldMode = 2;
   }
   auto level = [&](std::uint32_t off, double fallback) {
-    return Defined(d + off) ? static_cast<double>(LoadF32(d + off, big)) : fallback;
+    return Defined(d + off) ? static_cast<double>(LoadFloat(d + off, big)) : fallback;
   };
   s.blackLevel = level(kOffBlackLevel, 0.0);
-  s.whiteLevel = level(kOffWhiteLevel, WhiteDefault(s.maxBits));
+  s.whiteLevel = level(kOffWhiteLevel, MaxCode(s.maxBits));
   s.blackGain = level(kOffBlackGain, 4.5);
   s.gamma = level(kOffGamma, 2.2222223);
   s.breakPoint = level(kOffBreakPoint, 0.018);
-  s.timeCode = LoadU32(d + kOffTimeCode, big);
-  s.userBits = LoadU32(d + kOffUserBits, big);
+  s.timeCode = Load32(d + kOffTimeCode, big);
+  s.userBits = Load32(d + kOffUserBits, big);
   *out = std::move(s);
   return true;
 }
@@ -213,14 +209,17 @@ bool ParseDpxHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* out
 std::uint64_t CineonHeaderBytes(const std::uint8_t* d, std::size_t size) {
   if (d == nullptr || size < kCinFirstRead) return 0;
   bool big;
-  if (LoadU32(d, false) == kCineonMagic) {
+  if (Load32(d, false) == kCineonMagic) {
     big = false;
-  } else if (LoadU32(d, true) == kCineonMagic) {
+  } else if (Load32(d, true) == kCineonMagic) {
     big = true;
   } else {
     return 0;
   }
-  const std::int64_t generic = LoadU32(d + kCinOffGenericSize, big);
+  const std::int64_t generic = Load32(d + kCinOffGenericSize, big);
+  // The generic header is 1024 bytes; a length far beyond that is a broken field, not a reason
+  // to read (and allocate) as much as the file holds.
+  if (generic > kCinMaxGenericSize) return 0;
   const std::int64_t rest = generic - kCinFirstRead;
   return kCinFirstRead + static_cast<std::uint64_t>(rest < 0 ? 832 : rest) + kCinIndustrySize;
 }
@@ -231,20 +230,20 @@ bool ParseCineonHeader(const std::uint8_t* d, std::size_t size, DpxHeaderState* 
   if (need == 0 || size < need) return false;
   DpxHeaderState s;
   s.isDpx = false;
-  s.bigEndian = LoadU32(d, false) != kCineonMagic;
+  s.bigEndian = Load32(d, false) != kCineonMagic;
   const bool big = s.bigEndian;
   if (d[kCinOffInterleave] != 0 || d[kCinOffSigned] != 0 || d[kCinOffSense] != 0) return false;
   s.orientation = d[kCinOffOrientation];
   if (s.orientation > 7) return false;
   const std::uint32_t bits = d[kCinOffBits];
-  s.width = LoadU32(d + kCinOffPixelsPerLine, big);
-  s.height = LoadU32(d + kCinOffLines, big);
+  s.width = Load32(d + kCinOffPixelsPerLine, big);
+  s.height = Load32(d + kCinOffLines, big);
   s.frameRate = FrameRateFrom(d + kCinOffFrameRate, big);
   s.fieldMode = 3;
 
   DpxElementInfo& info = s.elements[0];
-  info.dataOffset = LoadU32(d + kCinOffImageOffset, big);
-  info.eolPadding = EolPadding(LoadU32(d + kCinOffEolPadding, big));
+  info.dataOffset = Load32(d + kCinOffImageOffset, big);
+  info.eolPadding = EolPadding(Load32(d + kCinOffEolPadding, big));
   switch (d[kCinOffPacking]) {
     case 0:
       info.packing = kPackPacked;
@@ -327,9 +326,14 @@ std::uint64_t DpxLineBytes(std::uint32_t bits, std::uint32_t packing, std::uint6
     case 12:
       bytes = packing != kPackPacked ? n * 2 : (n * 12 + 31) / 32 * 4;
       break;
-    default:  // 8, 16, 32, 64
+    case 8:
+    case 16:
+    case 32:
+    case 64:
       bytes = bits / 8 * n;
       break;
+    default:
+      return 0;
   }
   if ((bits == 8) != eightBitFlag) bytes = (bytes + 3) / 4 * 4;
   return bytes;

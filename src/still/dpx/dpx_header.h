@@ -63,7 +63,8 @@ struct DpxHeaderState {
 // Parse a DPX header from the first `size` bytes of a file (2048 for a whole header). False on
 // any header fault; `out` is written only on success.
 bool ParseDpxHeader(const std::uint8_t* data, std::size_t size, DpxHeaderState* out);
-// Bytes a Cineon header needs from the file start, from its first 192 bytes; 0 on a bad magic.
+// Bytes a Cineon header needs from the file start, from its first 192 bytes; 0 on a bad magic
+// or a generic header length above kCinMaxGenericSize.
 std::uint64_t CineonHeaderBytes(const std::uint8_t* data, std::size_t size);
 // Parse a Cineon header; same contract as ParseDpxHeader.
 bool ParseCineonHeader(const std::uint8_t* data, std::size_t size, DpxHeaderState* out);
@@ -71,9 +72,11 @@ bool ParseCineonHeader(const std::uint8_t* data, std::size_t size, DpxHeaderStat
 // Read and parse the header of an open file (DPX when `dpx`, else Cineon).
 bool ReadDpxHeaderFile(vx::os::FileHandle file, bool dpx, DpxHeaderState* out);
 
-// Bytes of one line of one element in a DPX file, end-of-line padding not included. 8-bit lines
-// are rounded up to whole 32-bit words unless `eightBitFlag`; when the flag is set it is the
-// other depths that get rounded. Readers pass false.
+// Bytes of one line of one element in a DPX file, end-of-line padding not included; the one
+// line-size rule of reader and writer. 8-bit lines are rounded up to whole 32-bit words unless
+// `eightBitFlag`; when the flag is set it is the other depths that get rounded. Readers and the
+// writer pass false; `eightBitFlag == (bits == 8)` gives the natural length of the samples.
+// 0 for an unsupported depth.
 std::uint64_t DpxLineBytes(std::uint32_t bits, std::uint32_t packing, std::uint64_t width,
                            std::uint32_t components, bool eightBitFlag);
 // Bytes of one Cineon line.

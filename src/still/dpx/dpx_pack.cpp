@@ -1,93 +1,62 @@
 #include "still/dpx/dpx_pack.h"
 
-#include <bit>
+#include <algorithm>
 #include <cstring>
 
 #include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_header.h"
 
 namespace vx::dpx {
 namespace {
 
-constexpr bool kHostBig = std::endian::native == std::endian::big;
-
-template <bool Big>
-inline void Put32(std::uint8_t* p, std::uint32_t v) {
-  if constexpr (Big != kHostBig) v = Swap32(v);
-  std::memcpy(p, &v, 4);
-}
-
-template <bool Big>
-inline void Put16(std::uint8_t* p, std::uint16_t v) {
-  if constexpr (Big != kHostBig) v = Swap16(v);
-  std::memcpy(p, &v, 2);
-}
-
 // Samples of `Bits` bits filled into 32-bit words from the least significant bit up.
 template <unsigned Bits, bool Big>
-void PackStream(const float* s, std::size_t count, std::uint8_t* out) {
-  constexpr float kMax = static_cast<float>((1u << Bits) - 1);
+void PackStream(const std::uint16_t* s, std::size_t count, std::uint8_t* out) {
   std::uint64_t acc = 0;
   unsigned have = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    acc |= static_cast<std::uint64_t>(ToCode(s[i], kMax)) << have;
+    acc |= std::uint64_t{s[i]} << have;
     have += Bits;
     if (have >= 32) {
-      Put32<Big>(out, static_cast<std::uint32_t>(acc));
+      Store32(out, static_cast<std::uint32_t>(acc), Big);
       out += 4;
       acc >>= 32;
       have -= 32;
     }
   }
-  if (have) Put32<Big>(out, static_cast<std::uint32_t>(acc));
+  if (have) Store32(out, static_cast<std::uint32_t>(acc), Big);
 }
 
-template <bool Big>
-void Pack10Filled(const float* s, std::size_t count, bool methodA, std::uint8_t* out) {
-  const unsigned base = methodA ? 2 : 0;
+template <bool Big, unsigned Base>
+void Pack10Filled(const std::uint16_t* s, std::size_t count, std::uint8_t* out) {
   std::size_t i = 0;
   for (; i + 3 <= count; i += 3, out += 4) {
-    const std::uint32_t w = ToCode(s[i], 1023.0f) << (base + 20) |
-                            ToCode(s[i + 1], 1023.0f) << (base + 10) |
-                            ToCode(s[i + 2], 1023.0f) << base;
-    Put32<Big>(out, w);
+    const std::uint32_t w = std::uint32_t{s[i]} << (Base + 20) |
+                            std::uint32_t{s[i + 1]} << (Base + 10) |
+                            std::uint32_t{s[i + 2]} << Base;
+    Store32(out, w, Big);
   }
   if (i < count) {
-    std::uint32_t w = ToCode(s[i], 1023.0f) << (base + 20);
-    if (i + 1 < count) w |= ToCode(s[i + 1], 1023.0f) << (base + 10);
-    Put32<Big>(out, w);
+    std::uint32_t w = std::uint32_t{s[i]} << (Base + 20);
+    if (i + 1 < count) w |= std::uint32_t{s[i + 1]} << (Base + 10);
+    Store32(out, w, Big);
   }
 }
 
 template <bool Big>
-void Pack12Filled(const float* s, std::size_t count, bool methodA, std::uint8_t* out) {
-  const unsigned shift = methodA ? 4 : 0;
+void Pack16Bit(const std::uint16_t* s, std::size_t count, unsigned shift, std::uint8_t* out) {
   for (std::size_t i = 0; i < count; ++i, out += 2)
-    Put16<Big>(out, static_cast<std::uint16_t>(ToCode(s[i], 4095.0f) << shift));
+    Store16(out, static_cast<std::uint16_t>(s[i] << shift), Big);
 }
 
-template <bool Big>
-void Pack16(const float* s, std::size_t count, std::uint8_t* out) {
-  for (std::size_t i = 0; i < count; ++i, out += 2)
-    Put16<Big>(out, static_cast<std::uint16_t>(ToCode(s[i], 65535.0f)));
+void Pack8(const std::uint16_t* s, std::size_t count, std::uint8_t* out) {
+  for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<std::uint8_t>(s[i]);
 }
 
-template <bool Big>
-void PackFloat(const float* s, std::size_t count, std::uint8_t* out) {
-  for (std::size_t i = 0; i < count; ++i, out += 4) {
-    std::uint32_t u;
-    std::memcpy(&u, &s[i], 4);
-    Put32<Big>(out, u);
-  }
-}
-
-void Pack8(const float* s, std::size_t count, std::uint8_t* out) {
-  for (std::size_t i = 0; i < count; ++i) out[i] = static_cast<std::uint8_t>(ToCode(s[i], 255.0f));
-}
-
-void Pack1(const float* s, std::size_t count, std::uint8_t* out) {
+void Pack1(const std::uint16_t* s, std::size_t count, std::uint8_t* out) {
   std::uint8_t byte = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    if (ToCode(s[i], 1.0f)) byte |= static_cast<std::uint8_t>(1u << (i & 7));
+    if (s[i]) byte |= static_cast<std::uint8_t>(1u << (i & 7));
     if ((i & 7) == 7) {
       *out++ = byte;
       byte = 0;
@@ -97,7 +66,7 @@ void Pack1(const float* s, std::size_t count, std::uint8_t* out) {
 }
 
 template <bool Big>
-bool Pack(const float* s, std::size_t count, std::uint32_t bits, std::uint32_t packing,
+bool Pack(const std::uint16_t* s, std::size_t count, std::uint32_t bits, std::uint32_t packing,
           std::uint8_t* out) {
   if (packing > 2) return false;
   switch (bits) {
@@ -110,20 +79,19 @@ bool Pack(const float* s, std::size_t count, std::uint32_t bits, std::uint32_t p
     case 10:
       if (packing == kPackPacked)
         PackStream<10, Big>(s, count, out);
+      else if (packing == kPackFillA)
+        Pack10Filled<Big, 2>(s, count, out);
       else
-        Pack10Filled<Big>(s, count, packing == kPackFillA, out);
+        Pack10Filled<Big, 0>(s, count, out);
       return true;
     case 12:
       if (packing == kPackPacked)
         PackStream<12, Big>(s, count, out);
       else
-        Pack12Filled<Big>(s, count, packing == kPackFillA, out);
+        Pack16Bit<Big>(s, count, packing == kPackFillA ? 4 : 0, out);
       return true;
     case 16:
-      Pack16<Big>(s, count, out);
-      return true;
-    case 32:
-      PackFloat<Big>(s, count, out);
+      Pack16Bit<Big>(s, count, 0, out);
       return true;
     default:
       return false;
@@ -132,42 +100,37 @@ bool Pack(const float* s, std::size_t count, std::uint32_t bits, std::uint32_t p
 
 }  // namespace
 
-std::uint64_t LineBytes(std::uint32_t width, std::uint32_t components, std::uint32_t bits,
-                        std::uint32_t packing, bool eightBitRows) {
-  const std::uint64_t n = std::uint64_t{width} * components;
-  std::uint64_t bytes;
-  switch (bits) {
-    case 1:
-      bytes = (n + 7) / 8;
-      break;
-    case 8:
-    case 16:
-    case 32:
-    case 64:
-      bytes = bits / 8 * n;
-      break;
-    case 10:
-      bytes = packing != kPackPacked ? (n + 2) / 3 * 4 : (n * 10 + 31) / 32 * 4;
-      break;
-    case 12:
-      bytes = packing != kPackPacked ? n * 2 : (n * 12 + 31) / 32 * 4;
-      break;
-    default:
-      return 0;
-  }
-  if ((bits == 8) != eightBitRows) bytes = (bytes + 3) & ~std::uint64_t{3};
-  return bytes;
+bool PackCodes(const std::uint16_t* codes, std::size_t count, std::uint32_t bits,
+               std::uint32_t packing, bool bigEndian, std::uint8_t* out) {
+  return bigEndian ? Pack<true>(codes, count, bits, packing, out)
+                   : Pack<false>(codes, count, bits, packing, out);
 }
 
-float MaxCode(std::uint32_t bits) {
-  if (bits >= 32) return 1.0f;
-  return static_cast<float>((std::uint64_t{1} << bits) - 1);
+void PackFloats(const float* s, std::size_t count, bool bigEndian, std::uint8_t* out) {
+  for (std::size_t i = 0; i < count; ++i, out += 4) StoreFloat(out, s[i], bigEndian);
 }
 
 bool PackSamples(const float* samples, std::size_t count, std::uint32_t bits, std::uint32_t packing,
                  bool bigEndian, std::uint8_t* out) {
-  return bigEndian ? Pack<true>(samples, count, bits, packing, out)
-                   : Pack<false>(samples, count, bits, packing, out);
+  if (packing > 2) return false;
+  if (bits == 32) {
+    PackFloats(samples, count, bigEndian, out);
+    return true;
+  }
+  if (DpxLineBytes(bits, packing, 1, 1, bits == 8) == 0 || bits > 16) return false;
+  // Chunks of a multiple of 48 samples end on a whole word for every depth and packing.
+  constexpr std::size_t kChunk = 48 * 32;
+  std::uint16_t codes[kChunk];
+  const float top = static_cast<float>(MaxCode(bits));
+  for (std::size_t done = 0; done < count; done += kChunk) {
+    const std::size_t n = std::min(kChunk, count - done);
+    for (std::size_t i = 0; i < n; ++i)
+      codes[i] = static_cast<std::uint16_t>(ToCode(samples[done + i], top));
+    if (!PackCodes(codes, n, bits, packing, bigEndian,
+                   out + DpxLineBytes(bits, packing, done, 1, bits == 8)))
+      return false;
+  }
+  return true;
 }
 
 void GatherChannels(const float* rgba, std::size_t width, const std::uint8_t* order,

@@ -14,7 +14,7 @@
 //   - 16 bits: 16-bit words; 32 bits: IEEE floats, both in the file's byte order.
 //   - 1 bit: a plain byte stream, eight samples per byte, first sample in the lowest bit; byte
 //     order does not apply.
-// Line length: LineBytes(..., eightBitRows = false) is what the writer lays out: 8-bit lines are
+// Line length: DpxLineBytes(..., eightBitFlag = false) is what the writer lays out: 8-bit lines are
 // rounded up to whole 32-bit words, every other depth keeps its natural length, and the
 // end-of-line padding field is written as 0.
 #pragma once
@@ -24,15 +24,6 @@
 
 namespace vx::dpx {
 
-// Bytes of one line of one element before its end-of-line padding: the natural length of
-// `width * components` samples, rounded up to a multiple of 4 when (bits == 8) differs from
-// `eightBitRows`. 0 for an unsupported depth.
-std::uint64_t LineBytes(std::uint32_t width, std::uint32_t components, std::uint32_t bits,
-                        std::uint32_t packing, bool eightBitRows);
-
-// The largest code value of a depth (1.0 for 32-bit float samples).
-float MaxCode(std::uint32_t bits);
-
 // Rounds a code value as the writer does: clamped to [0, maxCode], +0.5, truncated; NaN is 0.
 inline std::uint32_t ToCode(float v, float maxCode) {
   if (!(v > 0.0f)) return 0;
@@ -40,9 +31,15 @@ inline std::uint32_t ToCode(float v, float maxCode) {
   return static_cast<std::uint32_t>(v + 0.5f);
 }
 
-// Packs `count` code-value samples into `out`, which holds at least the natural line length
-// (LineBytes with eightBitRows = (bits == 8)); bytes past the samples' last word are not touched.
-// Samples of 32-bit float lines are stored as they are. False for an unsupported depth/packing.
+// Packs `count` integer code values (depth 1 to 16) into `out`, which holds at least the natural
+// line length (DpxLineBytes with eightBitFlag = (bits == 8)); bytes past the samples' last word
+// are not touched. False for an unsupported depth/packing.
+bool PackCodes(const std::uint16_t* codes, std::size_t count, std::uint32_t bits,
+               std::uint32_t packing, bool bigEndian, std::uint8_t* out);
+// 32-bit float samples in the file's byte order.
+void PackFloats(const float* samples, std::size_t count, bool bigEndian, std::uint8_t* out);
+// Code-value samples as floats: rounded with ToCode and packed with PackCodes, or stored as they
+// are for 32 bits. Same contract as PackCodes.
 bool PackSamples(const float* samples, std::size_t count, std::uint32_t bits, std::uint32_t packing,
                  bool bigEndian, std::uint8_t* out);
 

@@ -1,18 +1,20 @@
 #include "still/dpx/dpx_parser.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <string>
-#include <thread>
 
+#include "base/checked.h"
 #include "base/guard.h"
+#include "base/worker_pool.h"
+#include "vx/com_ptr.h"
 #include "still/dpx/dpx_format.h"
 #include "still/dpx/dpx_report.h"
 #include "still/dpx/dpx_unpack.h"
-#include "still/dpx/dpx_writer.h"
 
 using namespace vx::dpx;
 
@@ -34,27 +36,26 @@ bool IsLuma(const DpxHeaderState& s) {
   return s.elements[0].descriptor == kDescLuma;
 }
 
-// One positioned read of a whole element; a large one is split in two halves read side by side,
-// since copying out of the page cache is a good share of a frame's time.
+// One positioned read of a whole element; a large one is split into pieces read side by side on
+// the shared pool, since copying out of the page cache is a good share of a frame's time.
 bool ReadWhole(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
                std::uint64_t bytes) {
   auto read = [file](std::uint64_t at, std::uint8_t* to, std::uint64_t n) {
     std::uint32_t done = 0;
     return vx::os::ReadAt(file, at, to, static_cast<std::uint32_t>(n), &done) && done == n;
   };
-  constexpr std::uint64_t kSplitAbove = 4u << 20;
-  if (bytes <= kSplitAbove) return read(offset, out, bytes);
-  const std::uint64_t half = bytes / 2;
-  bool second = false;
-  std::thread worker;
-  try {
-    worker = std::thread([&] { second = read(offset + half, out + half, bytes - half); });
-  } catch (...) {
-    return read(offset, out, bytes);
-  }
-  const bool first = read(offset, out, half);
-  worker.join();
-  return first && second;
+  constexpr std::uint64_t kPieceBytes = 4u << 20;
+  vx::WorkerPool& pool = vx::WorkerPool::Shared();
+  const int pieces = static_cast<int>(
+      std::min<std::uint64_t>((bytes + kPieceBytes - 1) / kPieceBytes, pool.Concurrency()));
+  if (pieces <= 1) return read(offset, out, bytes);
+  std::atomic<bool> ok{true};
+  pool.ParallelFor(pieces, [&](int i) {
+    const std::uint64_t begin = bytes * static_cast<std::uint64_t>(i) / pieces;
+    const std::uint64_t end = bytes * static_cast<std::uint64_t>(i + 1) / pieces;
+    if (!read(offset + begin, out + begin, end - begin)) ok = false;
+  });
+  return ok;
 }
 
 // The export layout that reproduces a file's element layout (Keep for luma, which has none).
@@ -75,19 +76,6 @@ DpxLayout SourceLayout(const DpxHeaderState& s) {
   }
 }
 
-int DecodeThreads() {
-  const unsigned n = std::thread::hardware_concurrency();
-  return n == 0 ? 2 : static_cast<int>(std::min(n, 8u));
-}
-
-// Host image with a reference the guard drops.
-struct ImageRef {
-  IVxImage* p = nullptr;
-  ~ImageRef() {
-    if (p) p->Release();
-  }
-};
-
 }  // namespace
 
 CVxDPXFileParser::CVxDPXFileParser(int mode) : isDpx_(mode != 0) {
@@ -97,51 +85,43 @@ CVxDPXFileParser::CVxDPXFileParser(int mode) : isDpx_(mode != 0) {
 CVxDPXFileParser::~CVxDPXFileParser() = default;
 
 HRESULT CVxDPXFileParser::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  if (riid == IID_IVxParserSourceInfo) {
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-  } else if (riid == IID_IVxColorManagedParser) {
-    *ppv = static_cast<IVxColorManagedParser*>(this);
-  } else if (riid == IID_IVxParserLUTInfo) {
-    *ppv = static_cast<IVxParserLUTInfo*>(this);
-  } else {
-    return CVxStillImageParser::QueryInterface(riid, ppv);
-  }
-  AddRef();
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!ppv) return E_POINTER;
+    if (riid == IID_IVxParserSourceInfo) {
+      *ppv = static_cast<IVxParserSourceInfo*>(this);
+    } else if (riid == IID_IVxColorManagedParser) {
+      *ppv = static_cast<IVxColorManagedParser*>(this);
+    } else if (riid == IID_IVxParserLUTInfo) {
+      *ppv = static_cast<IVxParserLUTInfo*>(this);
+    } else {
+      return CVxStillImageParser::QueryInterface(riid, ppv);
+    }
+    AddRef();
+    return S_OK;
+  });
 }
 
 // ---- Header ---------------------------------------------------------------------------------
 
-HRESULT CVxDPXFileParser::LoadHeader(vx::os::FileHandle* keep) {
-  if (keep) *keep = vx::os::kNoFile;
+HRESULT CVxDPXFileParser::LoadHeader(vx::os::UniqueFile* keep) {
+  if (keep) keep->reset();
   const VxString& name = CurrentFileName();
   if (name.empty()) return E_FAIL;
   const bool same = loaded_ && name == loadedName_;
   if (same && !keep) return S_OK;
-  const vx::os::FileHandle file = vx::os::OpenRead(name.c_str());
-  if (file == vx::os::kNoFile) {
+  vx::os::UniqueFile file(vx::os::OpenRead(name.c_str()));
+  if (!same) {
+    // The state is replaced only by a header that parsed whole.
     loaded_ = false;
     loadedName_.clear();
-    return E_FAIL;
-  }
-  if (!same) {
     DpxHeaderState parsed;
-    if (!ReadDpxHeaderFile(file, isDpx_, &parsed)) {
-      vx::os::Close(file);
-      loaded_ = false;
-      loadedName_.clear();
-      return E_FAIL;
-    }
+    if (!file || !ReadDpxHeaderFile(file.get(), isDpx_, &parsed)) return E_FAIL;
     state_ = std::move(parsed);
     loadedName_ = name;
     loaded_ = true;
   }
-  if (keep) {
-    *keep = file;
-  } else {
-    vx::os::Close(file);
-  }
+  if (!file) return E_FAIL;
+  if (keep) *keep = std::move(file);
   return S_OK;
 }
 
@@ -171,88 +151,100 @@ VxPixelFormat CVxDPXFileParser::NativeFormat() const {
 // ---- Stream queries -------------------------------------------------------------------------
 
 HRESULT CVxDPXFileParser::SetStreamFormat(DWORD kind, DWORD index, void* record) {
-  if (HRESULT hr = CheckPictureRecord(kind, record); FAILED(hr)) return hr;
-  const auto* bytes = static_cast<const unsigned char*>(record);
-  double rate;
-  std::int32_t field;
-  std::memcpy(&rate, bytes + offsetof(tagVxImageStreamFormat, frameRate), sizeof rate);
-  std::memcpy(&field, bytes + offsetof(tagVxImageStreamFormat, fieldMode), sizeof field);
-  if (rate > 0.0 && rate < 8000.0) imposedRate_ = rate;
-  if (field >= VX_FIELD_LOWER_FIRST && field <= VX_FIELD_UNKNOWN) imposedField_ = field;
-  return CVxStillImageParser::SetStreamFormat(kind, index, record);
+  return vx::Guarded([&]() -> HRESULT {
+    if (HRESULT hr = CheckPictureRecord(kind, record); FAILED(hr)) return hr;
+    const auto* bytes = static_cast<const unsigned char*>(record);
+    double rate;
+    std::int32_t field;
+    std::memcpy(&rate, bytes + offsetof(tagVxImageStreamFormat, frameRate), sizeof rate);
+    std::memcpy(&field, bytes + offsetof(tagVxImageStreamFormat, fieldMode), sizeof field);
+    if (rate > 0.0 && rate < 8000.0) imposedRate_ = rate;
+    if (field >= VX_FIELD_LOWER_FIRST && field <= VX_FIELD_UNKNOWN) imposedField_ = field;
+    return CVxStillImageParser::SetStreamFormat(kind, index, record);
+  });
 }
 
 HRESULT CVxDPXFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* record) {
-  if (HRESULT hr = CheckPictureRecord(kind, record); FAILED(hr)) return hr;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  tagVxImageStreamFormat f{};
-  f.cbSize = sizeof f;
-  const int frames = FrameCount();
-  f.frameCount = static_cast<DWORD>(frames > 0 ? frames : 1);
-  f.width = PictureWidth(state_);
-  f.height = PictureHeight(state_);
-  f.channels = state_.hasAlpha ? 4 : 3;
-  f.bitsPerPixel = state_.maxBits * f.channels;
-  f.hasAlpha = state_.hasAlpha ? 1 : 0;
-  f.planes = 1;
-  f.frameRate = FrameRate();
-  f.pixelAspect = state_.aspectKnown ? state_.pixelAspect : -1.0;
-  f.fieldMode = FieldMode();
-  f.pixelFormat = NativeFormat();
-  std::memcpy(record, &f, sizeof f);
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (HRESULT hr = CheckPictureRecord(kind, record); FAILED(hr)) return hr;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    tagVxImageStreamFormat f{};
+    f.cbSize = sizeof f;
+    const int frames = FrameCount();
+    f.frameCount = static_cast<DWORD>(frames > 0 ? frames : 1);
+    f.width = PictureWidth(state_);
+    f.height = PictureHeight(state_);
+    f.channels = state_.hasAlpha ? 4 : 3;
+    f.bitsPerPixel = state_.maxBits * f.channels;
+    f.hasAlpha = state_.hasAlpha ? 1 : 0;
+    f.planes = 1;
+    f.frameRate = FrameRate();
+    f.pixelAspect = state_.aspectKnown ? state_.pixelAspect : -1.0;
+    f.fieldMode = FieldMode();
+    f.pixelFormat = NativeFormat();
+    std::memcpy(record, &f, sizeof f);
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  if (!caps) return E_POINTER;
-  *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!caps) return E_POINTER;
+    *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) {
-  if (!start || !end) return E_POINTER;
-  *start = CVxTime();
-  *end = CVxTime();
-  if (kind != VX_STREAM_PICTURE) return S_FALSE;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  const double rate = FrameRate() > 0.0 ? FrameRate() : kDefaultFrameRate;
-  const int frames = std::max(FrameCount(), 1);
-  *end = CVxTime(frames, VxGetTimeFormatFromSampleRate(rate));
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!start || !end) return E_POINTER;
+    *start = CVxTime();
+    *end = CVxTime();
+    if (kind != VX_STREAM_PICTURE) return S_FALSE;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    const double rate = FrameRate() > 0.0 ? FrameRate() : kDefaultFrameRate;
+    const int frames = std::max(FrameCount(), 1);
+    *end = CVxTime(frames, VxGetTimeFormatFromSampleRate(rate));
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::SetOption(void* option, DWORD kind) {
-  if (!option) return E_POINTER;
-  if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
-  return ApplyDpxOption(static_cast<const VxChar*>(option), &export_, &import_);
+  return vx::Guarded([&]() -> HRESULT {
+    if (!option) return E_POINTER;
+    if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
+    return ApplyDpxOption(static_cast<const VxChar*>(option), &export_, &import_);
+  });
 }
 
 HRESULT CVxDPXFileParser::GetCompressionName(VxChar* buffer, int size) {
-  if (!buffer || size < 1) return E_INVALIDARG;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  const DpxHeaderState& s = state_;
-  const bool separateAlpha = s.SeparateAlpha() != nullptr;
-  std::string order;
-  if (s.Planar()) {
-    order = separateAlpha ? "R+G+B+A" : "R+G+B";
-  } else if (IsLuma(s)) {
-    order = separateAlpha ? "Y+A" : "Y";
-  } else {
-    order = s.reversedOrder ? "BGR" : "RGB";
-    if (separateAlpha) {
-      order += "+A";
-    } else if (s.hasAlpha) {
-      order += "A";
+  return vx::Guarded([&]() -> HRESULT {
+    if (!buffer || size < 1) return E_INVALIDARG;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    const DpxHeaderState& s = state_;
+    const bool separateAlpha = s.SeparateAlpha() != nullptr;
+    std::string order;
+    if (s.Planar()) {
+      order = separateAlpha ? "R+G+B+A" : "R+G+B";
+    } else if (IsLuma(s)) {
+      order = separateAlpha ? "Y+A" : "Y";
+    } else {
+      order = s.reversedOrder ? "BGR" : "RGB";
+      if (separateAlpha) {
+        order += "+A";
+      } else if (s.hasAlpha) {
+        order += "A";
+      }
     }
-  }
-  // Packing only changes the bytes of 10- and 12-bit data, so only those name it.
-  static const char* const kPacking[] = {"Packed", "Fill Method A", "Fill Method B"};
-  const std::uint32_t packing = s.elements[0].packing;
-  const bool namePacking = (s.maxBits == 10 || s.maxBits == 12) && packing < 3;
-  char text[96];
-  std::snprintf(text, sizeof text, "%d bit %s%s%s", static_cast<int>(s.maxBits), order.c_str(),
-                namePacking ? ", " : "", namePacking ? kPacking[packing] : "");
-  return CopyName(vx::FromUtf8(text).c_str(), buffer, size);
+    // Packing only changes the bytes of 10- and 12-bit data, so only those name it.
+    static const char* const kPacking[] = {"Packed", "Fill Method A", "Fill Method B"};
+    const std::uint32_t packing = s.elements[0].packing;
+    const bool namePacking = (s.maxBits == 10 || s.maxBits == 12) && packing < 3;
+    char text[96];
+    std::snprintf(text, sizeof text, "%d bit %s%s%s", static_cast<int>(s.maxBits), order.c_str(),
+                  namePacking ? ", " : "", namePacking ? kPacking[packing] : "");
+    return CopyName(vx::FromUtf8(text).c_str(), buffer, size);
+  });
 }
 
 // ---- Pictures -------------------------------------------------------------------------------
@@ -303,24 +295,32 @@ HRESULT CVxDPXFileParser::ReadElements(vx::os::FileHandle file) {
     const std::uint64_t line =
         isDpx_ ? DpxLineBytes(e.bitDepth, e.packing, s.width, e.components, false)
                : CineonLineBytes(e.bitDepth, s.width, e.components);
-    job.rowStride = line + e.eolPadding;
     const std::uint64_t need = DpxSampleBytes(job.layout, std::uint64_t{s.width} * e.components);
     // The last line needs only its samples; the others their whole stride.
-    const std::uint64_t rows = s.height - 1;
-    constexpr std::uint64_t kMaxRead = std::numeric_limits<std::uint32_t>::max();
-    if (need > kMaxRead || (job.rowStride != 0 && rows > (kMaxRead - need) / job.rowStride)) {
-      return E_FAIL;
-    }
-    const std::uint64_t bytes = rows * job.rowStride + need;
-    if (e.dataOffset > fileSize || bytes > fileSize - e.dataOffset) return E_FAIL;  // truncated
-    std::vector<std::uint8_t>& buffer = buffers_[i];
-    if (buffer.size() < bytes) {
-      try {
-        buffer.resize(bytes);
-      } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
+    auto span = [&](std::uint64_t stride, std::uint64_t* bytes) {
+      constexpr std::uint64_t kMaxRead = std::numeric_limits<std::uint32_t>::max();
+      return vx::CheckedProduct(bytes, s.height - 1, stride) &&
+             vx::CheckedAdd(*bytes, need, bytes) && *bytes <= kMaxRead;
+    };
+    std::uint64_t stride = line + e.eolPadding;
+    std::uint64_t bytes = 0;
+    if (!span(stride, &bytes)) return E_FAIL;
+    const std::uint64_t available = e.dataOffset <= fileSize ? fileSize - e.dataOffset : 0;
+    if (bytes > available) {
+      // Some writers end each 8-bit line with its last sample instead of a whole 32-bit word.
+      // A file that holds exactly such unpadded lines is read that way; anything else shorter
+      // than the padded lines is truncated.
+      std::uint64_t unpadded = 0;
+      if (!isDpx_ || e.eolPadding != 0 || need == line ||
+          !vx::CheckedProduct(&unpadded, need, s.height) || unpadded != available) {
+        return E_FAIL;
       }
+      stride = need;
+      bytes = unpadded;
     }
+    job.rowStride = stride;
+    std::vector<std::uint8_t>& buffer = buffers_[i];
+    if (buffer.size() < bytes) buffer.resize(bytes);
     if (!ReadWhole(file, e.dataOffset, buffer.data(), bytes)) return E_FAIL;
     job.data = buffer.data();
     job.size = static_cast<std::size_t>(bytes);
@@ -344,192 +344,153 @@ HRESULT CVxDPXFileParser::DecodeInto(IVxImage* image) {
         jobs_[i].layout.components == 1 && IsLuma(s) && i == 0 && target.channels >= 3;
   }
   const int fill = target.channels == 4 && !s.hasAlpha ? 3 : -1;
-  if (!DpxDecode(jobs_, jobCount_, target, s.orientation, fill, DecodeThreads())) return E_FAIL;
+  if (!DpxDecode(jobs_, jobCount_, target, s.orientation, fill, &vx::WorkerPool::Shared()))
+    return E_FAIL;
   return S_OK;
 }
 
 HRESULT CVxDPXFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
-  if (!image) return E_POINTER;
-  if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
-  vx::os::FileHandle file = vx::os::kNoFile;
-  if (HRESULT hr = LoadHeader(&file); FAILED(hr)) return hr;
-  struct Closer {
-    vx::os::FileHandle f;
-    ~Closer() { vx::os::Close(f); }
-  } closer{file};
+  return vx::Guarded([&]() -> HRESULT {
+    if (!image) return E_POINTER;
+    if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
+    vx::os::UniqueFile file;
+    if (HRESULT hr = LoadHeader(&file); FAILED(hr)) return hr;
 
-  const DpxHeaderState& s = state_;
-  constexpr std::uint32_t kIntMax = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
-  if (s.width == 0 || s.height == 0 || s.width > kIntMax || s.height > kIntMax) return E_FAIL;
-  const int w = static_cast<int>(PictureWidth(s)), h = static_cast<int>(PictureHeight(s));
-  VxPixelFormat native = NativeFormat();
-  // The host asked for an alpha channel the file lacks: hand it an opaque one.
-  if (AlphaImposed() && native == VX_PF_RGB16) native = VX_PF_RGBA16;
-  if (AlphaImposed() && native == VX_PF_RGBF32) native = VX_PF_RGBAF32;
-  const double aspect = AspectImposed() ? PixelAspect() : s.aspectKnown ? s.pixelAspect : 1.0;
-  const int field = FieldMode();
-  // Every check on the file comes before the caller's image is touched.
-  if (HRESULT hr = ReadElements(file); FAILED(hr)) return hr;
+    const DpxHeaderState& s = state_;
+    constexpr std::uint32_t kIntMax = static_cast<std::uint32_t>(std::numeric_limits<int>::max());
+    if (s.width == 0 || s.height == 0 || s.width > kIntMax || s.height > kIntMax) return E_FAIL;
+    const int w = static_cast<int>(PictureWidth(s)), h = static_cast<int>(PictureHeight(s));
+    VxPixelFormat native = NativeFormat();
+    // The host asked for an alpha channel the file lacks: hand it an opaque one.
+    if (AlphaImposed() && native == VX_PF_RGB16) native = VX_PF_RGBA16;
+    if (AlphaImposed() && native == VX_PF_RGBF32) native = VX_PF_RGBAF32;
+    const double aspect = AspectImposed() ? PixelAspect() : s.aspectKnown ? s.pixelAspect : 1.0;
+    const int field = FieldMode();
+    // Every check on the file comes before the caller's image is touched.
+    if (HRESULT hr = ReadElements(file.get()); FAILED(hr)) return hr;
 
-  IVxImage* dst = *image;
-  bool direct = false;
-  if (dst) {
-    const VxPixelFormat f = dst->GetPixelFormat();
-    direct = f == VX_PF_RGBA16 || f == VX_PF_RGB16 || f == VX_PF_RGBAF32 || f == VX_PF_RGBF32 ||
-             ((f == VX_PF_GRAY16 || f == VX_PF_GRAYF32) && IsLuma(s));
-  }
-  if (dst && direct) {
-    // Decode straight into the caller's pixels, after everything that can fail on the file.
-    if (dst->GetWidth() != w || dst->GetHeight() != h) {
-      if (HRESULT hr = dst->Allocate(w, h, dst->GetPixelFormat()); FAILED(hr)) return hr;
+    IVxImage* dst = *image;
+    bool direct = false;
+    if (dst) {
+      const VxPixelFormat f = dst->GetPixelFormat();
+      direct = f == VX_PF_RGBA16 || f == VX_PF_RGB16 || f == VX_PF_RGBAF32 || f == VX_PF_RGBF32 ||
+               ((f == VX_PF_GRAY16 || f == VX_PF_GRAYF32) && IsLuma(s));
     }
-    if (HRESULT hr = DecodeInto(dst); FAILED(hr)) return hr;
-    dst->SetPixelAspect(aspect);
-    dst->SetFieldMode(field);
-    return S_OK;
-  }
-  ImageRef decoded;
-  if (HRESULT hr = VxCreateImage(w, h, native, &decoded.p); FAILED(hr)) return hr;
-  if (HRESULT hr = DecodeInto(decoded.p); FAILED(hr)) return hr;
-  decoded.p->SetPixelAspect(aspect);
-  decoded.p->SetFieldMode(field);
-  if (!dst) {
-    *image = decoded.p;
-    decoded.p = nullptr;
-    return S_OK;
-  }
-  // Another format: convert from the native picture.
-  VxPixelFormat f = dst->GetPixelFormat();
-  if (f == VX_PF_UNKNOWN) f = native;
-  if (dst->GetWidth() != w || dst->GetHeight() != h || dst->GetPixelFormat() == VX_PF_UNKNOWN) {
-    if (HRESULT hr = dst->Allocate(w, h, f); FAILED(hr)) return hr;
-  }
-  return VxConvertImage(decoded.p, dst);
-}
-
-HRESULT CVxDPXFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
-  if (!image) return E_POINTER;
-  if (!isDpx_) return E_NOTIMPL;  // Cineon is read only
-  DpxWriteInfo info;
-  info.frameRate = FrameRate();
-  info.fieldMode = imposedField_ >= 0 ? imposedField_ : VX_FIELD_PROGRESSIVE;
-  if (loaded_) {
-    info.timeCode = state_.timeCode;
-    info.aspectKnown = state_.aspectKnown;
-    info.pixelAspect = state_.pixelAspect;
-    info.inputDevice = state_.inputDevice;
-    info.levels = {state_.gamma, state_.blackLevel, state_.blackGain, state_.breakPoint,
-                   state_.whiteLevel};
-    info.sourceBits = state_.maxBits;
-    info.sourcePacking = static_cast<int>(state_.elements[0].packing);
-    info.sourceLayout = SourceLayout(state_);
-    info.transferChoice = state_.elements[0].transfer == kTransferRec709            ? 3
-                          : state_.elements[0].transfer == kTransferPrintingDensity ? 4
-                          : state_.elements[0].transfer == kTransferLinear          ? 0
-                                                                                    : 1;
-  }
-  if (IVxMetadata* md = WriteMetadata()) {
-    const VxMetadataRecord r = vx::md::GetRecord(md);
-    if (r.present & VX_MD_TIMECODE) info.timeCode = r.timeCode;
-    if (r.present & VX_MD_ASPECT) {
-      info.aspectKnown = true;
-      info.pixelAspect = r.pixelAspect;
+    if (dst && direct) {
+      // Decode straight into the caller's pixels, after everything that can fail on the file.
+      if (dst->GetWidth() != w || dst->GetHeight() != h) {
+        if (HRESULT hr = dst->Allocate(w, h, dst->GetPixelFormat()); FAILED(hr)) return hr;
+      }
+      if (HRESULT hr = DecodeInto(dst); FAILED(hr)) return hr;
+      dst->SetPixelAspect(aspect);
+      dst->SetFieldMode(field);
+      return S_OK;
     }
-    if (r.present & VX_MD_LEVELS) info.levels = r.levels;
-    if (r.present & VX_MD_TRANSFER) {
-      info.transferChoice = r.transfer == VX_TRANSFER_REC709               ? 3
-                            : r.transfer == VX_TRANSFER_PRINTING_DENSITY ? 4
-                            : r.transfer == VX_TRANSFER_LINEAR           ? 0
-                                                                         : 1;
+    vx::ComPtr<IVxImage> decoded;
+    if (HRESULT hr = VxCreateImage(w, h, native, decoded.put()); FAILED(hr)) return hr;
+    if (HRESULT hr = DecodeInto(decoded.get()); FAILED(hr)) return hr;
+    decoded->SetPixelAspect(aspect);
+    decoded->SetFieldMode(field);
+    if (!dst) {
+      *image = decoded.detach();
+      return S_OK;
     }
-    info.inputDevice = vx::md::GetText(md, vx::md::kInputDevice);
-    const std::string bits = vx::md::GetText(md, "dpx:bits");
-    if (!bits.empty()) info.sourceBits = static_cast<std::uint32_t>(std::atoi(bits.c_str()));
-    const std::string packing = vx::md::GetText(md, "dpx:packing");
-    if (!packing.empty()) info.sourcePacking = std::atoi(packing.c_str());
-    DpxExportSettings layout;
-    if (ApplyDpxOption(vx::FromUtf8("layout=" + vx::md::GetText(md, "dpx:layout")).c_str(),
-                       &layout, nullptr) == S_OK)
-      info.sourceLayout = layout.layout;
-  }
-  if (AspectImposed()) {
-    info.aspectKnown = true;
-    info.pixelAspect = PixelAspect();
-  }
-  if (levelsImposed_) info.levels = imposedLevels_;
-  return WriteDpxFile(OutputFileName(frame).c_str(), image, export_, info);
+    // Another format: convert from the native picture.
+    VxPixelFormat f = dst->GetPixelFormat();
+    if (f == VX_PF_UNKNOWN) f = native;
+    if (dst->GetWidth() != w || dst->GetHeight() != h || dst->GetPixelFormat() == VX_PF_UNKNOWN) {
+      if (HRESULT hr = dst->Allocate(w, h, f); FAILED(hr)) return hr;
+    }
+    return VxConvertImage(decoded.get(), dst);
+  });
 }
 
 HRESULT CVxDPXFileParser::SetFlag(DWORD which, DWORD value) {
-  // Flag 0 marks the stream's frames as carrying no time code.
-  return CVxStillImageParser::SetFlag(which, value);
+  return vx::Guarded([&]() -> HRESULT {
+    // Flag 0 marks the stream's frames as carrying no time code.
+    return CVxStillImageParser::SetFlag(which, value);
+  });
 }
 
 // ---- Source information ---------------------------------------------------------------------
 
 HRESULT CVxDPXFileParser::GetTimeCode(std::int32_t frame, DWORD* bcd) {
-  if (!bcd) return E_POINTER;
-  *bcd = 0;
-  if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
-  if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
-  int hh, mm, ss, ff;
-  if (state_.timeCode == kUndef32 || StreamFlag() ||
-      !VxParseLTCInBCD(state_.timeCode, &hh, &mm, &ss, &ff)) {
-    return S_FALSE;
-  }
-  *bcd = VxConstructLTCInBCD(hh, mm, ss, ff);
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!bcd) return E_POINTER;
+    *bcd = 0;
+    if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
+    if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
+    int hh, mm, ss, ff;
+    if (state_.timeCode == kUndef32 || StreamFlag() ||
+        !VxParseLTCInBCD(state_.timeCode, &hh, &mm, &ss, &ff)) {
+      return S_FALSE;
+    }
+    *bcd = VxConstructLTCInBCD(hh, mm, ss, ff);
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetEdgeCode(std::int32_t frame, EdgeCode* code) {
-  if (!code) return E_POINTER;
-  if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
-  if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
-  *code = state_.edgeCode;
-  return state_.edgeCode.IsValid() ? S_OK : S_FALSE;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!code) return E_POINTER;
+    if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
+    if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
+    *code = state_.edgeCode;
+    return state_.edgeCode.IsValid() ? S_OK : S_FALSE;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetUserBits(std::int32_t frame, DWORD* bits) {
-  if (!bits) return E_POINTER;
-  *bits = 0;
-  if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
-  if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
-  if (state_.userBits == kUndef32) return S_FALSE;
-  *bits = state_.userBits;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!bits) return E_POINTER;
+    *bits = 0;
+    if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
+    if (HRESULT hr = frame < 0 ? EnsureHeader() : LoadHeader(nullptr); FAILED(hr)) return hr;
+    if (state_.userBits == kUndef32) return S_FALSE;
+    *bits = state_.userBits;
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetFrameRate(double* fps) {
-  if (!fps) return E_POINTER;
-  *fps = -1.0;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  *fps = FrameRate();
-  return *fps > 0.0 ? S_OK : S_FALSE;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!fps) return E_POINTER;
+    *fps = -1.0;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    *fps = FrameRate();
+    return *fps > 0.0 ? S_OK : S_FALSE;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetFieldMode(std::int32_t* mode) {
-  if (!mode) return E_POINTER;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  *mode = FieldMode();
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!mode) return E_POINTER;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    *mode = FieldMode();
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetInputDevice(VxChar* buffer, int size) {
-  if (!buffer || size < 1) return E_INVALIDARG;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  if (HRESULT hr = CopyName(vx::FromUtf8(state_.inputDevice).c_str(), buffer, size); FAILED(hr)) {
-    return hr;
-  }
-  return state_.inputDevice[0] ? S_OK : S_FALSE;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!buffer || size < 1) return E_INVALIDARG;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    if (HRESULT hr = CopyName(vx::FromUtf8(state_.inputDevice).c_str(), buffer, size); FAILED(hr)) {
+      return hr;
+    }
+    return state_.inputDevice[0] ? S_OK : S_FALSE;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetHeaderReport(VxChar* buffer, int capacity) {
-  if (!buffer || capacity < kReportMinCapacity) return E_INVALIDARG;
-  if (!CurrentFileName().empty() && !vx::os::IsFile(CurrentFileName().c_str())) {
-    if (HRESULT hr = SelectFile(-1); FAILED(hr)) return hr;
-  }
-  const VxString& name = CurrentFileName();
-  return DpxHeaderReport(name.empty() ? nullptr : name.c_str(), buffer, capacity);
+  return vx::Guarded([&]() -> HRESULT {
+    if (!buffer || capacity < kReportMinCapacity) return E_INVALIDARG;
+    if (!CurrentFileName().empty() && !vx::os::IsFile(CurrentFileName().c_str())) {
+      if (HRESULT hr = SelectFile(-1); FAILED(hr)) return hr;
+    }
+    const VxString& name = CurrentFileName();
+    return DpxHeaderReport(name.empty() ? nullptr : name.c_str(), buffer, capacity);
+  });
 }
 
 HRESULT CVxDPXFileParser::GetMetadata(std::int32_t frame, IVxMetadata* out) {
@@ -583,52 +544,66 @@ HRESULT CVxDPXFileParser::GetMetadata(std::int32_t frame, IVxMetadata* out) {
 // ---- Colour management ----------------------------------------------------------------------
 
 HRESULT CVxDPXFileParser::GetTransferCharacteristic(DWORD* code) {
-  if (!code) return E_POINTER;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  *code = state_.elements[0].transfer;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!code) return E_POINTER;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    *code = state_.elements[0].transfer;
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetLevels(VxLevelSet* levels) {
-  if (!levels) return E_POINTER;
-  if (levelsImposed_) {
-    *levels = imposedLevels_;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!levels) return E_POINTER;
+    if (levelsImposed_) {
+      *levels = imposedLevels_;
+      return S_OK;
+    }
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    *levels = {state_.gamma, state_.blackLevel, state_.blackGain, state_.breakPoint,
+               state_.whiteLevel};
     return S_OK;
-  }
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  *levels = {state_.gamma, state_.blackLevel, state_.blackGain, state_.breakPoint,
-             state_.whiteLevel};
-  return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::SetLevels(const VxLevelSet* levels) {
-  if (!levels) return E_POINTER;
-  imposedLevels_ = *levels;
-  levelsImposed_ = true;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!levels) return E_POINTER;
+    imposedLevels_ = *levels;
+    levelsImposed_ = true;
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::GetBitDepth(DWORD* bits) {
-  if (!bits) return E_POINTER;
-  if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
-  *bits = state_.maxBits;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!bits) return E_POINTER;
+    if (HRESULT hr = EnsureHeader(); FAILED(hr)) return hr;
+    *bits = state_.maxBits;
+    return S_OK;
+  });
 }
 
 // ---- Export LUT -----------------------------------------------------------------------------
 
 HRESULT CVxDPXFileParser::GetLUTPath(VxChar* buffer, int size) {
-  if (HRESULT hr = CopyName(export_.lutPath.c_str(), buffer, size); FAILED(hr)) return hr;
-  return export_.lutPath.empty() ? S_FALSE : S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (HRESULT hr = CopyName(export_.lutPath.c_str(), buffer, size); FAILED(hr)) return hr;
+    return export_.lutPath.empty() ? S_FALSE : S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::SetLUTPath(const VxChar* path) {
-  export_.lutPath = path ? VxString(path) : VxString();
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    export_.lutPath = path ? VxString(path) : VxString();
+    return S_OK;
+  });
 }
 
 HRESULT CVxDPXFileParser::HasLUT(BOOL* has) {
-  if (!has) return E_POINTER;
-  *has = export_.lutPath.empty() ? FALSE : TRUE;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (!has) return E_POINTER;
+    *has = export_.lutPath.empty() ? FALSE : TRUE;
+    return S_OK;
+  });
 }

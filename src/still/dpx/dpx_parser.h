@@ -66,8 +66,8 @@ class CVxDPXFileParser : public CVxStillImageParser,
 
  private:
   // Parses the current file's header unless it is the one already parsed. On failure the parser
-  // holds no header at all. `keep` receives the open handle when given (else it is closed).
-  HRESULT LoadHeader(vx::os::FileHandle* keep);
+  // holds no header at all. `keep` receives the open file when given (else it is closed).
+  HRESULT LoadHeader(vx::os::UniqueFile* keep);
   // Makes a file of the list current for a format query that names no frame.
   HRESULT EnsureHeader();
   // Reads every element the picture needs into buffers_ and sets up jobs_.

@@ -149,8 +149,8 @@ class Report {
  public:
   Report(ReportText& out, const std::uint8_t* h, bool big) : out_(out), h_(h), big_(big) {}
 
-  std::uint32_t U32(std::uint32_t off) const { return LoadU32(h_ + off, big_); }
-  std::uint16_t U16(std::uint32_t off) const { return LoadU16(h_ + off, big_); }
+  std::uint32_t U32(std::uint32_t off) const { return Load32(h_ + off, big_); }
+  std::uint16_t U16(std::uint32_t off) const { return Load16(h_ + off, big_); }
   std::uint8_t U8(std::uint32_t off) const { return h_[off]; }
 
   void Text(const char* label, std::uint32_t off, std::uint32_t width) {
@@ -169,7 +169,7 @@ class Report {
     if (v != kUndef8) out_.Printf("  %s: %u\r\n", label, v);
   }
   void Float(const char* label, std::uint32_t off) {
-    if (U32(off) != kUndef32) out_.Printf("  %s: %f\r\n", label, LoadF32(h_ + off, big_));
+    if (U32(off) != kUndef32) out_.Printf("  %s: %f\r\n", label, LoadFloat(h_ + off, big_));
   }
 
   void FileInformation();

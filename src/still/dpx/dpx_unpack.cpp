@@ -3,27 +3,18 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <thread>
 
+#include "base/checked.h"
+#include "base/worker_pool.h"
 #include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_header.h"
 
 namespace vx::dpx {
 namespace {
 
-inline std::uint32_t Load32(const std::uint8_t* p, bool big) {
-  std::uint32_t v;
-  std::memcpy(&v, p, 4);
-  // The reader runs on little-endian machines only (x86 and x86-64).
-  return big ? __builtin_bswap32(v) : v;
-}
-inline std::uint16_t Load16(const std::uint8_t* p, bool big) {
-  std::uint16_t v;
-  std::memcpy(&v, p, 2);
-  return big ? __builtin_bswap16(v) : v;
-}
-
-std::uint32_t MaxCode(std::uint32_t bits) {
-  return (1u << bits) - 1;
+// Mask (and largest value) of an integer depth up to 16 bits.
+std::uint32_t CodeMask(std::uint32_t bits) {
+  return static_cast<std::uint32_t>(MaxCode(bits));
 }
 
 // 16-bit and float images of every code value, per depth, built once.
@@ -32,7 +23,7 @@ struct ScaleTables {
   std::vector<float> toFloat[17];
   ScaleTables() {
     for (std::uint32_t bits : {1u, 8u, 10u, 12u, 16u}) {
-      const std::uint32_t max = MaxCode(bits);
+      const std::uint32_t max = CodeMask(bits);
       to16[bits].resize(max + 1);
       toFloat[bits].resize(max + 1);
       for (std::uint32_t v = 0; v <= max; ++v) {
@@ -50,7 +41,7 @@ const ScaleTables& Tables() {
 // Samples of `bits` bits running through 32-bit words, lowest bits first.
 void UnpackBitStream(const std::uint8_t* src, bool big, std::uint32_t bits, std::size_t count,
                      std::uint16_t* out) {
-  const std::uint32_t mask = MaxCode(bits);
+  const std::uint32_t mask = CodeMask(bits);
   const std::size_t words = (count * bits + 31) / 32;
   for (std::size_t i = 0; i < count; ++i) {
     const std::size_t bit = i * bits;
@@ -162,9 +153,7 @@ void Decode10FilledRGB(const std::uint8_t* src, T* dst, std::uint32_t width, boo
                        const T* lut) {
   const std::uint32_t s0 = methodA ? 22 : 20, s1 = methodA ? 12 : 10, s2 = methodA ? 2 : 0;
   for (std::uint32_t x = 0; x < width; ++x) {
-    std::uint32_t w;
-    std::memcpy(&w, src + 4 * x, 4);
-    if constexpr (Big) w = __builtin_bswap32(w);
+    const std::uint32_t w = Load32(src + 4 * x, Big);
     dst[x * C] = lut[(w >> s0) & 0x3FF];
     dst[x * C + 1] = lut[(w >> s1) & 0x3FF];
     dst[x * C + 2] = lut[(w >> s2) & 0x3FF];
@@ -273,21 +262,18 @@ void DecodeRange(const DpxElementJob* jobs, int jobCount, const DpxTarget& t, bo
 }  // namespace
 
 bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& target,
-               std::uint32_t orientation, int fillChannel, int threads);
+               std::uint32_t orientation, int fillChannel, WorkerPool* pool);
 
 namespace {
 
 // Codes 4-7: each stored line is a column of the picture. Decode the element as it lies (lines
 // as rows, mirrored as the code says), then turn it a quarter.
 bool DecodeTransposed(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
-                      std::uint32_t orientation, int fillChannel, int threads) {
+                      std::uint32_t orientation, int fillChannel, WorkerPool* pool) {
   const std::size_t pixelBytes = std::size_t{t.channels} * (t.isFloat ? 4 : 2);
-  std::vector<std::uint8_t> stored;
-  try {
-    stored.resize(std::size_t{t.width} * t.height * pixelBytes);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  std::uint64_t bytes = 0;
+  if (!CheckedProduct(&bytes, t.width, t.height, pixelBytes) || !FitsSizeT(bytes)) return false;
+  std::vector<std::uint8_t> stored(static_cast<std::size_t>(bytes));
   DpxTarget s = t;
   s.pixels = stored.data();
   s.width = t.height;
@@ -295,7 +281,7 @@ bool DecodeTransposed(const DpxElementJob* jobs, int jobCount, const DpxTarget& 
   s.rowStride = static_cast<std::ptrdiff_t>(s.width * pixelBytes);
   // 5 and 7 run their lines right to left (stored rows reversed); 6 and 7 bottom to top.
   static constexpr std::uint32_t kLineOrder[4] = {0, 2, 1, 3};
-  if (!DpxDecode(jobs, jobCount, s, kLineOrder[orientation - 4], fillChannel, threads)) {
+  if (!DpxDecode(jobs, jobCount, s, kLineOrder[orientation - 4], fillChannel, pool)) {
     return false;
   }
   for (std::uint32_t y = 0; y < t.height; ++y) {
@@ -311,20 +297,7 @@ bool DecodeTransposed(const DpxElementJob* jobs, int jobCount, const DpxTarget& 
 }  // namespace
 
 std::uint64_t DpxSampleBytes(const DpxSampleLayout& l, std::uint64_t samples) {
-  switch (l.bits) {
-    case 1:
-      return (samples + 7) / 8;
-    case 8:
-      return samples;
-    case 10:
-      return l.packing == kPackPacked ? (samples * 10 + 31) / 32 * 4 : (samples + 2) / 3 * 4;
-    case 12:
-      return l.packing == kPackPacked ? (samples * 12 + 31) / 32 * 4 : samples * 2;
-    case 16:
-      return samples * 2;
-    default:
-      return samples * 4;
-  }
+  return DpxLineBytes(l.bits, l.packing, samples, 1, l.bits == 8);
 }
 
 void UnpackCodes(const std::uint8_t* src, const DpxSampleLayout& l, std::size_t count,
@@ -391,7 +364,7 @@ bool DpxJobFits(const DpxElementJob& job, std::uint32_t width, std::uint32_t hei
 }
 
 bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
-               std::uint32_t orientation, int fillChannel, int threads) {
+               std::uint32_t orientation, int fillChannel, WorkerPool* pool) {
   if (t.pixels == nullptr || !(t.channels == 1 || t.channels == 3 || t.channels == 4)) return false;
   const std::uint64_t sampleSize = t.isFloat ? 4 : 2;
   if (static_cast<std::uint64_t>(t.rowStride < 0 ? -t.rowStride : t.rowStride) <
@@ -413,7 +386,7 @@ bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
   }
   if (fillChannel >= static_cast<int>(t.channels)) fillChannel = -1;
   if (orientation >= 4 && orientation <= 7)
-    return DecodeTransposed(jobs, jobCount, t, orientation, fillChannel, threads);
+    return DecodeTransposed(jobs, jobCount, t, orientation, fillChannel, pool);
   const bool flipX = orientation == 1 || orientation == 3;
   const bool flipY = orientation == 2 || orientation == 3;
   auto run = [&](std::uint32_t begin, std::uint32_t end) {
@@ -425,25 +398,16 @@ bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& t,
   };
   // Small pictures are not worth a thread.
   const std::uint64_t pixels = std::uint64_t{t.width} * t.height;
-  if (threads < 2 || pixels < (1u << 16) || t.height < 2) {
+  if (!pool || pool->Concurrency() < 2 || pixels < (1u << 16) || t.height < 2) {
     run(0, t.height);
     return true;
   }
-  const std::uint32_t parts =
-      static_cast<std::uint32_t>(std::min<std::uint64_t>(threads, t.height));
-  std::vector<std::thread> pool;
-  pool.reserve(parts - 1);
-  for (std::uint32_t p = 1; p < parts; ++p) {
-    const std::uint32_t begin = static_cast<std::uint32_t>(std::uint64_t{t.height} * p / parts);
-    const std::uint32_t end = static_cast<std::uint32_t>(std::uint64_t{t.height} * (p + 1) / parts);
-    try {
-      pool.emplace_back(run, begin, end);
-    } catch (...) {
-      run(begin, end);  // no thread to be had: do the share here
-    }
-  }
-  run(0, static_cast<std::uint32_t>(t.height / parts));
-  for (auto& th : pool) th.join();
+  // A few bands per thread, so one slow thread does not hold the frame.
+  const int parts = static_cast<int>(std::min<std::uint64_t>(4 * pool->Concurrency(), t.height));
+  pool->ParallelFor(parts, [&](int p) {
+    run(static_cast<std::uint32_t>(std::uint64_t{t.height} * p / parts),
+        static_cast<std::uint32_t>(std::uint64_t{t.height} * (p + 1) / parts));
+  });
   return true;
 }
 

@@ -18,6 +18,10 @@
 #include <cstdint>
 #include <vector>
 
+namespace vx {
+class WorkerPool;
+}
+
 namespace vx::dpx {
 
 struct DpxSampleLayout {
@@ -68,9 +72,11 @@ bool DpxJobFits(const DpxElementJob& job, std::uint32_t width, std::uint32_t hei
 // (4: lines left to right, each top to bottom; 5: lines right to left; 6: each line bottom to
 // top; 7: both).
 // Decodes every job into the target (otherwise of the elements' size), sets `fillChannel` (or
-// none when negative) to full scale, and splits the lines over up to `threads` threads. False
-// when a job does not fit its data or the target is unusable; nothing is decoded then.
+// none when negative) to full scale, and splits the lines into bands on `pool` (on the caller
+// alone when null). False when a job does not fit its data or the target is unusable; nothing is
+// decoded then. A column-wise element needs a turned copy of the picture: std::bad_alloc when
+// it cannot be had.
 bool DpxDecode(const DpxElementJob* jobs, int jobCount, const DpxTarget& target,
-               std::uint32_t orientation, int fillChannel, int threads);
+               std::uint32_t orientation, int fillChannel, WorkerPool* pool);
 
 }  // namespace vx::dpx

@@ -1,6 +1,7 @@
 #include "still/dpx/dpx_writer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -10,7 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "base/checked.h"
+#include "base/guard.h"
+#include "base/worker_pool.h"
 #include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_header.h"
 #include "still/dpx/dpx_pack.h"
 #include "vx/platform.h"
 
@@ -24,7 +29,6 @@ constexpr const VxChar* kLutApplyError =
     VXT("Dpx Parser Write error: Cannot apply the 3D LUT, the output will not have any 3D LUT "
         "apply!");
 constexpr char kCreator[] = "Halden Vx";
-constexpr std::size_t kChunkBytes = 1u << 20;
 
 bool FormatHasAlpha(VxPixelFormat f) {
   return f == VX_PF_RGBA8 || f == VX_PF_BGRA8 || f == VX_PF_RGBA16 || f == VX_PF_RGBAF32;
@@ -168,6 +172,7 @@ std::string CreationTime() {
 
 struct ElementLayout {
   std::uint64_t lineBytes = 0;
+  std::uint64_t usedBytes = 0;  // bytes the samples of a line fill
   std::uint64_t dataOffset = 0;
 };
 
@@ -175,8 +180,8 @@ void FillHeader(std::uint8_t* h, const DpxOutputPlan& plan, const ElementLayout*
                 std::uint32_t width, std::uint32_t height, std::uint64_t fileSize, double frameRate,
                 const DpxWriteInfo& info) {
   const bool big = plan.bigEndian;
-  auto u32 = [&](std::uint32_t off, std::uint32_t v) { StoreU32(h + off, v, big); };
-  auto f32 = [&](std::uint32_t off, double v) { StoreF32(h + off, static_cast<float>(v), big); };
+  auto u32 = [&](std::uint32_t off, std::uint32_t v) { Store32(h + off, v, big); };
+  auto f32 = [&](std::uint32_t off, double v) { StoreFloat(h + off, static_cast<float>(v), big); };
   std::memset(h, 0, kHeaderSize);
 
   std::memcpy(h + kOffMagic, big ? kMagicBig : kMagicLittle, 4);
@@ -193,33 +198,33 @@ void FillHeader(std::uint8_t* h, const DpxOutputPlan& plan, const ElementLayout*
   std::memcpy(h + kOffCreator, kCreator, sizeof kCreator - 1);
   u32(kOffEncryptionKey, kUndef32);
 
-  StoreU16(h + kOffOrientation, 0, big);
-  StoreU16(h + kOffElementCount, static_cast<std::uint16_t>(plan.elementCount), big);
+  Store16(h + kOffOrientation, 0, big);
+  Store16(h + kOffElementCount, static_cast<std::uint16_t>(plan.elementCount), big);
   u32(kOffPixelsPerLine, width);
   u32(kOffLinesPerElement, height);
   const bool density = plan.transferCode == kTransferPrintingDensity;
   for (std::uint32_t i = 0; i < plan.elementCount; ++i) {
     std::uint8_t* e = h + ElementOffset(i);
-    StoreU32(e + kElDataSign, 0, big);
-    StoreU32(e + kElRefLowCode, 0, big);
-    StoreU32(e + kElRefHighCode, static_cast<std::uint32_t>((std::uint64_t{1} << plan.bits) - 1),
-             big);
+    Store32(e + kElDataSign, 0, big);
+    Store32(e + kElRefLowCode, 0, big);
+    Store32(e + kElRefHighCode, static_cast<std::uint32_t>((std::uint64_t{1} << plan.bits) - 1),
+            big);
     if (density) {
-      StoreF32(e + kElRefLowQuantity, 0.0f, big);
-      StoreF32(e + kElRefHighQuantity, 2.048f, big);
+      StoreFloat(e + kElRefLowQuantity, 0.0f, big);
+      StoreFloat(e + kElRefHighQuantity, 2.048f, big);
     } else {
-      StoreU32(e + kElRefLowQuantity, kUndef32, big);
-      StoreU32(e + kElRefHighQuantity, kUndef32, big);
+      Store32(e + kElRefLowQuantity, kUndef32, big);
+      Store32(e + kElRefHighQuantity, kUndef32, big);
     }
     e[kElDescriptor] = plan.elements[i].descriptor;
     e[kElTransfer] = plan.transferCode;
     e[kElColorimetric] = plan.transferCode;
     e[kElBitSize] = static_cast<std::uint8_t>(plan.bits);
-    StoreU16(e + kElPacking, static_cast<std::uint16_t>(plan.packing), big);
-    StoreU16(e + kElEncoding, 0, big);
-    StoreU32(e + kElDataOffset, static_cast<std::uint32_t>(layouts[i].dataOffset), big);
-    StoreU32(e + kElEolPadding, 0, big);
-    StoreU32(e + kElEoiPadding, 0, big);
+    Store16(e + kElPacking, static_cast<std::uint16_t>(plan.packing), big);
+    Store16(e + kElEncoding, 0, big);
+    Store32(e + kElDataOffset, static_cast<std::uint32_t>(layouts[i].dataOffset), big);
+    Store32(e + kElEolPadding, 0, big);
+    Store32(e + kElEoiPadding, 0, big);
   }
 
   for (std::uint32_t off = kOffXOffset; off <= kOffYOriginalSize; off += 4) u32(off, kUndef32);
@@ -271,15 +276,168 @@ void FillHeader(std::uint8_t* h, const DpxOutputPlan& plan, const ElementLayout*
 enum class Outcome { Ok, LutFailed, WriteFailed };
 
 struct Job {
-  const VxChar* path;
   IVxImage* image;
   DpxOutputPlan plan;
   const DpxWriteInfo* info;
   double frameRate;
+  ElementLayout layouts[4];
+  std::uint64_t fileSize;
 };
 
-// Writes the whole file under `tmp`. Rows are converted once and packed into every element's
-// chunk, so planar layouts cost no extra conversion.
+// Where each component of an element comes from in a source pixel; -1 is an opaque alpha the
+// source lacks.
+struct ElementSource {
+  int index[4] = {-1, -1, -1, -1};
+  std::uint32_t components = 0;
+};
+
+ElementSource SourceOf(const DpxElementPlan& e, VxPixelFormat f) {
+  const int channels = VxPixelFormatChannels(f);
+  const bool bgra = f == VX_PF_BGRA8;
+  ElementSource s;
+  s.components = e.components;
+  for (std::uint32_t k = 0; k < e.components; ++k) {
+    const int c = e.order[k];
+    if (channels == 1)
+      s.index[k] = c == 3 ? -1 : 0;
+    else if (c == 3)
+      s.index[k] = channels == 4 ? 3 : -1;
+    else
+      s.index[k] = bgra && c != 1 ? 2 - c : c;
+  }
+  return s;
+}
+
+// One line of `components` values per pixel out of a source line of `step` samples per pixel.
+template <std::uint32_t N, class S, class T, class Map>
+void GatherLine(const S* src, std::size_t width, int step, const int* index, T opaque, Map map,
+                T* out) {
+  for (std::size_t x = 0; x < width; ++x, src += step, out += N)
+    for (std::uint32_t k = 0; k < N; ++k) out[k] = index[k] < 0 ? opaque : map(src[index[k]]);
+}
+template <class S, class T, class Map>
+void Gather(const S* src, std::size_t width, int step, const ElementSource& e, T opaque, Map map,
+            T* out) {
+  switch (e.components) {
+    case 1:
+      GatherLine<1>(src, width, step, e.index, opaque, map, out);
+      break;
+    case 3:
+      GatherLine<3>(src, width, step, e.index, opaque, map, out);
+      break;
+    default:
+      GatherLine<4>(src, width, step, e.index, opaque, map, out);
+      break;
+  }
+}
+
+// Per-thread line buffers and the band being packed, kept between frames so a sequence does not
+// fault in fresh pages for every frame.
+struct BandScratch {
+  std::vector<std::uint16_t> codes;
+  std::vector<float> floats, rgba;
+  std::vector<std::uint8_t> band;
+};
+BandScratch& Scratch() {
+  thread_local BandScratch scratch;
+  return scratch;
+}
+
+// How a frame's samples become code values: a table for 8- and 16-bit sources (the same rounding
+// as the float path, looked up instead of computed), the float path for float sources and LUTs.
+struct Conversion {
+  VxPixelFormat format = VX_PF_UNKNOWN;
+  std::uint32_t bits = 10;
+  float maxCode = 1023.0f;
+  float scale = 1.0f;   // source sample to code value
+  float opaque = 1.0f;  // a missing alpha, in code values
+  std::vector<std::uint16_t> codeOf;
+  std::vector<float> floatOf;
+  const VxLUT3D* lut = nullptr;
+};
+
+Conversion MakeConversion(VxPixelFormat format, std::uint32_t bits, const VxLUT3D* lut) {
+  Conversion c;
+  c.format = format;
+  c.bits = bits;
+  c.maxCode = static_cast<float>(MaxCode(bits));
+  const float srcMax = FormatMax(format);
+  // With a LUT the line is normalised first and scaled to code values after the LUT.
+  c.scale = lut ? 1.0f / srcMax : c.maxCode / srcMax;
+  c.opaque = lut ? 1.0f : c.maxCode;
+  c.lut = lut;
+  if (!lut && FormatBits(format) <= 16) {
+    const std::size_t n = static_cast<std::size_t>(srcMax) + 1;
+    if (bits == 32) {
+      c.floatOf.resize(n);
+      for (std::size_t v = 0; v < n; ++v) c.floatOf[v] = static_cast<float>(v) * c.scale;
+    } else {
+      c.codeOf.resize(n);
+      for (std::size_t v = 0; v < n; ++v)
+        c.codeOf[v] =
+            static_cast<std::uint16_t>(ToCode(static_cast<float>(v) * c.scale, c.maxCode));
+    }
+  }
+  return c;
+}
+
+// Packs one image line into element `e`'s bytes. False when the LUT cannot be applied.
+bool PackLine(const Conversion& c, const std::uint8_t* row, std::size_t width,
+              const DpxOutputPlan& plan, const DpxElementPlan& e, const ElementSource& src,
+              BandScratch& s, std::uint8_t* out) {
+  const int step = VxPixelFormatChannels(c.format);
+  const std::size_t count = width * e.components;
+  const bool isFloat = plan.bits == 32;
+  if (c.lut) {
+    s.rgba.resize(width * 4);
+    RowToRgba(row, c.format, width, c.scale, c.opaque, s.rgba.data());
+    if (FAILED(VxLUTHelperApply3DLut(c.lut, s.rgba.data(), width, 4))) return false;
+    if (c.maxCode != 1.0f)
+      for (float& v : s.rgba) v *= c.maxCode;
+    s.floats.resize(count);
+    GatherChannels(s.rgba.data(), width, e.order, e.components, s.floats.data());
+    return PackSamples(s.floats.data(), count, plan.bits, plan.packing, plan.bigEndian, out);
+  }
+  const std::uint32_t srcBits = FormatBits(c.format);
+  if (isFloat) {
+    s.floats.resize(count);
+    float* f = s.floats.data();
+    if (srcBits == 8) {
+      Gather(
+          row, width, step, src, c.opaque, [&](std::uint8_t v) { return c.floatOf[v]; }, f);
+    } else if (srcBits == 16) {
+      Gather(
+          reinterpret_cast<const std::uint16_t*>(row), width, step, src, c.opaque,
+          [&](std::uint16_t v) { return c.floatOf[v]; }, f);
+    } else {
+      Gather(
+          reinterpret_cast<const float*>(row), width, step, src, c.opaque,
+          [&](float v) { return v * c.scale; }, f);
+    }
+    PackFloats(f, count, plan.bigEndian, out);
+    return true;
+  }
+  s.codes.resize(count);
+  std::uint16_t* codes = s.codes.data();
+  const auto opaque = static_cast<std::uint16_t>(c.maxCode);
+  if (srcBits == 8) {
+    Gather(
+        row, width, step, src, opaque, [&](std::uint8_t v) { return c.codeOf[v]; }, codes);
+  } else if (srcBits == 16) {
+    Gather(
+        reinterpret_cast<const std::uint16_t*>(row), width, step, src, opaque,
+        [&](std::uint16_t v) { return c.codeOf[v]; }, codes);
+  } else {
+    Gather(
+        reinterpret_cast<const float*>(row), width, step, src, opaque,
+        [&](float v) { return static_cast<std::uint16_t>(ToCode(v * c.scale, c.maxCode)); }, codes);
+  }
+  return PackCodes(codes, count, plan.bits, plan.packing, plan.bigEndian, out);
+}
+
+// Writes the whole file under `tmp`. The lines are split into bands on the shared pool; each band
+// is packed into a per-thread buffer and written with one positioned write per element, so
+// packing and writing of different bands overlap.
 Outcome WriteAttempt(const Job& job, const VxChar* tmp, const VxLUT3D* lut) {
   IVxImage* image = job.image;
   const std::uint32_t width = static_cast<std::uint32_t>(image->GetWidth());
@@ -290,68 +448,77 @@ Outcome WriteAttempt(const Job& job, const VxChar* tmp, const VxLUT3D* lut) {
   if (!pixels) return Outcome::WriteFailed;
   const DpxOutputPlan& plan = job.plan;
 
-  ElementLayout layouts[4];
-  std::uint64_t offset = kHeaderSize, lineTotal = 0;
-  for (std::uint32_t i = 0; i < plan.elementCount; ++i) {
-    layouts[i].lineBytes =
-        LineBytes(width, plan.elements[i].components, plan.bits, plan.packing, false);
-    layouts[i].dataOffset = offset;
-    offset += layouts[i].lineBytes * height;
-    lineTotal += layouts[i].lineBytes;
-  }
-  const std::uint64_t fileSize = offset;
-
   std::uint8_t header[kHeaderSize];
-  FillHeader(header, plan, layouts, width, height, fileSize, job.frameRate, *job.info);
-
-  const float maxCode = MaxCode(plan.bits);
-  const float srcMax = FormatMax(format);
-  // With a LUT the row is normalised first and scaled to code values after the LUT.
-  const float scale = lut ? 1.0f / srcMax : maxCode / srcMax;
-  const float opaque = lut ? 1.0f : maxCode;
-  const std::size_t rows = std::max<std::size_t>(1, kChunkBytes / lineTotal);
-  std::vector<float> rgba(std::size_t{width} * 4);
-  std::vector<float> samples(std::size_t{width} * 4);
-  std::vector<std::uint8_t> chunks[4];
-  for (std::uint32_t i = 0; i < plan.elementCount; ++i)
-    chunks[i].assign(layouts[i].lineBytes * rows, 0);
-
-  const os::FileHandle f = os::Create(tmp);
-  if (f == os::kNoFile) return Outcome::WriteFailed;
-  Outcome result = Outcome::Ok;
-  std::uint32_t done = 0;
-  if (!os::WriteAt(f, 0, header, kHeaderSize, &done) || done != kHeaderSize)
-    result = Outcome::WriteFailed;
-  for (std::uint32_t y0 = 0; y0 < height && result == Outcome::Ok; y0 += rows) {
-    const std::uint32_t n = static_cast<std::uint32_t>(std::min<std::size_t>(rows, height - y0));
-    for (std::uint32_t r = 0; r < n && result == Outcome::Ok; ++r) {
-      RowToRgba(pixels + (y0 + r) * stride, format, width, scale, opaque, rgba.data());
-      if (lut) {
-        if (FAILED(VxLUTHelperApply3DLut(lut, rgba.data(), width, 4))) {
-          result = Outcome::LutFailed;
-          break;
-        }
-        if (maxCode != 1.0f)
-          for (float& v : rgba) v *= maxCode;
-      }
-      for (std::uint32_t i = 0; i < plan.elementCount; ++i) {
-        const DpxElementPlan& e = plan.elements[i];
-        GatherChannels(rgba.data(), width, e.order, e.components, samples.data());
-        PackSamples(samples.data(), std::size_t{width} * e.components, plan.bits, plan.packing,
-                    plan.bigEndian, chunks[i].data() + r * layouts[i].lineBytes);
-      }
-    }
-    for (std::uint32_t i = 0; i < plan.elementCount && result == Outcome::Ok; ++i) {
-      const std::uint32_t bytes = static_cast<std::uint32_t>(layouts[i].lineBytes * n);
-      if (!os::WriteAt(f, layouts[i].dataOffset + y0 * layouts[i].lineBytes, chunks[i].data(),
-                       bytes, &done) ||
-          done != bytes)
-        result = Outcome::WriteFailed;
-    }
+  FillHeader(header, plan, job.layouts, width, height, job.fileSize, job.frameRate, *job.info);
+  const Conversion conv = MakeConversion(format, plan.bits, lut);
+  ElementSource sources[4];
+  std::uint64_t lineTotal = 0;
+  for (std::uint32_t i = 0; i < plan.elementCount; ++i) {
+    sources[i] = SourceOf(plan.elements[i], format);
+    lineTotal += job.layouts[i].lineBytes;
   }
-  os::Close(f);
+
+  os::UniqueFile f(os::Create(tmp));
+  if (!f) return Outcome::WriteFailed;
+  std::uint32_t done = 0;
+  if (!os::WriteAt(f.get(), 0, header, kHeaderSize, &done) || done != kHeaderSize) {
+    f.reset();
+    os::Remove(tmp);
+    return Outcome::WriteFailed;
+  }
+  // Bands of about a megabyte, at least a few per thread so a slow one does not hold the rest.
+  WorkerPool& pool = WorkerPool::Shared();
+  const std::uint64_t byBytes = std::max<std::uint64_t>(1, (lineTotal * height) >> 20);
+  const std::uint64_t bands64 =
+      std::min<std::uint64_t>(height, std::max<std::uint64_t>(byBytes, 4 * pool.Concurrency()));
+  const int bands = static_cast<int>(bands64);
+  std::atomic<int> failure{static_cast<int>(Outcome::Ok)};
+  auto packBand = [&](int band) {
+    if (failure.load(std::memory_order_relaxed) != static_cast<int>(Outcome::Ok)) return;
+    const std::uint32_t y0 = static_cast<std::uint32_t>(std::uint64_t{height} * band / bands);
+    const std::uint32_t y1 = static_cast<std::uint32_t>(std::uint64_t{height} * (band + 1) / bands);
+    BandScratch& s = Scratch();
+    for (std::uint32_t i = 0; i < plan.elementCount; ++i) {
+      const ElementLayout& l = job.layouts[i];
+      const std::uint64_t bytes = l.lineBytes * (y1 - y0);
+      if (s.band.size() < bytes) s.band.resize(static_cast<std::size_t>(bytes));
+      for (std::uint32_t y = y0; y < y1; ++y) {
+        std::uint8_t* line = s.band.data() + (y - y0) * l.lineBytes;
+        if (!PackLine(conv, pixels + static_cast<std::int64_t>(y) * stride, width, plan,
+                      plan.elements[i], sources[i], s, line)) {
+          failure = static_cast<int>(Outcome::LutFailed);
+          return;
+        }
+        // Bytes past the last sample (the rounding of 8-bit lines) are zero in the file.
+        std::memset(line + l.usedBytes, 0, l.lineBytes - l.usedBytes);
+      }
+      std::uint32_t put = 0;
+      if (!os::WriteAt(f.get(), l.dataOffset + y0 * l.lineBytes, s.band.data(),
+                       static_cast<std::uint32_t>(bytes), &put) ||
+          put != bytes) {
+        failure = static_cast<int>(Outcome::WriteFailed);
+        return;
+      }
+    }
+  };
+  try {
+    pool.ParallelFor(bands, packBand);
+  } catch (...) {
+    f.reset();
+    os::Remove(tmp);
+    throw;
+  }
+  f.reset();
+  const auto result = static_cast<Outcome>(failure.load());
   if (result != Outcome::Ok) os::Remove(tmp);
   return result;
+}
+
+// A temporary name beside `path` that no other writer of this or another process uses.
+VxString TemporaryName(const VxChar* path) {
+  static std::atomic<std::uint64_t> counter{0};
+  return FromUtf8(ToUtf8(path) + "." + std::to_string(os::CurrentProcessId()) + "." +
+                  std::to_string(counter.fetch_add(1)) + ".tmp");
 }
 
 }  // namespace
@@ -427,15 +594,27 @@ HRESULT WriteDpxFileImpl(const VxChar* path, IVxImage* image, const DpxExportSet
   const int height = image->GetHeight();
   const VxPixelFormat format = image->GetPixelFormat();
   if (width <= 0 || height <= 0 || !KnownFormat(format) || !*path) return E_INVALIDARG;
-  if (image->GetRowStride() < width * VxPixelFormatBytesPerPixel(format)) return E_INVALIDARG;
+  std::int64_t rowBytes = 0;
+  if (!CheckedMul<std::int64_t>(width, VxPixelFormatBytesPerPixel(format), &rowBytes) ||
+      image->GetRowStride() < rowBytes)
+    return E_INVALIDARG;
 
-  Job job{path, image, PlanDpxOutput(settings, info, format), &info, info.frameRate};
-  std::uint64_t size = kHeaderSize;
-  for (std::uint32_t i = 0; i < job.plan.elementCount; ++i)
-    size += LineBytes(static_cast<std::uint32_t>(width), job.plan.elements[i].components,
-                      job.plan.bits, job.plan.packing, false) *
-            static_cast<std::uint64_t>(height);
-  if (size > 0xFFFFFFFFu) return E_INVALIDARG;
+  Job job{image, PlanDpxOutput(settings, info, format), &info, info.frameRate, {}, 0};
+  // Every offset and the file size are 32-bit fields.
+  std::uint64_t offset = kHeaderSize;
+  for (std::uint32_t i = 0; i < job.plan.elementCount; ++i) {
+    ElementLayout& l = job.layouts[i];
+    l.lineBytes = DpxLineBytes(job.plan.bits, job.plan.packing, static_cast<std::uint32_t>(width),
+                               job.plan.elements[i].components, false);
+    l.usedBytes = DpxLineBytes(job.plan.bits, job.plan.packing, static_cast<std::uint32_t>(width),
+                               job.plan.elements[i].components, job.plan.bits == 8);
+    l.dataOffset = offset;
+    std::uint64_t bytes = 0;
+    if (!CheckedProduct(&bytes, l.lineBytes, static_cast<std::uint64_t>(height)) ||
+        !CheckedAdd(offset, bytes, &offset) || offset > 0xFFFFFFFFu)
+      return E_INVALIDARG;
+  }
+  job.fileSize = offset;
   double projectRate = 0.0;
   if (VxGetProjectProperty(VXT("Project Frame Rate"), &projectRate) && projectRate > 0.0)
     job.frameRate = projectRate;
@@ -451,8 +630,7 @@ HRESULT WriteDpxFileImpl(const VxChar* path, IVxImage* image, const DpxExportSet
     else
       VxMessageBox(kErrorCaption, kLutLoadError);
   }
-  const std::string tmpName = ToUtf8(path) + "." + std::to_string(os::CurrentProcessId()) + ".tmp";
-  const VxString tmp = FromUtf8(tmpName);
+  const VxString tmp = TemporaryName(path);
   Outcome outcome = WriteAttempt(job, tmp.c_str(), lut.get());
   if (outcome == Outcome::LutFailed) {
     VxMessageBox(kErrorCaption, kLutApplyError);
@@ -471,13 +649,7 @@ HRESULT WriteDpxFileImpl(const VxChar* path, IVxImage* image, const DpxExportSet
 HRESULT WriteDpxFile(const VxChar* path, IVxImage* image, const DpxExportSettings& settings,
                      const DpxWriteInfo& info) {
   if (!path || !image) return E_POINTER;
-  // Buffers are allocated before the temporary file exists, so running out of memory leaves
-  // nothing behind.
-  try {
-    return WriteDpxFileImpl(path, image, settings, info);
-  } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
-  }
+  return Guarded([&] { return WriteDpxFileImpl(path, image, settings, info); });
 }
 
 }  // namespace vx::dpx
