@@ -13,6 +13,7 @@
 #include "base/worker_pool.h"
 #include "vx/com_ptr.h"
 #include "still/dpx/dpx_format.h"
+#include "still/dpx/dpx_metadata.h"
 #include "still/dpx/dpx_report.h"
 #include "still/dpx/dpx_unpack.h"
 
@@ -537,7 +538,8 @@ HRESULT CVxDPXFileParser::GetMetadata(std::int32_t frame, IVxMetadata* out) {
     vx::md::SetText(out, "dpx:packing", std::to_string(s.elements[0].packing));
     if (SourceLayout(s) != DpxLayout::Keep)
       vx::md::SetText(out, "dpx:layout", LayoutOptionName(SourceLayout(s)));
-    return S_OK;
+    const HRESULT hr = AddFileHeaderMetadata(CurrentFileName().c_str(), s.isDpx, out);
+    return FAILED(hr) ? hr : S_OK;
   });
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/guard.h"
+#include "still/dpx/dpx_metadata.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/dpx/dpx_writer.h"
 
@@ -39,6 +40,11 @@ DpxWriteInfo WriteInfoFrom(IVxMetadata* md) {
   }
   if (r.present & VX_MD_LEVELS) info.levels = r.levels;
   if (r.present & VX_MD_TRANSFER) info.transferChoice = TransferChoice(r.transfer);
+  std::uint8_t code = 0;
+  if ((r.present & VX_MD_TRANSFER) && DpxTransferCode(r.transfer, &code)) info.transferCode = code;
+  if ((r.present & VX_MD_COLORIMETRIC) && DpxColorimetricCode(r.colorimetric, &code))
+    info.colorimetricCode = code;
+  info.metadata = md;
   info.inputDevice = vx::md::GetText(md, vx::md::kInputDevice);
   // What a DPX reader said about the source's layout, so "keep" keeps it.
   const std::string bits = vx::md::GetText(md, "dpx:bits");

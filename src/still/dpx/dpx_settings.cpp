@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "still/dpx/dpx_metadata.h"
+
 namespace vx::dpx {
 namespace {
 
@@ -129,7 +131,15 @@ HRESULT ApplyDpxOption(const VxChar* text, DpxExportSettings* exportSettings,
     exportSettings->packing = packing;
   } else if (name == "transfer") {
     int choice = -1;
-    if (value != "keep" && (!ParseInt(value, &choice) || choice < 0)) return E_INVALIDARG;
+    DWORD transfer = 0;
+    std::uint8_t code = 0;
+    exportSettings->transferCode = -1;
+    if (VxTransferFromName(value, &transfer)) {
+      if (!DpxTransferCode(transfer, &code)) return E_INVALIDARG;
+      exportSettings->transferCode = code;
+    } else if (value != "keep" && (!ParseInt(value, &choice) || choice < 0)) {
+      return E_INVALIDARG;
+    }
     exportSettings->transferChoice = choice;
   } else if (name == "endian") {
     if (value == "big")

@@ -35,6 +35,8 @@ struct DpxExportSettings {
   // -1 takes the choice the write info carries; else the dialog's transfer choice:
   // 0 linear, 3 ITU-R 709-4, 4 printing density, anything else user defined.
   int transferChoice = -1;
+  // A DPX transfer code named in words ("transfer=printing-density"); wins over the choice.
+  int transferCode = -1;
   // Big-endian ("SDPX") is what most writers produce and every reader takes, so it is the
   // default; little-endian is there for tools that want native order on x86.
   bool bigEndian = true;

@@ -16,6 +16,7 @@
 #include "base/worker_pool.h"
 #include "still/dpx/dpx_format.h"
 #include "still/dpx/dpx_header.h"
+#include "still/dpx/dpx_metadata.h"
 #include "still/dpx/dpx_pack.h"
 #include "vx/platform.h"
 
@@ -218,7 +219,7 @@ void FillHeader(std::uint8_t* h, const DpxOutputPlan& plan, const ElementLayout*
     }
     e[kElDescriptor] = plan.elements[i].descriptor;
     e[kElTransfer] = plan.transferCode;
-    e[kElColorimetric] = plan.transferCode;
+    e[kElColorimetric] = plan.colorimetricCode;
     e[kElBitSize] = static_cast<std::uint8_t>(plan.bits);
     Store16(e + kElPacking, static_cast<std::uint16_t>(plan.packing), big);
     Store16(e + kElEncoding, 0, big);
@@ -271,6 +272,7 @@ void FillHeader(std::uint8_t* h, const DpxOutputPlan& plan, const ElementLayout*
     for (std::uint32_t off = kOffGamma; off <= kOffWhiteLevel; off += 4) u32(off, kUndef32);
   }
   u32(kOffIntegrationTime, kUndef32);
+  ApplyDpxMetadata(info.metadata, h, big, plan.elementCount);
 }
 
 enum class Outcome { Ok, LutFailed, WriteFailed };
@@ -614,6 +616,15 @@ DpxOutputPlan PlanDpxOutput(const DpxExportSettings& settings, const DpxWriteInf
   plan.transferChoice =
       settings.transferChoice >= 0 ? settings.transferChoice : info.transferChoice;
   plan.transferCode = TransferCodeForChoice(plan.transferChoice);
+  if (settings.transferCode >= 0) {
+    plan.transferCode = static_cast<std::uint8_t>(settings.transferCode);
+  } else if (settings.transferChoice < 0 && info.transferCode >= 0) {
+    plan.transferCode = static_cast<std::uint8_t>(info.transferCode);
+  }
+  const bool keepColorimetric =
+      settings.transferCode < 0 && settings.transferChoice < 0 && info.colorimetricCode >= 0;
+  plan.colorimetricCode =
+      keepColorimetric ? static_cast<std::uint8_t>(info.colorimetricCode) : plan.transferCode;
   plan.bigEndian = settings.bigEndian;
   SetElements(layout, &plan);
   return plan;

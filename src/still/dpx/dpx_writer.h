@@ -22,6 +22,12 @@ struct DpxWriteInfo {
   // largest code value (1.0 for float).
   VxLevelSet levels{2.2222223, 0.0, 4.5, 0.018, -1.0};
   int transferChoice = 0;  // used when the export settings keep the transfer choice
+  // The source's exact DPX codes (-1 unknown); they win over transferChoice when the settings
+  // keep the transfer. The colorimetric code otherwise follows the transfer code.
+  int transferCode = -1;
+  int colorimetricCode = -1;
+  // Whatever else of the source the header can hold (names, film, television fields); may be null.
+  IVxMetadata* metadata = nullptr;
   // The source, for the settings' "keep" values. 0 / Keep / -1 when unknown: the depth then
   // follows the image's pixel format, the layout its alpha, the packing is Packed.
   std::uint32_t sourceBits = 0;
@@ -43,6 +49,7 @@ struct DpxOutputPlan {
   DpxLayout layout = DpxLayout::PackedRGB;
   int transferChoice = 0;
   std::uint8_t transferCode = 2;
+  std::uint8_t colorimetricCode = 2;
   bool bigEndian = true;
   std::uint32_t elementCount = 0;
   DpxElementPlan elements[4];
