@@ -240,6 +240,58 @@ TEST_F(Cache, GenericObjectFacade) {
   EXPECT_EQ(g->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
 }
 
+// While copies of other threads hold all 128 blocks, transfers that need another block go to the
+// file directly: no block in use is handed to another file, and no data is lost either way.
+TEST_F(Cache, EveryBlockInUseSendsTransfersStraightToTheFile) {
+  auto& cache = CacheManager();
+  const auto held = Pattern(128 * kBlock, 20);
+  auto a = OpenWith<CChunkFile>(dir_ / "held.bin", held, true);
+  for (std::uint64_t k = 0; k < 128; ++k) ASSERT_TRUE(cache.HoldBlock(a->Handle(), k * kBlock));
+  EXPECT_FALSE(cache.HoldBlock(a->Handle(), 128 * kBlock));
+  const std::uint64_t bypassed = cache.BypassCount();
+
+  constexpr int kThreads = 4;
+  std::vector<std::unique_ptr<CChunkFile>> files;
+  for (int t = 0; t < kThreads; ++t)
+    files.push_back(OpenWith<CChunkFile>(dir_ / ("by" + std::to_string(t)), {}, true));
+  std::vector<std::thread> workers;
+  for (int t = 0; t < kThreads; ++t) {
+    workers.emplace_back([&, t] {
+      CChunkFile& f = *files[t];
+      const auto d = Pattern(kBlock + 1000, 30 + t);
+      f.position = kBlock - 500;  // spans two blocks
+      std::uint32_t done = 0;
+      EXPECT_TRUE(f.Write(d.data(), static_cast<std::uint32_t>(d.size()), &done));
+      EXPECT_EQ(done, d.size());
+      std::vector<std::uint8_t> back(d.size() + 10, 0xEE);
+      EXPECT_TRUE(f.Read(back.data(), static_cast<std::uint32_t>(back.size()), &done));
+      EXPECT_EQ(done, d.size());  // the file ends where the write did: nothing padded
+      back.resize(d.size());
+      EXPECT_EQ(back, d);
+    });
+  }
+  for (auto& w : workers) w.join();
+  EXPECT_GE(cache.BypassCount(), bypassed + 2 * kThreads * 2);
+  for (std::uint64_t k = 0; k < 128; ++k) ASSERT_TRUE(cache.IsCached(a->Handle(), k * kBlock));
+  for (int t = 0; t < kThreads; ++t)
+    EXPECT_EQ(vxtest::ReadFile(dir_ / ("by" + std::to_string(t))).size(), 2 * kBlock + 500);
+
+  // One block let go is the one the next miss takes.
+  cache.LetGoBlock(a->Handle(), 7 * kBlock);
+  files[0]->position = 0;
+  EXPECT_EQ(files[0]->ReadByte(), 0);
+  EXPECT_TRUE(cache.IsCached(files[0]->Handle(), 0));
+  EXPECT_FALSE(cache.IsCached(a->Handle(), 7 * kBlock));
+  for (std::uint64_t k = 0; k < 128; ++k) {
+    if (k != 7) cache.LetGoBlock(a->Handle(), k * kBlock);
+  }
+  std::vector<std::uint8_t> back(held.size());
+  std::uint32_t done = 0;
+  a->position = 0;
+  ASSERT_TRUE(a->Read(back.data(), static_cast<std::uint32_t>(back.size()), &done));
+  EXPECT_EQ(back, held);
+}
+
 TEST_F(Cache, ThreadsOnTheirOwnFilesShareThePool) {
   constexpr int kThreads = 4;
   std::vector<std::vector<std::uint8_t>> expect(kThreads);
