@@ -5,6 +5,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "test_util.h"
 
@@ -70,14 +71,61 @@ TEST_F(VxHost, FirstRunRegistersAndListsTheCatalogue) {
   EXPECT_NE(r.out.find("\"export\": false", gif), std::string::npos);
 }
 
-TEST_F(VxHost, UnregisterEmptiesAndRegisterRefills) {
+// Rows in a `formats --json` answer.
+std::size_t JsonRows(const std::string& out) {
+  std::size_t rows = 0;
+  for (std::size_t at = out.find("\"clsid\""); at != std::string::npos;
+       at = out.find("\"clsid\"", at + 1))
+    ++rows;
+  return rows;
+}
+
+TEST_F(VxHost, RegistryFollowsRegisterUnregisterAndRepairsItself) {
   ASSERT_EQ(Host("register").code, 0);
   HostRun r = Host("unregister");
   EXPECT_EQ(r.code, 0) << r.err;
   r = Host("unregister");  // nothing left to remove: the failure is reported
   EXPECT_EQ(r.code, 1);
   EXPECT_EQ(CountLines(r.err), 1) << r.err;
-  EXPECT_EQ(Host("register").code, 0);
+  ASSERT_EQ(Host("register").code, 0);
+
+  // A row lost from the registry (edited by hand, or an older module's registration) comes back
+  // on the next run, and the rows people did not lose keep their place.
+  const auto path = dir / "registry.json";
+  auto doc = nlohmann::json::parse(std::ifstream(path));
+  auto& entries = doc["entries"];
+  ASSERT_EQ(entries[2]["name"], "TIFF");
+  entries.erase(2);
+  std::ofstream(path) << doc.dump(2);
+  r = Host("formats --json");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(JsonRows(r.out), 31u);
+  EXPECT_NE(r.out.find("\"TIFF\""), std::string::npos);
+  EXPECT_EQ(nlohmann::json::parse(std::ifstream(path))["entries"][0]["name"], "AVI");
+}
+
+// Hosts started at the same moment on a machine that never registered: each registers or waits
+// for another's registration, and none may list a half-registered module.
+TEST_F(VxHost, ConcurrentFirstRunsAllSeeTheWholeCatalogue) {
+  constexpr int kHosts = 8, kRounds = 5;
+  const std::string host = vxtest::Quote(vxtest::BinDir() / "vxhost");
+  for (int round = 0; round < kRounds; ++round) {
+    const auto registry = dir / ("registry" + std::to_string(round) + ".json");
+    std::string cmd = "cd " + vxtest::Quote(dir.path()) + " && for i in";
+    for (int i = 0; i < kHosts; ++i) cmd += " " + std::to_string(i);
+    cmd += "; do (VXHOST_REGISTRY=" + vxtest::Quote(registry) + " " + host +
+           " formats --json > out$i 2> err$i; echo $? > rc$i) & done; wait";
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    for (int i = 0; i < kHosts; ++i) {
+      auto text = [&](const char* stem) {
+        const auto bytes = vxtest::ReadFile(dir / (stem + std::to_string(i)));
+        return std::string(bytes.begin(), bytes.end());
+      };
+      SCOPED_TRACE("round " + std::to_string(round) + ", host " + std::to_string(i));
+      EXPECT_EQ(text("rc"), "0\n") << text("err");
+      EXPECT_EQ(JsonRows(text("out")), 31u);
+    }
+  }
 }
 
 TEST_F(VxHost, BadModuleIsReported) {

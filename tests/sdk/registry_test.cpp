@@ -223,6 +223,60 @@ TEST(Registry, PathFollowsEnvironment) {
 #endif
 }
 
+// A batch is saved in one piece when it ends, or not at all; until then readers see the old file.
+TEST(Registry, BatchIsSavedWholeOrNotAtAll) {
+  sdktest::ScopedRegistry reg;
+  ASSERT_EQ(RegisterParser(1, "Before", {VXT("pre")}), S_OK);
+  const std::string before = Slurp(reg.path());
+  EXPECT_EQ(VxEndRegistration(TRUE), E_UNEXPECTED);
+
+  ASSERT_EQ(VxBeginRegistration(), S_OK);
+  EXPECT_EQ(VxBeginRegistration(), E_UNEXPECTED);
+  ASSERT_EQ(RegisterParser(2, "Two", {VXT("two")}), S_OK);
+  ASSERT_EQ(CBRegisterCOMObject(Id(3), Self(), VXT("Three")), S_OK);
+  EXPECT_EQ(VxUnregisterFileParser(Id(1), Self()), S_OK);
+  EXPECT_EQ(Slurp(reg.path()), before);
+  ASSERT_EQ(VxEndRegistration(FALSE), S_OK);
+  EXPECT_EQ(Slurp(reg.path()), before);
+
+  ASSERT_EQ(VxBeginRegistration(), S_OK);
+  ASSERT_EQ(RegisterParser(2, "Two", {VXT("two")}), S_OK);
+  ASSERT_EQ(CBRegisterCOMObject(Id(3), Self(), VXT("Three")), S_OK);
+  EXPECT_EQ(vx::registry::List().size(), 1u);
+  ASSERT_EQ(VxEndRegistration(TRUE), S_OK);
+  const auto all = vx::registry::List();
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(all[2].name, "Three");
+}
+
+// The stamp a save leaves tells a host whether the registry still matches a module file.
+TEST(Registry, StaleForAModuleRebuiltOrMissingEntries) {
+  sdktest::ScopedRegistry reg;
+  const std::string module = vx::ToUtf8(vx::os::ModulePathOf(Self()));
+  EXPECT_FALSE(vx::registry::IsCurrent(module));  // never registered
+  ASSERT_EQ(RegisterParser(1, "One", {VXT("one")}), S_OK);
+  ASSERT_EQ(RegisterParser(2, "Two", {VXT("two")}), S_OK);
+  EXPECT_TRUE(vx::registry::IsCurrent(module));
+  EXPECT_FALSE(vx::registry::IsCurrent(module + ".other"));
+
+  auto doc = nlohmann::json::parse(Slurp(reg.path()));
+  auto edited = doc;
+  edited["entries"].erase(1);  // an entry lost
+  Spit(reg.path(), edited.dump());
+  EXPECT_FALSE(vx::registry::IsCurrent(module));
+  edited = doc;
+  edited["modules"][module]["modified"] =
+      edited["modules"][module]["modified"].get<std::int64_t>() - 1;
+  Spit(reg.path(), edited.dump());  // the file changed since it was registered
+  EXPECT_FALSE(vx::registry::IsCurrent(module));
+  Spit(reg.path(), doc.dump());
+  EXPECT_TRUE(vx::registry::IsCurrent(module));
+
+  EXPECT_EQ(VxUnregisterFileParser(Id(1), Self()), S_OK);
+  EXPECT_EQ(VxUnregisterFileParser(Id(2), Self()), S_OK);
+  EXPECT_FALSE(nlohmann::json::parse(Slurp(reg.path()))["modules"].contains(module));
+}
+
 TEST(Registry, TwoProcessesRegisteringAtOnceLoseNothing) {
   sdktest::ScopedRegistry reg;
   ASSERT_EQ(RegisterParser(1, "Before", {VXT("pre")}), S_OK);
