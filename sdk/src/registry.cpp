@@ -401,14 +401,19 @@ std::vector<Entry> List() {
 }
 
 bool IsCurrent(const std::string& modulePath) {
-  std::error_code ec;
-  std::filesystem::path p =
-      std::filesystem::weakly_canonical(sdk::ToPath(FromUtf8(modulePath)), ec);
-  if (ec) return false;
-  const std::string module = ToUtf8(sdk::FromPath(p));
   Contents contents;
   if (Load(Path(), &contents) != Loaded::Ok) return false;
+  // The registry holds the path the module's own handle resolved to; the caller may name the
+  // same file another way.
+  std::string module = modulePath;
   auto it = contents.modules.find(module);
+  if (it == contents.modules.end()) {
+    std::error_code ec;
+    const auto p = std::filesystem::weakly_canonical(sdk::ToPath(FromUtf8(modulePath)), ec);
+    if (ec) return false;
+    module = ToUtf8(sdk::FromPath(p));
+    it = contents.modules.find(module);
+  }
   Stamp now;
   if (it == contents.modules.end() || !StampOf(module, &now)) return false;
   const auto count = std::count_if(contents.entries.begin(), contents.entries.end(),
