@@ -77,29 +77,22 @@ TEST(SharedMemory, CreateThenOpenSeeTheSameBytes) {
   EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), 100, &d));
 }
 
-TEST(SharedMemory, RejectsAbsentOversizedAndBadNames) {
-  SharedMemory m;
-  EXPECT_FALSE(OpenSharedMemory(U(UniqueName("absent")).c_str(), 10, &m));
-  EXPECT_FALSE(CreateSharedMemory(VXT(""), 10, &m));
-  EXPECT_FALSE(CreateSharedMemory(U(UniqueName("zero")).c_str(), 0, &m));
-
-  const std::string name = UniqueName("small");
-  SharedMemory a, b;
-  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 10, &a));
-  EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), a.size + 1, &b));
-  CloseSharedMemory(&a);
-}
-
-TEST(SharedMemory, OpenWithoutSizeTakesWhateverExists) {
+// Sizes: an open without one takes the whole mapping, an open asking for more than there is
+// fails, and so do absent names, empty names and empty mappings.
+TEST(SharedMemory, SizesAndRefusals) {
   const std::string name = UniqueName("any");
-  SharedMemory a, b;
+  SharedMemory a, b, m;
   ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 3 * PageSize() + 1, &a));
   ASSERT_TRUE(OpenSharedMemory(U(name).c_str(), 0, &b));
   EXPECT_EQ(b.size, 4 * PageSize());
   static_cast<unsigned char*>(a.view)[a.size - 1] = 0x5A;  // last byte is shared too
   EXPECT_EQ(static_cast<unsigned char*>(b.view)[b.size - 1], 0x5A);
+  EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), a.size + 1, &m));
   CloseSharedMemory(&b);
   CloseSharedMemory(&a);
+  EXPECT_FALSE(OpenSharedMemory(U(UniqueName("absent")).c_str(), 10, &m));
+  EXPECT_FALSE(CreateSharedMemory(VXT(""), 10, &m));
+  EXPECT_FALSE(CreateSharedMemory(U(UniqueName("zero")).c_str(), 0, &m));
 }
 
 // Names the OS cannot take as they are (slashes, spaces, beyond its length limit) are mapped to
