@@ -99,9 +99,9 @@ std::unique_ptr<Module> LoadModule(const Options& options) {
 }
 
 bool EnsureRegistered(const Module& module) {
-  for (const auto& e : vx::registry::List()) {
-    if (e.kind == vx::registry::Kind::FileParser) return true;
-  }
+  if (vx::registry::IsCurrent(module.path())) return true;
+  // Several hosts starting at once may all get here: each registration is one transaction that
+  // puts the same rows in place, so every one of them then reads the whole catalogue.
   HRESULT hr = module.Register();
   if (FAILED(hr)) {
     std::fprintf(stderr, "%s: registration failed: %s\n", module.path().c_str(), Words(hr).c_str());

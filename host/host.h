@@ -109,8 +109,9 @@ class Module {
 // returns null when it cannot be loaded.
 std::unique_ptr<Module> LoadModule(const Options& options);
 
-// Registers the module when the registry knows no parser yet (a machine's first run).
-// False (with a message printed) when that registration fails.
+// Registers the module when the registry is not current for it: a machine's first run, a module
+// rebuilt since its registration, or entries of it gone from the registry. False (with a message
+// printed) when that registration fails.
 bool EnsureRegistered(const Module& module);
 
 // ---- Files ----------------------------------------------------------------------------------

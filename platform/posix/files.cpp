@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -126,6 +127,32 @@ bool IsDirectory(const VxChar* path) {
   if (!path || !*path) return false;
   struct stat st;
   return ::stat(detail::Native(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool ListFiles(const VxChar* folder, std::vector<VxString>* names) {
+  names->clear();
+  if (!folder || !*folder) return false;
+  std::string dir = detail::Native(folder);
+  DIR* d = ::opendir(dir.c_str());
+  if (!d) return false;
+  if (dir.back() != '/') dir += '/';
+  try {
+    while (const dirent* e = ::readdir(d)) {
+      const std::string name = e->d_name;
+      if (name == "." || name == "..") continue;
+      bool folderEntry = e->d_type == DT_DIR;
+      if (e->d_type == DT_UNKNOWN || e->d_type == DT_LNK) {
+        struct stat st;
+        folderEntry = ::stat((dir + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+      }
+      if (!folderEntry) names->push_back(FromUtf8(name));
+    }
+  } catch (...) {
+    ::closedir(d);
+    throw;
+  }
+  ::closedir(d);
+  return true;
 }
 
 bool Remove(const VxChar* path) {

@@ -109,6 +109,27 @@ bool IsDirectory(const VxChar* path) {
   return a != INVALID_FILE_ATTRIBUTES && (a & FILE_ATTRIBUTE_DIRECTORY);
 }
 
+bool ListFiles(const VxChar* folder, std::vector<VxString>* names) {
+  names->clear();
+  if (!folder || !*folder) return false;
+  std::wstring pattern(folder);
+  if (pattern.back() != L'\\' && pattern.back() != L'/') pattern += L'\\';
+  pattern += L'*';
+  WIN32_FIND_DATAW found;
+  HANDLE h = ::FindFirstFileW(pattern.c_str(), &found);
+  if (h == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+  try {
+    do {
+      if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names->push_back(found.cFileName);
+    } while (::FindNextFileW(h, &found));
+  } catch (...) {
+    ::FindClose(h);
+    throw;
+  }
+  ::FindClose(h);
+  return true;
+}
+
 bool Remove(const VxChar* path) {
   return path && *path && ::DeleteFileW(path);
 }

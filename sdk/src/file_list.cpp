@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <filesystem>
 #include <new>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "sdk_internal.h"
 #include "com_object.h"
+#include "vx/platform.h"
 #include "vx/sdk.h"
 
 namespace {
@@ -173,14 +172,11 @@ std::vector<FileList::Item> Expand(VxStringView name, const FrameField& f) {
   const VxStringView after = name.substr(f.pos + f.len);
 
   std::vector<FileList::Item> items;
-  std::error_code ec;
-  const std::filesystem::path dir =
-      folder.empty() ? std::filesystem::path(".") : vx::sdk::ToPath(folder);
-  std::filesystem::directory_iterator it(dir, ec), end;
-  for (; !ec && it != end; it.increment(ec)) {
-    std::error_code typeEc;
-    if (it->is_directory(typeEc)) continue;
-    const VxString file = vx::sdk::FromPath(it->path().filename());
+  std::vector<VxString> files;
+  // Not std::filesystem's iterator: it ends the process when an allocation fails inside it.
+  const VxString dir = folder.empty() ? VxString(VXT(".")) : VxString(folder);
+  if (!vx::os::ListFiles(dir.c_str(), &files)) files.clear();
+  for (const VxString& file : files) {
     const VxStringView v(file);
     if (v.size() <= before.size() + after.size()) continue;
     if (v.substr(0, before.size()) != before || v.substr(v.size() - after.size()) != after)

@@ -5,7 +5,10 @@
 #include <cctype>
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -109,6 +112,32 @@ bool FromJson(const json& j, Entry* e) {
 
 enum class Loaded { Missing, Ok, Corrupt };
 
+// What a module's last registration left: the module file as it was then, and how many entries
+// name it. A host compares both with what it finds to tell a stale registry.
+struct Stamp {
+  std::uint64_t size = 0;
+  std::int64_t modified = 0;  // file time, in the file system clock's ticks
+  std::uint32_t entries = 0;
+};
+using Stamps = std::map<std::string, Stamp>;
+
+struct Contents {
+  std::vector<Entry> entries;
+  Stamps modules;  // by module path
+};
+
+bool StampOf(const std::string& module, Stamp* out) {
+  std::error_code ec;
+  const std::filesystem::path p = sdk::ToPath(FromUtf8(module));
+  const std::uintmax_t size = std::filesystem::file_size(p, ec);
+  if (ec) return false;
+  const auto time = std::filesystem::last_write_time(p, ec);
+  if (ec) return false;
+  out->size = size;
+  out->modified = static_cast<std::int64_t>(time.time_since_epoch().count());
+  return true;
+}
+
 bool ReadWhole(const std::string& path, std::string* text) {
   const VxString wide = FromUtf8(path);
   os::FileHandle f = os::OpenRead(wide.c_str());
@@ -124,9 +153,26 @@ bool ReadWhole(const std::string& path, std::string* text) {
   return ok;
 }
 
+void LoadStamps(const json& doc, Stamps* out) {
+  auto it = doc.find("modules");
+  if (it == doc.end() || !it->is_object()) return;
+  for (const auto& [module, j] : it->items()) {
+    if (!j.is_object()) continue;
+    Stamp s;
+    const auto size = j.find("size"), modified = j.find("modified"), entries = j.find("entries");
+    if (size == j.end() || !size->is_number_unsigned() || modified == j.end() ||
+        !modified->is_number_integer() || entries == j.end() || !entries->is_number_unsigned())
+      continue;  // a stamp that cannot be read is a stale one
+    s.size = size->get<std::uint64_t>();
+    s.modified = modified->get<std::int64_t>();
+    s.entries = static_cast<std::uint32_t>(entries->get<std::uint64_t>());
+    (*out)[module] = s;
+  }
+}
+
 // `skipped` tells whether some entries could not be used (the file is then worth keeping).
-Loaded Load(const std::string& path, std::vector<Entry>* entries, bool* skipped = nullptr) {
-  entries->clear();
+Loaded Load(const std::string& path, Contents* out, bool* skipped = nullptr) {
+  *out = Contents();
   if (skipped) *skipped = false;
   const VxString wide = FromUtf8(path);
   if (!os::IsFile(wide.c_str())) return Loaded::Missing;
@@ -134,13 +180,14 @@ Loaded Load(const std::string& path, std::vector<Entry>* entries, bool* skipped 
   if (!ReadWhole(path, &text)) return Loaded::Corrupt;
   json doc = json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (doc.is_discarded() || !doc.is_object()) return Loaded::Corrupt;
+  LoadStamps(doc, &out->modules);
   auto it = doc.find("entries");
   if (it == doc.end()) return Loaded::Ok;
   if (!it->is_array()) return Loaded::Corrupt;
   for (const json& j : *it) {
     Entry e;
     if (FromJson(j, &e))
-      entries->push_back(std::move(e));
+      out->entries.push_back(std::move(e));
     else if (skipped)
       *skipped = true;
   }
@@ -161,12 +208,16 @@ bool WriteWhole(const std::string& path, std::string_view bytes) {
 
 // The new content goes to a private temporary file first: a crash at any point leaves either
 // the old registry or the new one, never a mixture.
-bool Save(const std::string& path, const std::vector<Entry>& entries) {
+bool Save(const std::string& path, const Contents& contents) {
   json doc = json::object();
   doc["version"] = 1;
   json list = json::array();
-  for (const Entry& e : entries) list.push_back(ToJson(e));
+  for (const Entry& e : contents.entries) list.push_back(ToJson(e));
   doc["entries"] = std::move(list);
+  json modules = json::object();
+  for (const auto& [module, s] : contents.modules)
+    modules[module] = {{"size", s.size}, {"modified", s.modified}, {"entries", s.entries}};
+  doc["modules"] = std::move(modules);
   const std::string text = doc.dump(2) + "\n";
   const std::string temp = path + ".tmp" + std::to_string(os::CurrentProcessId());
   const VxString wideTemp = FromUtf8(temp), wide = FromUtf8(path);
@@ -208,33 +259,90 @@ std::mutex& WriterMutex() {
   return m;
 }
 
-HRESULT Modify(const std::function<HRESULT(std::vector<Entry>&)>& change) {
-  const std::string path = Path();
-  std::error_code ec;
-  const std::filesystem::path parent = sdk::ToPath(FromUtf8(path)).parent_path();
-  if (!parent.empty()) std::filesystem::create_directories(parent, ec);
+// One read-modify-write of the registry under its lock. Every change goes through one: a single
+// register call makes its own, a registration batch keeps one open from begin to end.
+class Transaction {
+ public:
+  Transaction() = default;
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction() { Unlock(); }
 
-  std::lock_guard<std::mutex> guard(WriterMutex());
-  const VxString lockPath = FromUtf8(path + ".lock");
-  os::FileHandle lock = os::OpenReadWrite(lockPath.c_str());
-  if (lock == os::kNoFile) lock = os::Create(lockPath.c_str());
-  if (lock == os::kNoFile) return E_ACCESSDENIED;
-  if (!os::LockFile(lock)) {
-    os::Close(lock);
-    return E_ACCESSDENIED;
+  HRESULT Open() {
+    path_ = Path();
+    std::error_code ec;
+    const std::filesystem::path parent = sdk::ToPath(FromUtf8(path_)).parent_path();
+    if (!parent.empty()) std::filesystem::create_directories(parent, ec);
+    guard_ = std::unique_lock<std::mutex>(WriterMutex());
+    const VxString lockPath = FromUtf8(path_ + ".lock");
+    lock_ = os::OpenReadWrite(lockPath.c_str());
+    if (lock_ == os::kNoFile) lock_ = os::Create(lockPath.c_str());
+    if (lock_ == os::kNoFile || !os::LockFile(lock_)) {
+      Unlock();
+      return E_ACCESSDENIED;
+    }
+    bool skipped = false;
+    if (Load(path_, &contents_, &skipped) == Loaded::Corrupt) {
+      KeepBadCopy(path_);
+      contents_ = Contents();
+    } else if (skipped) {
+      KeepBadCopy(path_);
+    }
+    return S_OK;
   }
-  std::vector<Entry> entries;
-  bool skipped = false;
-  if (Load(path, &entries, &skipped) == Loaded::Corrupt) {
-    KeepBadCopy(path);
-    entries.clear();
-  } else if (skipped) {
-    KeepBadCopy(path);
+
+  std::vector<Entry>& entries() { return contents_.entries; }
+  // The module's stamp is renewed when the transaction is saved.
+  void Touch(const std::string& module) {
+    if (!module.empty()) touched_.insert(module);
   }
-  HRESULT hr = change(entries);
-  if (SUCCEEDED(hr) && !Save(path, entries)) hr = E_ACCESSDENIED;
-  os::UnlockFile(lock);
-  os::Close(lock);
+
+  HRESULT Commit() {
+    for (const std::string& module : touched_) {
+      const auto count = static_cast<std::uint32_t>(
+          std::count_if(contents_.entries.begin(), contents_.entries.end(),
+                        [&](const Entry& e) { return e.module == module; }));
+      Stamp s;
+      if (count > 0 && StampOf(module, &s)) {
+        s.entries = count;
+        contents_.modules[module] = s;
+      } else {
+        contents_.modules.erase(module);
+      }
+    }
+    const bool saved = Save(path_, contents_);
+    Unlock();
+    return saved ? S_OK : E_ACCESSDENIED;
+  }
+
+ private:
+  void Unlock() {
+    if (lock_ != os::kNoFile) {
+      os::UnlockFile(lock_);
+      os::Close(lock_);
+      lock_ = os::kNoFile;
+    }
+    if (guard_.owns_lock()) guard_.unlock();
+  }
+
+  std::string path_;
+  std::unique_lock<std::mutex> guard_;
+  os::FileHandle lock_ = os::kNoFile;
+  Contents contents_;
+  std::set<std::string> touched_;
+};
+
+// The batch this thread has open, if any.
+thread_local Transaction* t_batch = nullptr;
+
+HRESULT Modify(const std::function<HRESULT(Transaction&)>& change) {
+  if (t_batch) return change(*t_batch);
+  Transaction t;
+  if (HRESULT hr = t.Open(); FAILED(hr)) return hr;
+  HRESULT hr = change(t);
+  if (SUCCEEDED(hr)) {
+    if (HRESULT saved = t.Commit(); FAILED(saved)) hr = saved;
+  }
   return hr;
 }
 
@@ -244,23 +352,27 @@ std::string ModulePath(HINSTANCE module) {
 
 // Re-registering a class replaces its entry where it stands, so the order people see is stable.
 HRESULT Put(Entry entry) {
-  return Modify([&](std::vector<Entry>& entries) {
-    for (Entry& e : entries) {
+  return Modify([&](Transaction& t) {
+    t.Touch(entry.module);
+    for (Entry& e : t.entries()) {
       if (e.kind == entry.kind && e.clsid == entry.clsid) {
+        t.Touch(e.module);
         e = std::move(entry);
         return S_OK;
       }
     }
-    entries.push_back(std::move(entry));
+    t.entries().push_back(std::move(entry));
     return S_OK;
   });
 }
 
 HRESULT Drop(const GUID& clsid, Kind kind) {
-  return Modify([&](std::vector<Entry>& entries) {
+  return Modify([&](Transaction& t) {
+    std::vector<Entry>& entries = t.entries();
     auto it = std::find_if(entries.begin(), entries.end(),
                            [&](const Entry& e) { return e.kind == kind && e.clsid == clsid; });
     if (it == entries.end()) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
+    t.Touch(it->module);
     entries.erase(it);
     return S_OK;
   });
@@ -283,9 +395,31 @@ std::string Path() {
 }
 
 std::vector<Entry> List() {
-  std::vector<Entry> entries;
-  if (Load(Path(), &entries) != Loaded::Ok) entries.clear();
-  return entries;
+  Contents contents;
+  if (Load(Path(), &contents) != Loaded::Ok) return {};
+  return std::move(contents.entries);
+}
+
+bool IsCurrent(const std::string& modulePath) {
+  Contents contents;
+  if (Load(Path(), &contents) != Loaded::Ok) return false;
+  // The registry holds the path the module's own handle resolved to; the caller may name the
+  // same file another way.
+  std::string module = modulePath;
+  auto it = contents.modules.find(module);
+  if (it == contents.modules.end()) {
+    std::error_code ec;
+    const auto p = std::filesystem::weakly_canonical(sdk::ToPath(FromUtf8(modulePath)), ec);
+    if (ec) return false;
+    module = ToUtf8(sdk::FromPath(p));
+    it = contents.modules.find(module);
+  }
+  Stamp now;
+  if (it == contents.modules.end() || !StampOf(module, &now)) return false;
+  const auto count = std::count_if(contents.entries.begin(), contents.entries.end(),
+                                   [&](const Entry& e) { return e.module == module; });
+  return it->second.size == now.size && it->second.modified == now.modified &&
+         it->second.entries == static_cast<std::uint32_t>(count);
 }
 
 bool FindByClsid(const GUID& clsid, Entry* out, Kind kind) {
@@ -330,6 +464,23 @@ bool FindByExtension(std::string_view extension, Entry* out) {
 }  // namespace vx::registry
 
 using vx::registry::Entry;
+
+HRESULT VxBeginRegistration() {
+  using vx::registry::t_batch;
+  if (t_batch) return E_UNEXPECTED;
+  auto batch = std::make_unique<vx::registry::Transaction>();
+  if (HRESULT hr = batch->Open(); FAILED(hr)) return hr;
+  t_batch = batch.release();
+  return S_OK;
+}
+
+HRESULT VxEndRegistration(BOOL commit) {
+  using vx::registry::t_batch;
+  if (!t_batch) return E_UNEXPECTED;
+  std::unique_ptr<vx::registry::Transaction> batch(t_batch);
+  t_batch = nullptr;
+  return commit ? batch->Commit() : S_OK;
+}
 using vx::registry::Kind;
 
 HRESULT VxRegisterFileParser(const GUID& clsid, HINSTANCE module, const VxChar* displayName,

@@ -256,6 +256,11 @@ BOOL CChunkFile::WriteFourCC(std::uint32_t id) {
 }
 
 std::uint32_t CChunkFile::Descend(std::uint32_t* id) {
+  if (depth_ == kChunkStackDepth) {
+    // Deeper than any real file nests: end the walk here rather than lose the way back up.
+    if (id) *id = 0x20202020u;
+    return 0;
+  }
   std::uint32_t fourcc = ReadFourCC();
   if (id) *id = fourcc;
   std::uint32_t size = ReadLong();
@@ -267,8 +272,10 @@ void CChunkFile::Ascend() {
   position = PopEnd();
 }
 
-void CChunkFile::PushEnd(std::uint64_t end) {
-  if (depth_ < kChunkStackDepth) stack_[depth_++] = end;
+BOOL CChunkFile::PushEnd(std::uint64_t end) {
+  if (depth_ == kChunkStackDepth) return FALSE;
+  stack_[depth_++] = end;
+  return TRUE;
 }
 
 std::uint64_t CChunkFile::PopEnd() {
@@ -277,13 +284,19 @@ std::uint64_t CChunkFile::PopEnd() {
 }
 
 BOOL CChunkFile::CreateChunk(std::uint32_t id) {
-  WriteFourCC(id);
-  BOOL ok = WriteLong(0);
-  PushEnd(position);
-  return ok;
+  // A chunk that could never be closed is not started.
+  if (depth_ == kChunkStackDepth) return FALSE;
+  if (!WriteFourCC(id)) return FALSE;
+  if (!WriteLong(0)) return FALSE;
+  return PushEnd(position);
 }
 
 std::uint32_t CChunkFile::CloseChunk() {
+  // Nothing open, or an entry too early to have a size field before it: nothing is written and
+  // the position stays.
+  if (depth_ == 0 || stack_[depth_ - 1] < 8 || stack_[depth_ - 1] > position) {
+    return 0;
+  }
   std::uint64_t start = PopEnd();
   std::uint64_t size = position - start;
   std::uint32_t stored = size > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<std::uint32_t>(size);

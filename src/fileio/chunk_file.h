@@ -59,17 +59,20 @@ class CChunkFile {
 
   // Chunks: identifier, 32-bit size in the class's byte order, data, a pad byte after odd data.
   // Reads the header and pushes the chunk's (padded) end; returns the size. 0 ends a walk: the
-  // end of the file, or an empty chunk.
+  // end of the file, an empty chunk, or 64 chunks already open (then nothing is read).
   std::uint32_t Descend(std::uint32_t* id);
   // Pops the top end and moves there (the next sibling); 0 with an empty stack.
   void Ascend();
-  // Pushes past the 64th entry are dropped.
-  void PushEnd(std::uint64_t end);
+  // FALSE, pushing nothing, when 64 entries are on the stack.
+  BOOL PushEnd(std::uint64_t end);
   std::uint64_t PopEnd();  // 0 on an empty stack
-  // Writes the identifier and a placeholder size and pushes the first data byte's offset.
+  // Writes the identifier and a placeholder size and pushes the first data byte's offset. FALSE
+  // when a header byte could not be written or 64 chunks are open (then nothing is written).
   BOOL CreateChunk(std::uint32_t id);
   // Patches the size of the innermost created chunk (clamped to 32 bits), moves past its data
-  // and pads odd data with one zero byte. Returns the size, 0 when it could not be written.
+  // and pads odd data with one zero byte. Returns the size; 0 when it could not be written, and
+  // 0 without writing or moving when no chunk is open or the top entry cannot be a data start
+  // (before byte 8, or past the position).
   std::uint32_t CloseChunk();
   BOOL WriteFourCC(std::uint32_t id);
   std::uint32_t Depth() const { return depth_; }

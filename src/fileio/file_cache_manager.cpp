@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/guard.h"
 #include "base/module.h"
 
 namespace vx::fileio {
@@ -28,13 +29,26 @@ CVxFileCacheManager::~CVxFileCacheManager() {
 
 HRESULT STDMETHODCALLTYPE CVxFileCacheManager::QueryInterface(REFIID riid, void** ppv) {
   if (!ppv) return E_POINTER;
-  if (riid == IID_IUnknown || riid == IID_IVxGeneric) {
-    *ppv = static_cast<IVxGeneric*>(this);
-    AddRef();
+  return Guarded([&] {
+    if (riid == IID_IUnknown || riid == IID_IVxGeneric) {
+      *ppv = static_cast<IVxGeneric*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *ppv = nullptr;
+    return E_NOINTERFACE;
+  });
+}
+
+HRESULT STDMETHODCALLTYPE CVxFileCacheManager::Start() {
+  return Guarded([&] { return AllocatePool(); });
+}
+
+HRESULT STDMETHODCALLTYPE CVxFileCacheManager::Stop() {
+  return Guarded([&] {
+    FreePool();
     return S_OK;
-  }
-  *ppv = nullptr;
-  return E_NOINTERFACE;
+  });
 }
 
 ULONG STDMETHODCALLTYPE CVxFileCacheManager::AddRef() {
@@ -188,6 +202,7 @@ CacheBlock* CVxFileCacheManager::GetBlock(os::FileHandle file, std::uint64_t blo
     return hit;
   }
   std::uint8_t i = Victim();
+  if (i == kNil) return nullptr;
   CacheBlock* b = &Descriptors(pool_.load(std::memory_order_relaxed))[i];
   if (b->flags & kCacheBlockInUse) {
     if (b->flags & kCacheBlockDirty) WriteBack(b);
@@ -214,11 +229,22 @@ std::uint8_t CVxFileCacheManager::Victim() const {
   for (std::uint8_t i = tail_; i != kNil; i = prev_[i]) {
     if (pins_[i].load(std::memory_order_acquire) == 0) return i;
   }
-  return tail_;  // every block mid-copy: more threads than blocks
+  return kNil;
 }
 
 void CVxFileCacheManager::Unpin(const CacheBlock* b) {
   pins_[IndexOf(b)].fetch_sub(1, std::memory_order_release);
+}
+
+// Every block is in use by a copy of another thread (more threads than blocks): the caller's
+// piece of this block goes to the file directly. The block is not cached, and as each file has
+// one thread at a time, no cached copy of it can appear meanwhile.
+std::uint32_t CVxFileCacheManager::Bypass(os::FileHandle file, std::uint64_t at, std::uint32_t n,
+                                          void* out, const void* in) {
+  bypasses_.fetch_add(1, std::memory_order_relaxed);
+  std::uint32_t got = 0;
+  const bool ok = in ? os::WriteAt(file, at, in, n, &got) : os::ReadAt(file, at, out, n, &got);
+  return ok ? std::min(got, n) : 0;
 }
 
 HRESULT CVxFileCacheManager::Read(os::FileHandle file, std::uint64_t position, std::uint32_t count,
@@ -231,16 +257,29 @@ HRESULT CVxFileCacheManager::Read(os::FileHandle file, std::uint64_t position, s
   std::uint32_t offset = static_cast<std::uint32_t>(position) & (kCacheBlockSize - 1);
   std::uint32_t remaining = count;
   while (remaining > 0) {
-    const std::uint8_t* data;
-    std::uint32_t valid;
+    const std::uint8_t* data = nullptr;
+    std::uint32_t valid = 0;
     CacheBlock* b;
     {
       os::Lock hold(lock_);
+      if (!pool_.load(std::memory_order_relaxed) && !AllocateLocked()) break;
       b = GetBlock(file, block);
-      if (!b) break;
-      data = b->data;
-      valid = b->valid;
-      if (valid > offset) pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
+      if (b) {
+        data = b->data;
+        valid = b->valid;
+        if (valid > offset) pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
+      }
+    }
+    if (!b) {
+      const std::uint32_t want = std::min(kCacheBlockSize - offset, remaining);
+      const std::uint32_t got = Bypass(file, block + offset, want, out + moved, nullptr);
+      moved += got;
+      remaining -= got;
+      if (done) *done = moved;
+      if (got < want) break;
+      block += kCacheBlockSize;
+      offset = 0;
+      continue;
     }
     if (valid <= offset) break;
     std::uint32_t n = std::min(valid - offset, remaining);
@@ -268,20 +307,26 @@ HRESULT CVxFileCacheManager::Write(os::FileHandle file, std::uint64_t position, 
   std::uint32_t offset = static_cast<std::uint32_t>(position) & (kCacheBlockSize - 1);
   std::uint32_t remaining = count;
   while (remaining > 0) {
-    std::uint8_t* data;
+    std::uint8_t* data = nullptr;
     std::uint32_t n = std::min(kCacheBlockSize - offset, remaining);
     CacheBlock* b;
     {
       os::Lock hold(lock_);
+      if (!pool_.load(std::memory_order_relaxed) && !AllocateLocked()) break;
       b = GetBlock(file, block);
-      if (!b) break;
-      b->flags |= kCacheBlockDirty;
-      b->valid = std::max(b->valid, offset + n);
-      data = b->data;
-      pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
+      if (b) {
+        b->flags |= kCacheBlockDirty;
+        b->valid = std::max(b->valid, offset + n);
+        data = b->data;
+        pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
+      }
     }
-    std::memcpy(data + offset, in + moved, n);
-    Unpin(b);
+    if (b) {
+      std::memcpy(data + offset, in + moved, n);
+      Unpin(b);
+    } else if (Bypass(file, block + offset, n, nullptr, in + moved) != n) {
+      break;
+    }
     moved += n;
     remaining -= n;
     if (done) *done = moved;
@@ -289,6 +334,22 @@ HRESULT CVxFileCacheManager::Write(os::FileHandle file, std::uint64_t position, 
     offset = 0;
   }
   return S_OK;
+}
+
+bool CVxFileCacheManager::HoldBlock(os::FileHandle file, std::uint64_t position) {
+  os::Lock hold(lock_);
+  CacheBlock* b = GetBlock(file, position & ~static_cast<std::uint64_t>(kCacheBlockSize - 1));
+  if (!b) return false;
+  pins_[IndexOf(b)].fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
+void CVxFileCacheManager::LetGoBlock(os::FileHandle file, std::uint64_t position) {
+  os::Lock hold(lock_);
+  if (!pool_.load(std::memory_order_relaxed)) return;
+  if (CacheBlock* b = Find(position & ~static_cast<std::uint64_t>(kCacheBlockSize - 1),
+                           static_cast<std::uint64_t>(file)))
+    Unpin(b);
 }
 
 void CVxFileCacheManager::FlushFile(os::FileHandle file) {

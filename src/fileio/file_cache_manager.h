@@ -46,11 +46,8 @@ class CVxFileCacheManager : public IVxGeneric {
   ULONG STDMETHODCALLTYPE AddRef() override;
   ULONG STDMETHODCALLTYPE Release() override;
   // The generic-object start and stop are the pool's allocation and release.
-  HRESULT STDMETHODCALLTYPE Start() override { return AllocatePool(); }
-  HRESULT STDMETHODCALLTYPE Stop() override {
-    FreePool();
-    return S_OK;
-  }
+  HRESULT STDMETHODCALLTYPE Start() override;
+  HRESULT STDMETHODCALLTYPE Stop() override;
   virtual ~CVxFileCacheManager();
 
   // S_FALSE when the pool exists already, S_OK once allocated, E_FAIL when memory ran out.
@@ -59,6 +56,8 @@ class CVxFileCacheManager : public IVxGeneric {
   void FreePool();
 
   // Both return S_OK; *done tells how much moved. A read stops at the end of the cached data.
+  // When a block is needed and all 128 are in use by copies of other threads, that block's
+  // piece of the transfer goes straight to the file, uncached (exactly the bytes asked for).
   HRESULT Read(os::FileHandle file, std::uint64_t position, std::uint32_t count,
                std::uint32_t* done, void* buffer);
   HRESULT Write(os::FileHandle file, std::uint64_t position, std::uint32_t count,
@@ -73,6 +72,12 @@ class CVxFileCacheManager : public IVxGeneric {
   bool HasPool();
   std::int32_t RefCount() { return os::AtomicLoad(&refs_); }
   std::uint64_t EvictionCount() { return evictions_.load(std::memory_order_relaxed); }
+  // Pieces that went straight to the file because every block was in use.
+  std::uint64_t BypassCount() { return bypasses_.load(std::memory_order_relaxed); }
+  // For tests: keeps the block of `file` holding `position` in use, as a copy in progress does
+  // (false when every block is in use already), and lets it go again.
+  bool HoldBlock(os::FileHandle file, std::uint64_t position);
+  void LetGoBlock(os::FileHandle file, std::uint64_t position);
 
  private:
   static constexpr std::uint32_t kBuckets = 257;
@@ -82,8 +87,12 @@ class CVxFileCacheManager : public IVxGeneric {
   std::uint8_t IndexOf(const CacheBlock* b) const;
   bool AllocateLocked();
   void FreeLocked();
+  // The block of (file, blockOffset), loaded into the least recently used block not in use; null
+  // when every block is in use (or there is no pool).
   CacheBlock* GetBlock(os::FileHandle file, std::uint64_t blockOffset);
-  std::uint8_t Victim() const;
+  std::uint8_t Victim() const;  // kNil when every block is in use
+  std::uint32_t Bypass(os::FileHandle file, std::uint64_t at, std::uint32_t n, void* out,
+                       const void* in);
   void Unpin(const CacheBlock* b);
   CacheBlock* Find(std::uint64_t offset, std::uint64_t file);
   void MapInsert(std::uint8_t i);
@@ -111,6 +120,7 @@ class CVxFileCacheManager : public IVxGeneric {
   std::atomic<std::uint8_t*> pool_{nullptr};
   volatile std::int32_t refs_ = 0;
   std::atomic<std::uint64_t> evictions_{0};  // blocks of a file reused for another
+  std::atomic<std::uint64_t> bypasses_{0};
 };
 
 // The module's single cache manager (no reference added). The class factory hands this out for

@@ -2,8 +2,9 @@
 
 #include <new>
 
-#include "frame/catalogue.h"
+#include "base/guard.h"
 #include "base/module.h"
+#include "frame/catalogue.h"
 #include "vx/platform.h"
 #include "vx/sdk.h"
 
@@ -18,7 +19,25 @@ void ProcessAttach(HINSTANCE instance) {
 
 // ---- Registration ---------------------------------------------------------------------------
 
-HRESULT RegisterServer() {
+namespace {
+
+// Runs `body` inside one registry batch: a host reading the registry meanwhile sees the module
+// registered wholly or not at all. Only a body that succeeds is saved.
+template <class Body>
+HRESULT InOneBatch(Body&& body) {
+  if (HRESULT hr = VxBeginRegistration(); FAILED(hr)) return hr;
+  HRESULT hr;
+  try {
+    hr = body();
+  } catch (...) {
+    VxEndRegistration(FALSE);
+    throw;
+  }
+  HRESULT ended = VxEndRegistration(SUCCEEDED(hr) ? TRUE : FALSE);
+  return FAILED(hr) ? hr : ended;
+}
+
+HRESULT RegisterAll() {
   HINSTANCE module = module::Instance();
   HRESULT hr = S_OK;
   for (const CatalogueRow& row : Catalogue()) {
@@ -37,11 +56,11 @@ HRESULT RegisterServer() {
   return hr;
 }
 
-HRESULT UnregisterServer() {
+// Undoes what it can and reports the last failure; the removals that worked are saved.
+HRESULT UnregisterAll(HRESULT* last) {
   HINSTANCE module = module::Instance();
-  HRESULT last = S_OK;
-  auto note = [&last](HRESULT hr) {
-    if (FAILED(hr)) last = hr;
+  auto note = [last](HRESULT hr) {
+    if (FAILED(hr)) *last = hr;
   };
   auto rows = Catalogue();
   for (int number : UnregistrationOrder()) {
@@ -53,7 +72,21 @@ HRESULT UnregisterServer() {
       note(VxUnRegisterGenericObj(object.clsid, module));
     }
   }
-  return last;
+  return S_OK;
+}
+
+}  // namespace
+
+HRESULT RegisterServer() {
+  return Guarded([] { return InOneBatch(RegisterAll); });
+}
+
+HRESULT UnregisterServer() {
+  return Guarded([] {
+    HRESULT last = S_OK;
+    if (HRESULT hr = InOneBatch([&] { return UnregisterAll(&last); }); FAILED(hr)) return hr;
+    return last;
+  });
 }
 
 // ---- Class objects --------------------------------------------------------------------------
@@ -61,16 +94,17 @@ HRESULT UnregisterServer() {
 HRESULT GetClassObject(REFCLSID clsid, REFIID riid, void** ppv) {
   if (!ppv) return E_POINTER;
   *ppv = nullptr;
-  if (!FindRow(clsid) && !FindObject(clsid)) return CLASS_E_CLASSNOTAVAILABLE;
-  auto* factory = new (std::nothrow) CClassFactory(clsid);
-  if (!factory) return E_OUTOFMEMORY;
-  HRESULT hr = factory->QueryInterface(riid, ppv);
-  factory->Release();
-  return hr;
+  return Guarded([&] {
+    if (!FindRow(clsid) && !FindObject(clsid)) return CLASS_E_CLASSNOTAVAILABLE;
+    auto* factory = new CClassFactory(clsid);
+    HRESULT hr = factory->QueryInterface(riid, ppv);
+    factory->Release();
+    return hr;
+  });
 }
 
 HRESULT CanUnloadNow() {
-  return module::ObjectCount() > 0 ? S_FALSE : S_OK;
+  return Guarded([] { return module::ObjectCount() > 0 ? S_FALSE : S_OK; });
 }
 
 CClassFactory::CClassFactory(const GUID& clsid) : clsid_(clsid) {
@@ -84,6 +118,10 @@ CClassFactory::~CClassFactory() {
 
 HRESULT CClassFactory::QueryInterface(REFIID riid, void** ppv) {
   if (!ppv) return E_INVALIDARG;
+  return Guarded([&] { return Query(riid, ppv); });
+}
+
+HRESULT CClassFactory::Query(REFIID riid, void** ppv) {
   if (riid == IID_IUnknown || riid == IID_IClassFactory) {
     *ppv = static_cast<IClassFactory*>(this);
     AddRef();
@@ -118,19 +156,24 @@ ULONG CClassFactory::Release() {
 }
 
 HRESULT CClassFactory::LockServer(BOOL lock) {
-  if (lock) {
-    module::AddObject();
-  } else {
-    module::RemoveObject();
-  }
-  return S_OK;
+  return Guarded([&] {
+    if (lock) {
+      module::AddObject();
+    } else {
+      module::RemoveObject();
+    }
+    return S_OK;
+  });
 }
 
 HRESULT CClassFactory::CreateInstance(IUnknown* outer, REFIID riid, void** ppv) {
   if (ppv) *ppv = nullptr;
   if (outer) return CLASS_E_NOAGGREGATION;
   if (!ppv) return E_POINTER;
+  return Guarded([&] { return Create(riid, ppv); });
+}
 
+HRESULT CClassFactory::Create(REFIID riid, void** ppv) {
   IUnknown* object = nullptr;
   Birth birth = Birth::Unreferenced;
   if (const CatalogueRow* row = FindRow(clsid_)) {

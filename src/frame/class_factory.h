@@ -20,6 +20,8 @@ class CClassFactory final : public IClassFactory {
 
  private:
   ~CClassFactory();
+  HRESULT Query(REFIID riid, void** ppv);
+  HRESULT Create(REFIID riid, void** ppv);
 
   GUID clsid_;
   IUnknown* marshaler_ = nullptr;  // free-threaded marshaler, made on first request

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "base/guard.h"
 #include "base/module.h"
 #include "vx/platform.h"
 
@@ -36,16 +37,18 @@ void CVxStillImageParser::ReleaseList() {
 
 HRESULT CVxStillImageParser::QueryInterface(REFIID riid, void** ppv) {
   if (!ppv) return E_POINTER;
-  if (riid == IID_IUnknown || riid == IID_IVxMediaFileParser) {
-    *ppv = static_cast<IVxMediaFileParser*>(this);
-  } else if (riid == IID_IVxImageStreamParser) {
-    *ppv = static_cast<IVxImageStreamParser*>(this);
-  } else {
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  AddRef();
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (riid == IID_IUnknown || riid == IID_IVxMediaFileParser) {
+      *ppv = static_cast<IVxMediaFileParser*>(this);
+    } else if (riid == IID_IVxImageStreamParser) {
+      *ppv = static_cast<IVxImageStreamParser*>(this);
+    } else {
+      *ppv = nullptr;
+      return E_NOINTERFACE;
+    }
+    AddRef();
+    return S_OK;
+  });
 }
 
 ULONG CVxStillImageParser::AddRef() {
@@ -66,38 +69,48 @@ HRESULT CVxStillImageParser::OpenEx(const VxChar* name, DWORD flags, DWORD /*res
 
 HRESULT CVxStillImageParser::Open(const VxChar* name, DWORD flags) {
   if (!name) return E_POINTER;
-  VxString opened(name);  // `name` may be our own current name
-  ReleaseList();
-  if (!(flags & VX_OPEN_NO_PATTERN)) {
+  return vx::Guarded([&]() -> HRESULT {
+    VxString opened(name);  // `name` may be our own current name
     IVxFileList* list = nullptr;
-    // A pattern that expands to nothing still opens: the format reports the missing file when
-    // it first reads.
-    if (SUCCEEDED(VxGetFileListFromPattern(opened.c_str(), &list)) && list) {
+    // A pattern that expands to nothing still opens: the format reports the missing file when it
+    // first reads. Running out of memory is no such case. Nothing changes before the new list is
+    // had, so a failure keeps the old state.
+    if (!(flags & VX_OPEN_NO_PATTERN)) {
+      const HRESULT hr = VxGetFileListFromPattern(opened.c_str(), &list);
+      if (hr == E_OUTOFMEMORY) return hr;
+      if (FAILED(hr)) list = nullptr;
+    }
+    ReleaseList();
+    if (list) {
       list_ = list;
       listFromPattern_ = true;
     }
-  }
-  name_ = std::move(opened);
-  flags_ = flags & ~kHostFlagMask;
-  return S_OK;
+    name_ = std::move(opened);
+    flags_ = flags & ~kHostFlagMask;
+    return S_OK;
+  });
 }
 
 HRESULT CVxStillImageParser::OpenFileList(IVxFileList* list, DWORD flags) {
   if (!list) return E_POINTER;
-  if (list != list_) {
-    list->AddRef();
-    ReleaseList();
-    list_ = list;
-  }
-  listFromPattern_ = false;
-  flags_ = flags & ~kHostFlagMask;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (list != list_) {
+      list->AddRef();
+      ReleaseList();
+      list_ = list;
+    }
+    listFromPattern_ = false;
+    flags_ = flags & ~kHostFlagMask;
+    return S_OK;
+  });
 }
 
 HRESULT CVxStillImageParser::Close() {
-  ReleaseList();
-  flags_ = 0;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    ReleaseList();
+    flags_ = 0;
+    return S_OK;
+  });
 }
 
 // ---- Queries --------------------------------------------------------------------------------
@@ -108,8 +121,10 @@ HRESULT CVxStillImageParser::Prepare(DWORD) {
 
 HRESULT CVxStillImageParser::HasStream(DWORD kind, BOOL* has) {
   if (!has) return E_POINTER;
-  *has = kind == VX_STREAM_PICTURE ? TRUE : FALSE;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    *has = kind == VX_STREAM_PICTURE ? TRUE : FALSE;
+    return S_OK;
+  });
 }
 
 HRESULT CVxStillImageParser::CheckPictureRecord(DWORD kind, const void* record) {
@@ -121,19 +136,21 @@ HRESULT CVxStillImageParser::CheckPictureRecord(DWORD kind, const void* record) 
 }
 
 HRESULT CVxStillImageParser::SetStreamFormat(DWORD kind, DWORD /*index*/, void* record) {
-  if (HRESULT hr = CheckPictureRecord(kind, record); FAILED(hr)) return hr;
-  // Read by offset: the host's record may not be aligned for a double.
-  const auto* bytes = static_cast<const unsigned char*>(record);
-  double aspect;
-  std::memcpy(&aspect, bytes + offsetof(tagVxImageStreamFormat, pixelAspect), sizeof aspect);
-  if (aspect > 0.0) {  // false for NaN too
-    aspect_ = aspect;
-    aspectImposed_ = true;
-  }
-  DWORD alpha;
-  std::memcpy(&alpha, bytes + offsetof(tagVxImageStreamFormat, hasAlpha), sizeof alpha);
-  alphaImposed_ = alpha != 0;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (HRESULT hr = CheckPictureRecord(kind, record); FAILED(hr)) return hr;
+    // Read by offset: the host's record may not be aligned for a double.
+    const auto* bytes = static_cast<const unsigned char*>(record);
+    double aspect;
+    std::memcpy(&aspect, bytes + offsetof(tagVxImageStreamFormat, pixelAspect), sizeof aspect);
+    if (aspect > 0.0) {  // false for NaN too
+      aspect_ = aspect;
+      aspectImposed_ = true;
+    }
+    DWORD alpha;
+    std::memcpy(&alpha, bytes + offsetof(tagVxImageStreamFormat, hasAlpha), sizeof alpha);
+    alphaImposed_ = alpha != 0;
+    return S_OK;
+  });
 }
 
 HRESULT CVxStillImageParser::GetStreamFormat(DWORD, DWORD, void*) {
@@ -141,11 +158,13 @@ HRESULT CVxStillImageParser::GetStreamFormat(DWORD, DWORD, void*) {
 }
 
 HRESULT CVxStillImageParser::GetStream(DWORD kind, DWORD index, REFIID riid, void** ppv) {
-  if (kind != VX_STREAM_PICTURE || index != 0) {
-    if (ppv) *ppv = nullptr;
-    return E_INVALIDARG;
-  }
-  return QueryInterface(riid, ppv);
+  return vx::Guarded([&]() -> HRESULT {
+    if (kind != VX_STREAM_PICTURE || index != 0) {
+      if (ppv) *ppv = nullptr;
+      return E_INVALIDARG;
+    }
+    return QueryInterface(riid, ppv);
+  });
 }
 
 HRESULT CVxStillImageParser::GetStreamCapabilities(DWORD, DWORD, DWORD*) {
@@ -186,9 +205,11 @@ HRESULT CVxStillImageParser::ImageOp7(void*) {
 }
 
 HRESULT CVxStillImageParser::SetFlag(DWORD which, DWORD value) {
-  if (which != 0) return E_NOTIMPL;
-  streamFlag_ = value != 0;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    if (which != 0) return E_NOTIMPL;
+    streamFlag_ = value != 0;
+    return S_OK;
+  });
 }
 
 // ---- Helpers for the formats ----------------------------------------------------------------

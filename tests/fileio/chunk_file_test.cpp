@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -151,11 +152,16 @@ TEST_P(ChunkIo, MachineOrderOnEveryWidth) {
     EXPECT_EQ(f.ReadWord(), 0x0102);
     EXPECT_EQ(f.ReadLong(), 0x03040506u);
     EXPECT_EQ(f.ReadQuad(), 0x0708090A0B0C0D0Eull);
+    f.position = 0;
+    ASSERT_TRUE(f.WriteFourCC(0x46464952u));  // first byte lowest: "RIFF"
+    f.position = 0;
+    EXPECT_EQ(f.ReadFourCC(), FourCC("RIFF"));
+    ASSERT_TRUE(f.WriteWord(0x0102));
   }
   auto bytes = vxtest::ReadFile(dir_ / "le.bin");
   bytes.resize(17);
-  EXPECT_EQ(bytes, Bytes({0x02, 0x01, 0x06, 0x05, 0x04, 0x03, 0x0E, 0x0D, 0x0C, 0x0B, 0x0A, 0x09,
-                          0x08, 0x07, 0x21, 0x22, 0x23}));
+  EXPECT_EQ(bytes, Bytes({'R', 'I', 'F', 'F', 0x02, 0x01, 0x0E, 0x0D, 0x0C, 0x0B, 0x0A, 0x09, 0x08,
+                          0x07, 0x21, 0x22, 0x23}));
 }
 
 TEST_P(ChunkIo, OddChunksArePaddedAndWalkedAsSiblings) {
@@ -232,13 +238,32 @@ TEST(ChunkStack, ReverseSizesAreBigEndian) {
   EXPECT_EQ(f->position, 14u);
 }
 
-TEST(ChunkStack, DeepNestingKeepsSixtyFourEntriesAndNoMore) {
-  CProxyChunkFile f(nullptr);
-  for (std::uint64_t i = 1; i <= 100; ++i) f.PushEnd(i * 10);
-  EXPECT_EQ(f.Depth(), 64u);
-  for (std::uint64_t i = 64; i >= 1; --i) EXPECT_EQ(f.PopEnd(), i * 10);
-  EXPECT_EQ(f.PopEnd(), 0u);
-  EXPECT_EQ(f.Depth(), 0u);
+// Nesting beyond 64 and closing what was never opened are refused where the caller sees it, with
+// nothing written and the position where it was.
+TEST(ChunkStack, OverflowAndUnderflowAreRefusedUntouched) {
+  vxtest::TempDir dir;
+  auto f = OpenWith<CChunkFile>(dir / "deep.bin", Bytes({'l', 'i', 's', 't', 4, 0, 0, 0}), false);
+  for (std::uint64_t i = 1; i <= 64; ++i) ASSERT_TRUE(f->PushEnd(i * 10));
+  EXPECT_FALSE(f->PushEnd(650));
+  EXPECT_FALSE(f->CreateChunk(FourCC("full")));
+  std::uint32_t id = 0;
+  EXPECT_EQ(f->Descend(&id), 0u);  // ends the walk instead of losing the way back up
+  EXPECT_EQ(f->position, 0u);
+  EXPECT_EQ(f->Depth(), 64u);
+  for (std::uint64_t i = 64; i >= 1; --i) ASSERT_EQ(f->PopEnd(), i * 10);
+  EXPECT_EQ(f->PopEnd(), 0u);
+
+  f->position = 3;
+  EXPECT_EQ(f->CloseChunk(), 0u);  // nothing open
+  f->PushEnd(2);                   // no room for a size field before it
+  EXPECT_EQ(f->CloseChunk(), 0u);
+  f->PopEnd();
+  f->PushEnd(8);  // a data start past the position
+  f->position = 7;
+  EXPECT_EQ(f->CloseChunk(), 0u);
+  EXPECT_EQ(f->position, 7u);
+  f.reset();
+  EXPECT_EQ(vxtest::ReadFile(dir / "deep.bin"), Bytes({'l', 'i', 's', 't', 4, 0, 0, 0}));
 }
 
 TEST(ChunkStack, CloseChunkClampsHugeSizes) {
@@ -253,67 +278,56 @@ TEST(ChunkStack, CloseChunkClampsHugeSizes) {
   EXPECT_EQ(f.ReadLong(), 0xFFFFFFFFu);
 }
 
-TEST(ChunkStack, CloseChunkWithoutCreateFailsCleanly) {
-  vxtest::TempDir dir;
-  CChunkFile f(NewFile(dir / "x.bin"), FALSE);
-  f.position = 3;
-  EXPECT_EQ(f.CloseChunk(), 0u);  // the size field would sit before the file's start
-}
-
 // ---- 80-bit extended ------------------------------------------------------------------------
 
-TEST(Extended, AiffRateBothWays) {
-  vxtest::TempDir dir;
-  const auto stored = Bytes({0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0});
-  auto f = OpenWith<CReverseChunkFile>(dir / "rate.bin", stored, false);
-  EXPECT_EQ(f->ReadExtended(), 44100.0);
-  EXPECT_EQ(f->position, 10u);
-  f->position = 10;
-  EXPECT_TRUE(f->WriteExtended(44100.0));
-  f->position = 10;
-  std::uint8_t back[10];
-  std::uint32_t done;
-  ASSERT_TRUE(f->Read(back, 10, &done));
-  EXPECT_EQ(std::vector<std::uint8_t>(back, back + 10), stored);
-}
-
-TEST(Extended, MachineOrderIsLowHighExponent) {
-  vxtest::TempDir dir;
-  auto f = OpenWith<CChunkFile>(dir / "le.bin", {}, false);
-  EXPECT_TRUE(f->WriteExtended(44100.0));
-  f->position = 0;
-  EXPECT_EQ(f->ReadExtended(), 44100.0);
-  f.reset();
-  EXPECT_EQ(vxtest::ReadFile(dir / "le.bin"), Bytes({0, 0, 0, 0, 0, 0, 0x44, 0xAC, 0x0E, 0x40}));
-}
-
-TEST(Extended, InfinitiesZerosAndNaN) {
-  vxtest::TempDir dir;
-  auto f = OpenWith<CReverseChunkFile>(
-      dir / "inf.bin", Bytes({0x7F, 0xFF, 0x80, 0, 0, 0,    0, 0, 0, 1, 0xFF, 0xFF, 0, 0, 0,
-                              0,    0,    0,    0, 0, 0x80, 0, 0, 0, 0, 0,    0,    0, 0, 0}),
-      false);
-  EXPECT_EQ(f->ReadExtended(), HUGE_VAL);
-  EXPECT_EQ(f->ReadExtended(), -HUGE_VAL);
-  double negZero = f->ReadExtended();
-  EXPECT_EQ(negZero, 0.0);
-  EXPECT_TRUE(std::signbit(negZero));
-
-  std::uint8_t b[10];
-  std::uint32_t done;
-  auto written = [&](double v) {
-    f->position = 100;
-    EXPECT_TRUE(f->WriteExtended(v));
-    f->position = 100;
-    EXPECT_TRUE(f->Read(b, 10, &done));
-    return std::vector<std::uint8_t>(b, b + 10);
+// The ten stored bytes of 80-bit values as AIFF keeps them (CReverseChunkFile); CChunkFile keeps
+// the same bytes in the opposite order (low half, high half, exponent, each little-endian).
+TEST(Extended, StoredBytesInBothOrders) {
+  struct Row {
+    double value;
+    std::vector<std::uint8_t> bigEndian;
+    bool readsBack;  // NaN is stored as infinity, -0 as +0
   };
-  EXPECT_EQ(written(-0.0), Bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(written(HUGE_VAL), Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(written(-HUGE_VAL), Bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(written(std::numeric_limits<double>::quiet_NaN()),
-            Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(written(1.0), Bytes({0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}));
+  const Row rows[] = {
+      {44100.0, Bytes({0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0}), true},
+      {1.0, Bytes({0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}), true},
+      {-2.5, Bytes({0xC0, 0x00, 0xA0, 0, 0, 0, 0, 0, 0, 0}), true},
+      {HUGE_VAL, Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}), true},
+      {-HUGE_VAL, Bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}), true},
+      {-0.0, Bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), false},
+      {std::numeric_limits<double>::quiet_NaN(), Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}),
+       false},
+  };
+  vxtest::TempDir dir;
+  for (bool reversed : {false, true}) {
+    std::unique_ptr<CChunkFile> f;
+    if (reversed)
+      f = OpenWith<CReverseChunkFile>(dir / "x.bin", {}, false);
+    else
+      f = OpenWith<CChunkFile>(dir / "x.bin", {}, false);
+    for (const Row& row : rows) {
+      SCOPED_TRACE(testing::Message() << row.value << (reversed ? " big-endian" : " machine"));
+      auto want = row.bigEndian;
+      if (!reversed) std::reverse(want.begin(), want.end());
+      f->position = 0;
+      ASSERT_TRUE(f->WriteExtended(row.value));
+      EXPECT_EQ(f->position, 10u);
+      std::uint8_t b[10];
+      std::uint32_t done = 0;
+      f->position = 0;
+      ASSERT_TRUE(f->Read(b, 10, &done));
+      EXPECT_EQ(std::vector<std::uint8_t>(b, b + 10), want);
+      if (row.readsBack) {
+        EXPECT_EQ(f->ReadExtended(), row.value);
+      }
+    }
+  }
+  // A set sign bit on zero reads as negative zero.
+  auto f =
+      OpenWith<CReverseChunkFile>(dir / "z.bin", Bytes({0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0}), false);
+  const double z = f->ReadExtended();
+  EXPECT_EQ(z, 0.0);
+  EXPECT_TRUE(std::signbit(z));
 }
 
 TEST(Extended, EveryDoubleSurvivesTheRoundTrip) {
@@ -325,16 +339,15 @@ TEST(Extended, EveryDoubleSurvivesTheRoundTrip) {
     } else {
       f = OpenWith<CChunkFile>(dir / "rt.bin", {}, false);
     }
-    const double values[] = {1.0,
-                             -2.5,
-                             48000.0,
+    using L = std::numeric_limits<double>;
+    const double values[] = {48000.0,
                              22050.0,
                              1.0 / 3.0,
                              -1e300,
-                             std::numeric_limits<double>::max(),
-                             std::numeric_limits<double>::min(),
-                             std::numeric_limits<double>::denorm_min(),
-                             -3 * std::numeric_limits<double>::denorm_min(),
+                             L::max(),
+                             L::min(),
+                             L::denorm_min(),
+                             -3 * L::denorm_min(),
                              123456789.123456789};
     for (double v : values) {
       f->position = 0;
@@ -346,12 +359,6 @@ TEST(Extended, EveryDoubleSurvivesTheRoundTrip) {
 }
 
 // ---- Strings ---------------------------------------------------------------------------------
-
-TEST(Strings, FourCCFirstByteIsLowest) {
-  vxtest::TempDir dir;
-  auto f = OpenWith<CReverseChunkFile>(dir / "r.bin", Bytes({'R', 'I', 'F', 'F'}), false);
-  EXPECT_EQ(f->ReadFourCC(), 0x46464952u);
-}
 
 TEST(Strings, CStringNeedsTerminatorWithin512Bytes) {
   vxtest::TempDir dir;
@@ -370,16 +377,13 @@ TEST(Strings, CStringNeedsTerminatorWithin512Bytes) {
 
   f->position = 600;  // nothing at all there
   EXPECT_EQ(f->ReadCString(), nullptr);
-}
 
-TEST(Strings, CStringRunningIntoEndOfFileIsNull) {
-  vxtest::TempDir dir;
-  auto f = OpenWith<CChunkFile>(dir / "s.bin", Bytes({'a', 'b', 0, 'c', 'd'}), false);
-  char* s = f->ReadCString();
+  f = OpenWith<CChunkFile>(dir / "t.bin", Bytes({'a', 'b', 0, 'c', 'd'}), false);
+  s = f->ReadCString();
   ASSERT_NE(s, nullptr);
   EXPECT_STREQ(s, "ab");
   delete[] s;
-  EXPECT_EQ(f->ReadCString(), nullptr);
+  EXPECT_EQ(f->ReadCString(), nullptr);  // the file ends before a terminator
   EXPECT_EQ(f->position, 3u);
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -120,6 +121,16 @@ TEST(Files, PathQueriesRemoveAndReplace) {
   EXPECT_FALSE(IsDirectory(Wide(dir / "a").c_str()));
   EXPECT_FALSE(IsFile(Wide(dir / "none").c_str()));
   EXPECT_FALSE(IsDirectory(Wide(dir / "none").c_str()));
+  // A folder's files, without its folders (with or without the trailing separator).
+  std::filesystem::create_directory(dir / "sub");
+  std::vector<VxString> names;
+  for (const VxString& folder : {Wide(dir.path()), Wide(dir.path()) + VXT("/")}) {
+    ASSERT_TRUE(ListFiles(folder.c_str(), &names));
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<VxString>{VXT("a"), VXT("b")}));
+  }
+  EXPECT_FALSE(ListFiles(Wide(dir / "none").c_str(), &names));
+  EXPECT_TRUE(names.empty());
 
   ASSERT_TRUE(Replace(Wide(dir / "b").c_str(), Wide(dir / "a").c_str()));
   EXPECT_FALSE(IsFile(Wide(dir / "b").c_str()));

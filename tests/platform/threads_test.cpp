@@ -102,6 +102,9 @@ TEST(Modules, LoadLookUpAndLocate) {
 TEST(Modules, MainProgramAndFailures) {
   static int inThisProgram = 0;
   EXPECT_EQ(ModulePathOf(&inThisProgram), ExecutablePath());
+  const std::filesystem::path exe = vx::ToUtf8(ExecutablePath());
+  EXPECT_TRUE(exe.is_absolute());
+  EXPECT_EQ(exe.stem(), "vx_tests_platform");
   EXPECT_TRUE(ModulePathOf(nullptr).empty());
   EXPECT_EQ(LoadModule(VXT("/nonexistent/libnothing.so")), nullptr);
   EXPECT_NE(LastModuleError().find("libnothing"), std::string::npos);

@@ -20,20 +20,6 @@ TEST(SysString, CopiesAndFrees) {
   VxSysFreeString(nullptr);
 }
 
-TEST(HostFlags, DefaultsAndSwitches) {
-  EXPECT_EQ(VxGetShowParserUI(), TRUE);
-  VxSetShowParserUI(FALSE);
-  EXPECT_EQ(VxGetShowParserUI(), FALSE);
-  VxSetShowParserUI(5);
-  EXPECT_EQ(VxGetShowParserUI(), TRUE);
-
-  EXPECT_EQ(VxHWIsVideoHALInstantiated(), FALSE);
-  VxSetVideoHALInstantiated(TRUE);
-  EXPECT_NE(VxHWIsVideoHALInstantiated(), FALSE);
-  VxSetVideoHALInstantiated(FALSE);
-  EXPECT_EQ(VxHWIsVideoHALInstantiated(), FALSE);
-}
-
 TEST(HostFlags, ProjectPropertiesAreAbsentUntilSet) {
   double v = -7.0;
   EXPECT_EQ(VxGetProjectProperty(VXT("Project Frame World Size (X)"), &v), FALSE);
@@ -47,8 +33,10 @@ TEST(HostFlags, ProjectPropertiesAreAbsentUntilSet) {
   EXPECT_EQ(VxGetProjectProperty(VXT("Project Field Dominance"), nullptr), FALSE);
 }
 
-#ifndef _WIN32
 TEST(MessageBox, DefaultWritesOneLineToStderrAndHandlersReplaceIt) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the default on Windows is a real message box";
+#endif
   testing::internal::CaptureStderr();
   VxMessageBox(VXT("Error Message"), VXT("Bad file \u00e9"));
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error Message: Bad file \xc3\xa9\n");
@@ -74,6 +62,5 @@ TEST(MessageBox, DefaultWritesOneLineToStderrAndHandlersReplaceIt) {
   VxMessageBox(VXT("A"), VXT("B"));
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "A: B\n");
 }
-#endif
 
 }  // namespace

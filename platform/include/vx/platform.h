@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "vx/vxchar.h"
 
@@ -30,6 +31,10 @@ bool Truncate(FileHandle f, std::uint64_t size);
 void Close(FileHandle f);
 bool IsFile(const VxChar* path);  // exists and is not a directory
 bool IsDirectory(const VxChar* path);
+// Names (not paths) of the entries of `folder` that are not folders themselves, in no particular
+// order; false when the folder cannot be read. Allocation failure throws bad_alloc, as any
+// container does: unlike std::filesystem's iterators it never ends the process.
+bool ListFiles(const VxChar* folder, std::vector<VxString>* names);
 bool Remove(const VxChar* path);
 // Atomically replaces `to` with `from` (both on one volume).
 bool Replace(const VxChar* from, const VxChar* to);

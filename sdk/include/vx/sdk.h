@@ -55,6 +55,13 @@ VXSDK_API HRESULT VxUnRegisterGenericObj(const GUID& clsid, HINSTANCE module);
 VXSDK_API HRESULT CBRegisterCOMObject(const GUID& clsid, HINSTANCE module, const VxChar* name);
 VXSDK_API HRESULT CBUnregisterCOMObject(const GUID& clsid);
 
+// A registration in one piece. Between the two calls this thread holds the registry's lock and
+// its register and unregister calls change a private copy; VxEndRegistration(TRUE) saves that
+// copy at once, FALSE drops it. Other threads and processes see all of the batch or none of it.
+// A second begin on the same thread gives E_UNEXPECTED, and so does an end without a begin.
+VXSDK_API HRESULT VxBeginRegistration();
+VXSDK_API HRESULT VxEndRegistration(BOOL commit);
+
 // Loads the registered module of `clsid`, creates the object through its class factory once per
 // process (calling Start then), and hands out a new reference to that one instance.
 VXSDK_API HRESULT VxQueryGenericObject(REFCLSID clsid, IVxGeneric** out);
@@ -88,6 +95,11 @@ VXSDK_API bool FindByClsid(const GUID& clsid, Entry* out, Kind kind);
 VXSDK_API bool FindByClsid(const GUID& clsid, Entry* out);
 // File parser for an extension, case-insensitive, with or without the dot.
 VXSDK_API bool FindByExtension(std::string_view extension, Entry* out);
+// Whether the registry is up to date for the module file at `modulePath`: every save stamps each
+// module it touched with the file's size and time and the number of entries naming it, and this
+// compares that stamp with the file and the entries as they are now. False for a module that was
+// never registered, was rebuilt since, or lost an entry.
+VXSDK_API bool IsCurrent(const std::string& modulePath);
 
 }  // namespace vx::registry
 
