@@ -193,6 +193,106 @@ TEST(DpxReadInterop, ImageMagickFiles) {
   }
 }
 
+// Lines that other writers end differently: oiiotool leaves 8-bit lines unpadded (31 x 3 bytes
+// of RGB is not a whole number of 32-bit words), FFmpeg pads 16-bit ones. A picture defined here
+// goes in as netpbm; our pixels must be what oiiotool itself reads back from its file (its own
+// netpbm reading of 16-bit values is off by one in places), and the defined values for FFmpeg.
+TEST(DpxReadInterop, OiiotoolAndFfmpegLineLengths) {
+  vxtest::TempDir dir;
+  struct Case {
+    bool oiio;  // else FFmpeg
+    int width, channels, bits;
+  } cases[] = {
+      {true, 31, 3, 8},  {true, 33, 3, 8}, {true, 29, 1, 8},  {true, 31, 4, 8},
+      {true, 31, 3, 16}, {true, 7, 1, 16}, {false, 31, 3, 8}, {false, 31, 3, 16},
+  };
+  const bool haveOiio = std::system("oiiotool --version > /dev/null 2>&1") == 0;
+  const bool haveFfmpeg = std::system("ffmpeg -version > /dev/null 2>&1") == 0;
+  if (!haveOiio && !haveFfmpeg) GTEST_SKIP() << "neither oiiotool nor ffmpeg is installed";
+  const int h = 5;
+  auto value = [](int bits, int x, int y, int c) {
+    return bits == 8 ? (x * 7 + y * 13 + c * 50) % 256 : (x * 2111 + y * 977 + c * 5003) % 65536;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.oiio ? "oiiotool " : "ffmpeg ") + std::to_string(c.width) + "x" +
+                 std::to_string(c.channels) + " " + std::to_string(c.bits) + " bit");
+    if (!(c.oiio ? haveOiio : haveFfmpeg)) continue;
+    // Colour (P6) and, for four channels, the alpha as a second grey file (P5).
+    auto netpbm = [&](const std::filesystem::path& p, int first, int count) {
+      const std::string head = (count == 1 ? "P5 " : "P6 ") + std::to_string(c.width) + " " +
+                               std::to_string(h) + (c.bits == 8 ? " 255\n" : " 65535\n");
+      std::vector<std::uint8_t> out(head.begin(), head.end());
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < c.width; ++x)
+          for (int k = first; k < first + count; ++k) {
+            const int v = value(c.bits, x, y, k);
+            if (c.bits == 16) out.push_back(static_cast<std::uint8_t>(v >> 8));
+            out.push_back(static_cast<std::uint8_t>(v));
+          }
+      vxtest::WriteFile(p, out);
+    };
+    const auto src = dir / "src.pnm", alpha = dir / "alpha.pgm", dpx = dir / "out.dpx";
+    std::filesystem::remove(dpx);
+    netpbm(src, 0, c.channels == 4 ? 3 : c.channels);
+    std::string cmd;
+    if (c.oiio) {
+      cmd = "oiiotool " + vxtest::Quote(src);
+      if (c.channels == 4) {
+        netpbm(alpha, 3, 1);
+        cmd += " " + vxtest::Quote(alpha) + " --chappend --chnames R,G,B,A";
+      }
+      cmd += std::string(" -d ") + (c.bits == 8 ? "uint8" : "uint16") + " -o " + vxtest::Quote(dpx);
+    } else {
+      cmd = "ffmpeg -loglevel error -y -i " + vxtest::Quote(src) + " -frames:v 1 -c:v dpx " +
+            vxtest::Quote(dpx);
+    }
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    // What oiiotool reads from the file it wrote: "    Pixel (x, y): v0 v1 ... (floats)".
+    std::vector<int> peer(std::size_t(c.width) * h * c.channels, -1);
+    if (c.oiio) {
+      const std::string dump = "oiiotool --dumpdata " + vxtest::Quote(dpx);
+      FILE* pipe = popen(dump.c_str(), "r");
+      ASSERT_NE(pipe, nullptr);
+      char line[512];
+      while (std::fgets(line, sizeof line, pipe)) {
+        int x, y, used = 0;
+        if (std::sscanf(line, " Pixel (%d, %d):%n", &x, &y, &used) != 2 || x < 0 || y < 0 ||
+            x >= c.width || y >= h)
+          continue;
+        const char* p = line + used;
+        for (int k = 0; k < c.channels; ++k) {
+          int n = 0;
+          if (std::sscanf(p, "%d%n", &peer[(std::size_t(y) * c.width + x) * c.channels + k], &n) !=
+              1)
+            break;
+          p += n;
+        }
+      }
+      pclose(pipe);
+    }
+
+    Parser parser;
+    ASSERT_EQ(parser.Open(dpx), S_OK);
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+    ASSERT_EQ(img.p->GetWidth(), c.width);
+    ASSERT_EQ(img.p->GetHeight(), h);
+    ASSERT_EQ(VxPixelFormatChannels(img.p->GetPixelFormat()), c.channels);
+    int bad = 0;
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < c.width; ++x)
+        for (int k = 0; k < c.channels; ++k) {
+          const int v = c.oiio ? peer[(std::size_t(y) * c.width + x) * c.channels + k]
+                               : value(c.bits, x, y, k);
+          const int want = c.bits == 8 ? v * 257 : v;
+          if (img.At16(x, y, k) != want && bad++ < 5)
+            ADD_FAILURE() << "at " << x << "," << y << " channel " << k << ": " << img.At16(x, y, k)
+                          << " vs " << want;
+        }
+    EXPECT_EQ(bad, 0);
+  }
+}
+
 // ---- Header faults through the parser -------------------------------------------------------
 
 TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
