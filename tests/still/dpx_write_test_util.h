@@ -65,6 +65,24 @@ inline IVxImage* MakeTestImage(std::uint32_t w, std::uint32_t h, std::uint32_t b
   return img;
 }
 
+// Bytes of one written line, worked out apart from the writer: 1 bit eight to a byte, 10 bits
+// three to a word (filled) or back to back in words (packed), 12 bits filled one to a 16-bit
+// word, 8-bit lines rounded up to a whole word.
+inline std::uint64_t WrittenLine(std::uint32_t bits, std::uint32_t packing, std::uint64_t samples) {
+  switch (bits) {
+    case 1:
+      return (samples + 7) / 8;
+    case 8:
+      return (samples + 3) / 4 * 4;
+    case 10:
+      return packing ? (samples + 2) / 3 * 4 : (samples * 10 + 31) / 32 * 4;
+    case 12:
+      return packing ? samples * 2 : (samples * 12 + 31) / 32 * 4;
+    default:
+      return samples * (bits / 8);
+  }
+}
+
 // One element of a written file, unpacked: `components` samples per pixel, row 0 on top.
 struct ElementSamples {
   std::uint32_t descriptor = 0;

@@ -1,6 +1,8 @@
 // DPX and Cineon header acceptance, slot rules, undefined fields and line sizes.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "dpx_read_test_util.h"
 #include "still/dpx/dpx_header.h"
 
@@ -67,71 +69,42 @@ TEST(DpxHeader, ReadsBothByteOrders) {
 }
 
 TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
-  struct Case {
+  using Tweak = std::function<void(DpxHeaderRecipe&)>;
+  const Tweak none = [](DpxHeaderRecipe&) {};
+  const struct {
     const char* what;
-    DpxHeaderRecipe recipe;
+    Tweak tweak;
     std::size_t size = 2048;
     const char* magic = nullptr;
+  } cases[] = {
+      {"bad magic", none, 2048, "SDPx"},
+      {"nine elements", [](auto& r) { r.elements = {El(50)}, r.elementCountOverride = 9; }},
+      {"duplicated red",
+       [](auto& r) {
+         r.elements = {El(1), El(1), El(2), El(3)};
+       }},
+      {"RGB plus a separate red",
+       [](auto& r) {
+         r.elements = {El(50), El(1)};
+       }},
+      {"missing blue",
+       [](auto& r) {
+         r.elements = {El(1), El(2)};
+       }},
+      {"two alphas",
+       [](auto& r) {
+         r.elements = {El(51), El(4)};
+       }},
+      {"orientation 8", [](auto& r) { r.orientation = 8; }},
+      {"no elements", [](auto& r) { r.elements = {}; }},
+      {"generic header cut", none, 1663},
+      {"film header cut", none, 1919},
+      {"television header cut", none, 2047},
   };
-  std::vector<Case> cases;
-  {
-    Case c{"bad magic", {}};
-    c.magic = "SDPx";
-    cases.push_back(c);
-  }
-  {
-    Case c{"nine elements", {}};
-    c.recipe.elements = {El(50)};
-    c.recipe.elementCountOverride = 9;
-    cases.push_back(c);
-  }
-  {
-    Case c{"duplicated red", {}};
-    c.recipe.elements = {El(1), El(1), El(2), El(3)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"RGB plus a separate red", {}};
-    c.recipe.elements = {El(50), El(1)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"missing blue", {}};
-    c.recipe.elements = {El(1), El(2)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"two alphas", {}};
-    c.recipe.elements = {El(51), El(4)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"orientation 8", {}};
-    c.recipe.orientation = 8;
-    cases.push_back(c);
-  }
-  {
-    Case c{"no elements", {}};
-    c.recipe.elements = {};
-    cases.push_back(c);
-  }
-  {
-    Case c{"generic header cut", {}};
-    c.size = 1663;
-    cases.push_back(c);
-  }
-  {
-    Case c{"film header cut", {}};
-    c.size = 1919;
-    cases.push_back(c);
-  }
-  {
-    Case c{"television header cut", {}};
-    c.size = 2047;
-    cases.push_back(c);
-  }
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader(c.recipe);
+  for (const auto& c : cases) {
+    DpxHeaderRecipe recipe;
+    c.tweak(recipe);
+    auto b = dpxtest::MakeDpxHeader(recipe);
     if (c.magic) b.Text(0, c.magic);
     DpxHeaderState s = Sentinel();
     EXPECT_FALSE(Parse(b, &s, c.size)) << c.what;
@@ -210,17 +183,15 @@ TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
 }
 
 TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
-  DpxHeaderRecipe recipe;
-  recipe.elements[0].eolPadding = 0x7FFFFFFF;
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[0].eolPadding, 0u);
-  recipe.elements[0].eolPadding = 0xFFFFFFFF;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[0].eolPadding, 0u);
-  recipe.elements[0].eolPadding = 0x7FFFFFFE;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[0].eolPadding, 0x7FFFFFFEu);
+  const std::pair<std::uint32_t, std::uint32_t> cases[] = {
+      {0x7FFFFFFF, 0}, {0xFFFFFFFF, 0}, {0x7FFFFFFE, 0x7FFFFFFE}};
+  for (const auto& [stored, read] : cases) {
+    DpxHeaderRecipe recipe;
+    recipe.elements[0].eolPadding = stored;
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
+    EXPECT_EQ(s.elements[0].eolPadding, read) << stored;
+  }
 }
 
 TEST(DpxHeader, EmptyElementOffsetFallsBackToImageOffset) {
@@ -455,6 +426,11 @@ TEST(CineonHeader, HeaderLengthRule) {
   EXPECT_FALSE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
   b.data.resize(2524);
   EXPECT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
+  // A length far past the 1024-byte generic header is a broken field: it does not size a read.
+  recipe.genericLength = 0x7FFFFFFF;
+  b = dpxtest::MakeCineonHeader(recipe);
+  EXPECT_EQ(CineonHeaderBytes(b.data.data(), b.data.size()), 0u);
+  EXPECT_FALSE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
 }
 
 TEST(DpxLineSize, DepthsAndPackings) {
