@@ -97,6 +97,10 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
        }},
       {"orientation 8", [](auto& r) { r.orientation = 8; }},
       {"no elements", [](auto& r) { r.elements = {}; }},
+      {"red skipped (64 bits)",
+       [](auto& r) {
+         r.elements = {El(1, 64, 0), El(2), El(3)};
+       }},
       {"generic header cut", none, 1663},
       {"film header cut", none, 1919},
       {"television header cut", none, 2047},
@@ -115,71 +119,70 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
   ExpectUntouched(s);
 }
 
-TEST(DpxHeader, AcceptsEightElementsAndOrientationSeven) {
-  DpxHeaderRecipe recipe;
-  recipe.orientation = 7;
-  // Eight elements, five of them of kinds the reader skips.
-  recipe.elements = {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.orientation, 7u);
-  EXPECT_EQ(s.elementCount, 3u);
-  EXPECT_TRUE(s.Planar());
-}
-
-TEST(DpxHeader, SkipsUnsupportedDepthAndPacking) {
-  DpxHeaderRecipe recipe;
-  // A 64-bit red and a packing-3 red are both skipped, so the RGB element stands alone.
-  recipe.elements = {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.maxBits, 12u);
-  EXPECT_EQ(s.elementCount, 1u);
-  EXPECT_EQ(s.elements[0].descriptor, 50u);
-  // Skipping can leave a channel missing.
-  recipe.elements = {El(1, 64, 0), El(2), El(3)};
-  EXPECT_FALSE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-}
-
-TEST(DpxHeader, LumaOnlyCountsAllColours) {
-  DpxHeaderRecipe recipe;
-  recipe.elements = {El(6, 16, 0)};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.redSeen, 1);
-  EXPECT_EQ(s.greenOrLumaSeen, 1);
-  EXPECT_EQ(s.blueSeen, 1);
-  EXPECT_EQ(s.elements[0].components, 1u);
-  EXPECT_FALSE(s.hasAlpha);
-}
-
-TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
-  DpxHeaderRecipe recipe;
+TEST(DpxHeader, ElementsToSlots) {
   Element alpha = El(4, 8, 0);
   alpha.offset = 9999;
-  recipe.elements = {El(53), alpha};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_TRUE(s.hasAlpha);
-  EXPECT_TRUE(s.reversedOrder);
-  // The alpha element follows the interleaved colour element in slot 1.
-  EXPECT_EQ(s.elements[1].descriptor, 4u);
-  EXPECT_EQ(s.elements[1].dataOffset, 9999u);
-  EXPECT_EQ(s.elements[3].dataOffset, 9999u);
-  ASSERT_NE(s.SeparateAlpha(), nullptr);
-
-  // Planar with alpha keeps green in slot 1.
-  recipe.elements = {El(1), El(2), El(3), alpha};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[1].descriptor, 2u);
-  EXPECT_EQ(s.elements[3].dataOffset, 9999u);
-
-  recipe.elements = {El(52)};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_TRUE(s.hasAlpha);
-  EXPECT_TRUE(s.reversedOrder);
-  EXPECT_EQ(s.elements[0].components, 4u);
-  EXPECT_EQ(s.SeparateAlpha(), nullptr);
+  const struct {
+    const char* what;
+    std::vector<Element> elements;
+    std::uint32_t accepted, maxBits, components0, slot1;  // slot1: descriptor in slot 1
+    bool alpha, reversed, planar, separateAlpha;
+  } cases[] = {
+      {"eight, five of kinds that are skipped",
+       {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)},
+       3,
+       10,
+       1,
+       2,
+       false,
+       false,
+       true,
+       false},
+      {"64-bit and packing-3 reds skipped",
+       {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)},
+       1,
+       12,
+       3,
+       0,
+       false,
+       false,
+       false,
+       false},
+      {"luma counts all colours", {El(6, 16, 0)}, 1, 16, 1, 0, false, false, false, false},
+      {"BGR, alpha follows in slot 1", {El(53), alpha}, 2, 10, 3, 4, true, true, false, true},
+      {"planar keeps green in slot 1",
+       {El(1), El(2), El(3), alpha},
+       4,
+       10,
+       1,
+       2,
+       true,
+       false,
+       true,
+       true},
+      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    DpxHeaderRecipe recipe;
+    recipe.orientation = 7;
+    recipe.elements = c.elements;
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
+    EXPECT_EQ(s.orientation, 7u);
+    EXPECT_EQ(s.elementCount, c.accepted);
+    EXPECT_EQ(s.maxBits, c.maxBits);
+    EXPECT_EQ(s.redSeen + s.greenOrLumaSeen + s.blueSeen, 3);
+    EXPECT_EQ(s.elements[0].components, c.components0);
+    EXPECT_EQ(s.elements[1].descriptor, c.slot1);
+    EXPECT_EQ(s.hasAlpha != 0, c.alpha);
+    EXPECT_EQ(s.reversedOrder != 0, c.reversed);
+    EXPECT_EQ(s.Planar(), c.planar);
+    EXPECT_EQ(s.SeparateAlpha() != nullptr, c.separateAlpha);
+    if (c.separateAlpha) {
+      EXPECT_EQ(s.elements[3].dataOffset, 9999u);
+    }
+  }
 }
 
 TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
