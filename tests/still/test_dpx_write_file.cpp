@@ -2,10 +2,12 @@
 // the reader's unpackers, and the header checked field by field at its offsets.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <cctype>
 #include <string>
+#include <thread>
 #include <tuple>
 
 #include "dpx_write_test_util.h"
@@ -139,40 +141,43 @@ TEST(DpxWrite, OneBitSourceKeepsOneBit) {
 }
 
 TEST(DpxWrite, KeepResolvesAgainstSourceAndImage) {
-  DpxWriteInfo info;
-  DpxOutputPlan plan = PlanDpxOutput({}, info, VX_PF_RGBA8);
-  EXPECT_EQ(plan.bits, 8u);
-  EXPECT_EQ(plan.layout, DpxLayout::PackedRGBA);
-  EXPECT_EQ(plan.packing, 0u);
-  EXPECT_TRUE(plan.bigEndian);
-  plan = PlanDpxOutput({}, info, VX_PF_RGBF32);
-  EXPECT_EQ(plan.bits, 32u);
-  EXPECT_EQ(plan.layout, DpxLayout::PackedRGB);
-  // Depths the writer has not got go to the next one that holds the values.
-  const std::pair<std::uint32_t, std::uint32_t> depths[] = {
-      {2, 8}, {11, 12}, {14, 16}, {24, 32}, {64, 32}};
-  for (const auto& [source, written] : depths) {
-    info.sourceBits = source;
-    EXPECT_EQ(PlanDpxOutput({}, info, VX_PF_RGB8).bits, written) << source;
+  const struct {
+    int depth;  // settings; 0 keeps
+    DpxLayout layout;
+    std::uint32_t sourceBits;  // write info; 0 when the source gave none
+    DpxLayout sourceLayout;
+    int sourcePacking;
+    VxPixelFormat format;
+    std::uint32_t bits, packing;
+    std::vector<std::uint8_t> descriptors;
+  } cases[] = {
+      {0, DpxLayout::Keep, 0, DpxLayout::Keep, -1, VX_PF_RGBA8, 8, 0, {51}},
+      {0, DpxLayout::Keep, 0, DpxLayout::Keep, -1, VX_PF_RGBF32, 32, 0, {50}},
+      // Depths the writer has not got go to the next one that holds the values.
+      {0, DpxLayout::Keep, 2, DpxLayout::Keep, -1, VX_PF_RGB8, 8, 0, {50}},
+      {0, DpxLayout::Keep, 11, DpxLayout::Keep, -1, VX_PF_RGB8, 12, 0, {50}},
+      {0, DpxLayout::Keep, 14, DpxLayout::Keep, -1, VX_PF_RGB8, 16, 0, {50}},
+      {0, DpxLayout::Keep, 24, DpxLayout::Keep, -1, VX_PF_RGB8, 32, 0, {50}},
+      {0, DpxLayout::Keep, 64, DpxLayout::Keep, -1, VX_PF_RGB8, 32, 0, {50}},
+      {0, DpxLayout::Keep, 12, DpxLayout::PackedABGR, 2, VX_PF_RGBA16, 12, 2, {52}},
+      {16, DpxLayout::RGBPlusAlpha, 12, DpxLayout::PackedABGR, 2, VX_PF_RGBA16, 16, 2, {50, 4}},
+  };
+  for (const auto& c : cases) {
+    DpxExportSettings settings;
+    settings.bitDepth = c.depth;
+    settings.layout = c.layout;
+    DpxWriteInfo info;
+    info.sourceBits = c.sourceBits;
+    info.sourceLayout = c.sourceLayout;
+    info.sourcePacking = c.sourcePacking;
+    const DpxOutputPlan plan = PlanDpxOutput(settings, info, c.format);
+    EXPECT_EQ(plan.bits, c.bits) << c.sourceBits;
+    EXPECT_EQ(plan.packing, c.packing) << c.sourceBits;
+    EXPECT_TRUE(plan.bigEndian);
+    ASSERT_EQ(plan.elementCount, c.descriptors.size()) << c.sourceBits;
+    for (std::size_t i = 0; i < c.descriptors.size(); ++i)
+      EXPECT_EQ(plan.elements[i].descriptor, c.descriptors[i]);
   }
-  info.sourceBits = 12;
-  info.sourceLayout = DpxLayout::PackedABGR;
-  info.sourcePacking = 2;
-  plan = PlanDpxOutput({}, info, VX_PF_RGBA16);
-  EXPECT_EQ(plan.bits, 12u);
-  EXPECT_EQ(plan.layout, DpxLayout::PackedABGR);
-  EXPECT_EQ(plan.packing, 2u);
-  ASSERT_EQ(plan.elementCount, 1u);
-  EXPECT_EQ(plan.elements[0].descriptor, kDescABGR);
-  DpxExportSettings settings;
-  settings.bitDepth = 16;
-  settings.layout = DpxLayout::RGBPlusAlpha;
-  settings.packing = 1;
-  plan = PlanDpxOutput(settings, info, VX_PF_RGBA16);
-  EXPECT_EQ(plan.bits, 16u);
-  ASSERT_EQ(plan.elementCount, 2u);
-  EXPECT_EQ(plan.elements[0].descriptor, kDescRGB);
-  EXPECT_EQ(plan.elements[1].descriptor, kDescAlpha);
 }
 
 TEST(DpxWrite, EightBitSourcesConvertExactly) {
@@ -216,12 +221,23 @@ TEST(DpxWrite, ReplacesAnOldFileWholeAndLeavesNoTemporary) {
   vxtest::WriteFile(dir / "out.dpx", std::vector<std::uint8_t>(100000, 0x5A));
   ImagePtr image(dpxtest::MakeTestImage(4, 4, 10));
   const auto file = WriteAndLoad(dir, image.get(), {});
-  EXPECT_EQ(file.size(), Load32(file.data() + kOffFileSize, true));
+  EXPECT_EQ(file.size(), Load32(file.data() + 16, true));
+  // Writers on several threads of one process, to one name: each temporary is its own, so
+  // every write succeeds and what is left is one whole file.
+  ImagePtr big(dpxtest::MakeTestImage(300, 200, 16));
+  const VxString path = vxtest::Wide(dir / "out.dpx");
+  std::atomic<int> failures{0};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 4; ++i)
+    writers.emplace_back([&] {
+      for (int k = 0; k < 5; ++k)
+        if (WriteDpxFile(path.c_str(), big.get(), {}, {}) != S_OK) ++failures;
+    });
+  for (auto& t : writers) t.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(std::filesystem::file_size(dir / "out.dpx"), 2048u + 300 * 200 * 8);
   int entries = 0;
-  for (const auto& e : std::filesystem::directory_iterator(dir.path())) {
-    (void)e;
-    ++entries;
-  }
+  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir.path())) ++entries;
   EXPECT_EQ(entries, 1);
 }
 
@@ -381,26 +397,27 @@ TEST_F(HeaderFixture, PixelAspectFractions) {
   EXPECT_EQ(v, 1u);
 }
 
-TEST_F(HeaderFixture, TelevisionInterlacedAndUnknownRate) {
-  info.frameRate = 25.0;
-  info.fieldMode = 1;
-  auto f = Write();
-  EXPECT_EQ(f[1928], 1);
-  EXPECT_EQ(f[1929], 1);
-  EXPECT_EQ(F32(f, 1936), 50.0f);
-  EXPECT_EQ(F32(f, 1940), 25.0f);
-  info.fieldMode = 0;
-  f = Write();
-  EXPECT_EQ(f[1928], 1);
-  EXPECT_EQ(f[1929], 2);
-  info.fieldMode = VX_FIELD_UNKNOWN;
-  info.frameRate = -1.0;
-  f = Write();
-  EXPECT_EQ(f[1928], 0);
-  EXPECT_EQ(f[1929], 0);
-  EXPECT_EQ(U32(f, 1920), 0xFFFFFFFFu);  // no time code
-  EXPECT_EQ(U32(f, 1936), 0xFFFFFFFFu);
-  EXPECT_EQ(U32(f, 1940), 0xFFFFFFFFu);
+TEST_F(HeaderFixture, TelevisionFieldsAndRates) {
+  const struct {
+    std::int32_t fieldMode;
+    double rate;
+    std::uint8_t interlace, field;
+    std::uint32_t vertical, temporal;  // float bits; 0xFFFFFFFF undefined
+  } cases[] = {
+      {1, 25.0, 1, 1, 0x42480000, 0x41C80000},  // 50 and 25: a field a line pair
+      {0, 25.0, 1, 2, 0x42480000, 0x41C80000},
+      {2, 24.0, 0, 0, 0x41C00000, 0x41C00000},
+      {VX_FIELD_UNKNOWN, -1.0, 0, 0, 0xFFFFFFFF, 0xFFFFFFFF},
+  };
+  for (const auto& c : cases) {
+    info.fieldMode = c.fieldMode;
+    info.frameRate = c.rate;
+    const auto f = Write();
+    EXPECT_EQ(f[1928], c.interlace) << c.fieldMode;
+    EXPECT_EQ(f[1929], c.field) << c.fieldMode;
+    EXPECT_EQ(U32(f, 1936), c.vertical) << c.fieldMode;
+    EXPECT_EQ(U32(f, 1940), c.temporal) << c.fieldMode;
+  }
 }
 
 TEST_F(HeaderFixture, ProjectFrameRateWins) {
