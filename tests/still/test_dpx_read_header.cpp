@@ -77,33 +77,19 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
     std::size_t size = 2048;
     const char* magic = nullptr;
   } cases[] = {
+      // clang-format off
       {"bad magic", none, 2048, "SDPx"},
       {"nine elements", [](auto& r) { r.elements = {El(50)}, r.elementCountOverride = 9; }},
-      {"duplicated red",
-       [](auto& r) {
-         r.elements = {El(1), El(1), El(2), El(3)};
-       }},
-      {"RGB plus a separate red",
-       [](auto& r) {
-         r.elements = {El(50), El(1)};
-       }},
-      {"missing blue",
-       [](auto& r) {
-         r.elements = {El(1), El(2)};
-       }},
-      {"two alphas",
-       [](auto& r) {
-         r.elements = {El(51), El(4)};
-       }},
+      {"duplicated red", [](auto& r) { r.elements = {El(1), El(1), El(2), El(3)}; }},
+      {"RGB plus a separate red", [](auto& r) { r.elements = {El(50), El(1)}; }},
+      {"missing blue", [](auto& r) { r.elements = {El(1), El(2)}; }},
+      {"two alphas", [](auto& r) { r.elements = {El(51), El(4)}; }},
       {"orientation 8", [](auto& r) { r.orientation = 8; }},
       {"no elements", [](auto& r) { r.elements = {}; }},
-      {"red skipped (64 bits)",
-       [](auto& r) {
-         r.elements = {El(1, 64, 0), El(2), El(3)};
-       }},
-      {"generic header cut", none, 1663},
-      {"film header cut", none, 1919},
-      {"television header cut", none, 2047},
+      {"red skipped (64 bits)", [](auto& r) { r.elements = {El(1, 64, 0), El(2), El(3)}; }},
+      {"generic header cut", none, 1663}, {"film header cut", none, 1919},
+      {"television header cut", none, 2047}
+      // clang-format on
   };
   for (const auto& c : cases) {
     DpxHeaderRecipe recipe;
@@ -160,8 +146,7 @@ TEST(DpxHeader, ElementsToSlots) {
        false,
        true,
        true},
-      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false},
-  };
+      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     DpxHeaderRecipe recipe;
@@ -363,9 +348,12 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
     std::uint32_t desc, components, packingCode, transfer;
     bool alpha;
     double white;
-  } ok[] = {{1, 10, 6, 6, 1, 2, 3, false, 1023.0},
-            {4, 10, 0, 51, 4, 0, 3, true, 1023.0},
-            {3, 8, 0, 50, 3, 0, 2, false, 255.0}};
+  } ok[] = {
+      // clang-format off
+      {1, 10, 6, 6, 1, 2, 3, false, 1023.0}, {4, 10, 0, 51, 4, 0, 3, true, 1023.0},
+      {3, 8, 0, 50, 3, 0, 2, false, 255.0}
+      // clang-format on
+  };
   for (auto c : ok) {
     dpxtest::CineonRecipe recipe;
     recipe.channels = c.channels;
@@ -441,15 +429,13 @@ TEST(DpxLineSize, DepthsAndPackings) {
     std::uint32_t bits, packing, width, components;
     bool flag;
     std::uint64_t bytes;
-  } cases[] = {
-      {1, 0, 7, 1, false, 1},    {1, 0, 17, 1, false, 3},        {1, 0, 17, 1, true, 4},
-      {8, 0, 7, 3, false, 24},   {8, 0, 7, 3, true, 21},         {8, 0, 4, 1, false, 4},
-      {10, 1, 16, 1, false, 24}, {10, 0, 16, 1, false, 20},      {10, 2, 7, 3, false, 28},
-      {10, 0, 1, 1, false, 4},   {10, 1, 4096, 3, false, 16384}, {12, 1, 3, 1, false, 6},
-      {12, 1, 3, 1, true, 8},    {12, 0, 3, 1, false, 8},        {12, 0, 8, 1, false, 12},
-      {16, 0, 7, 3, false, 42},  {16, 0, 7, 3, true, 44},        {32, 0, 5, 4, false, 80},
-      {64, 0, 2, 3, false, 48},  {11, 0, 5, 3, false, 0},
-  };
+  } cases[] = {{1, 0, 7, 1, false, 1},    {1, 0, 17, 1, false, 3},        {1, 0, 17, 1, true, 4},
+               {8, 0, 7, 3, false, 24},   {8, 0, 7, 3, true, 21},         {8, 0, 4, 1, false, 4},
+               {10, 1, 16, 1, false, 24}, {10, 0, 16, 1, false, 20},      {10, 2, 7, 3, false, 28},
+               {10, 0, 1, 1, false, 4},   {10, 1, 4096, 3, false, 16384}, {12, 1, 3, 1, false, 6},
+               {12, 1, 3, 1, true, 8},    {12, 0, 3, 1, false, 8},        {12, 0, 8, 1, false, 12},
+               {16, 0, 7, 3, false, 42},  {16, 0, 7, 3, true, 44},        {32, 0, 5, 4, false, 80},
+               {64, 0, 2, 3, false, 48},  {11, 0, 5, 3, false, 0}};
   for (auto c : cases) {
     EXPECT_EQ(DpxLineBytes(c.bits, c.packing, c.width, c.components, c.flag), c.bytes)
         << c.bits << " bits, packing " << c.packing << ", " << c.width << "x" << c.components;

@@ -131,21 +131,19 @@ TEST(DpxReadInterop, ImageMagickFiles) {
     // RGB elements of the same writer) put the first sample highest. The gray case is 6 wide so
     // that every word is whole.
     bool lumaWordsReversed = false;
-  } cases[] = {
-      {"-size 7x5 -seed 3 plasma:fractal", 8, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal", 10, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal", 12, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal", 16, "rgb", 3},
-      {"-size 5x3 -seed 4 plasma:fractal -endian LSB", 10, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
-       "copy_opacity -composite",
-       10, "rgba", 4, 65},
-      {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
-       "copy_opacity -composite",
-       16, "rgba", 4},
-      {"-size 6x5 -seed 3 plasma:fractal -colorspace gray", 10, "gray", 1, 1, true},
-      {"-size 7x5 -seed 3 plasma:fractal -colorspace gray", 8, "gray", 1},
-  };
+  } cases[] = {{"-size 7x5 -seed 3 plasma:fractal", 8, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal", 10, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal", 12, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal", 16, "rgb", 3},
+               {"-size 5x3 -seed 4 plasma:fractal -endian LSB", 10, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
+                "copy_opacity -composite",
+                10, "rgba", 4, 65},
+               {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
+                "copy_opacity -composite",
+                16, "rgba", 4},
+               {"-size 6x5 -seed 3 plasma:fractal -colorspace gray", 10, "gray", 1, 1, true},
+               {"-size 7x5 -seed 3 plasma:fractal -colorspace gray", 8, "gray", 1}};
   int n = 0;
   for (const Case& c : cases) {
     const auto dpx = dir / ("m" + std::to_string(n) + ".dpx");
@@ -203,10 +201,8 @@ TEST(DpxReadInterop, OiiotoolAndFfmpegLineLengths) {
   struct Case {
     bool oiio;  // else FFmpeg
     int width, channels, bits;
-  } cases[] = {
-      {true, 31, 3, 8},  {true, 33, 3, 8}, {true, 29, 1, 8},  {true, 31, 4, 8},
-      {true, 31, 3, 16}, {true, 7, 1, 16}, {false, 31, 3, 8}, {false, 31, 3, 16},
-  };
+  } cases[] = {{true, 31, 3, 8},  {true, 33, 3, 8}, {true, 29, 1, 8},  {true, 31, 4, 8},
+               {true, 31, 3, 16}, {true, 7, 1, 16}, {false, 31, 3, 8}, {false, 31, 3, 16}};
   const bool haveOiio = std::system("oiiotool --version > /dev/null 2>&1") == 0;
   const bool haveFfmpeg = std::system("ffmpeg -version > /dev/null 2>&1") == 0;
   if (!haveOiio && !haveFfmpeg) GTEST_SKIP() << "neither oiiotool nor ffmpeg is installed";
@@ -309,14 +305,12 @@ TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
     std::function<void(dpxtest::DpxHeaderRecipe&)> change;
     const char* magic = nullptr;
     std::size_t cut = 0;
-  } cases[] = {
-      {"magic", [](auto&) {}, "ABCD"},
-      {"no blue",
-       [](auto& s) {
-         s.elements = {{1}, {2}};
-       }},
-      {"film cut", [](auto&) {}, nullptr, 1800},
-  };
+  } cases[] = {{"magic", [](auto&) {}, "ABCD"},
+               {"no blue",
+                [](auto& s) {
+                  s.elements = {{1}, {2}};
+                }},
+               {"film cut", [](auto&) {}, nullptr, 1800}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     dpxtest::DpxHeaderRecipe recipe;
@@ -511,19 +505,17 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
     std::vector<Element> elements;
     const char* name;
     VxPixelFormat native;
-  } cases[] = {
-      {{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
-      {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
-      {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
-      {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
-      {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
-      {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
-      {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
-       "32 bit R+G+B+A",
-       VX_PF_RGBAF32},
-      {{el(6, 16, 2048)}, "16 bit Y", VX_PF_GRAY16},
-      {{el(50, 32, 2048)}, "32 bit RGB", VX_PF_RGBF32},
-  };
+  } cases[] = {{{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
+               {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
+               {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
+               {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
+               {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
+               {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
+               {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
+                "32 bit R+G+B+A",
+                VX_PF_RGBAF32},
+               {{el(6, 16, 2048)}, "16 bit Y", VX_PF_GRAY16},
+               {{el(50, 32, 2048)}, "32 bit RGB", VX_PF_RGBF32}};
   int n = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

@@ -90,14 +90,12 @@ TEST(DpxUnpack, KnownTenBitWords) {
     bool big;
     std::vector<std::uint8_t> bytes;
     std::vector<std::uint16_t> codes;
-  } cases[] = {
-      // Method A, big-endian: 1023 << 22 | 0 << 12 | 512 << 2.
-      {1, true, {0xFF, 0xC0, 0x08, 0x00}, {1023, 0, 512}},
-      // Method B, little-endian: 1 << 20 | 2 << 10 | 3.
-      {2, false, {0x03, 0x08, 0x10, 0x00}, {1, 2, 3}},
-      // Packed little-endian: four samples in five bytes, lowest bits first.
-      {0, false, {0x01, 0x08, 0x30, 0x00, 0xFF, 0, 0, 0}, {1, 2, 3, 1020}},
-  };
+  } cases[] = {// Method A, big-endian: 1023 << 22 | 0 << 12 | 512 << 2.
+               {1, true, {0xFF, 0xC0, 0x08, 0x00}, {1023, 0, 512}},
+               // Method B, little-endian: 1 << 20 | 2 << 10 | 3.
+               {2, false, {0x03, 0x08, 0x10, 0x00}, {1, 2, 3}},
+               // Packed little-endian: four samples in five bytes, lowest bits first.
+               {0, false, {0x01, 0x08, 0x30, 0x00, 0xFF, 0, 0, 0}, {1, 2, 3, 1020}}};
   for (const auto& c : cases) {
     const DpxSampleLayout l{10, c.packing, 1, c.big};
     std::vector<std::uint16_t> out(c.codes.size());

@@ -224,8 +224,7 @@ TEST(DpxReport, OddCodes) {
       {kOffOrientation, U16, 9, "  orientation: unknown\r\n"},
       {kOffOrientation, U16, 65535, "  orientation: undefined\r\n"},
       {kOffInterlace, U8, 0, "  interlace: progressive\r\n"},
-      {kOffVideoStandard, U8, 42, "  video signal standard: unknown (42)\r\n"},
-  };
+      {kOffVideoStandard, U8, 42, "  video signal standard: unknown (42)\r\n"}};
   for (const auto& c : cases) {
     Header h(false);
     if (c.kind == U8)

@@ -24,16 +24,14 @@ namespace {
 const struct {
   DpxLayout layout;
   std::vector<std::pair<std::uint8_t, const char*>> elements;
-} kLayouts[] = {
-    {DpxLayout::PackedRGBA, {{51, "RGBA"}}},
-    {DpxLayout::PlanarRGBA, {{1, "R"}, {2, "G"}, {3, "B"}, {4, "A"}}},
-    {DpxLayout::PackedABGR, {{52, "ABGR"}}},
-    {DpxLayout::RGBPlusAlpha, {{50, "RGB"}, {4, "A"}}},
-    {DpxLayout::BGRPlusAlpha, {{53, "BGR"}, {4, "A"}}},
-    {DpxLayout::PackedRGB, {{50, "RGB"}}},
-    {DpxLayout::PlanarRGB, {{1, "R"}, {2, "G"}, {3, "B"}}},
-    {DpxLayout::PackedBGR, {{53, "BGR"}}},
-};
+} kLayouts[] = {{DpxLayout::PackedRGBA, {{51, "RGBA"}}},
+                {DpxLayout::PlanarRGBA, {{1, "R"}, {2, "G"}, {3, "B"}, {4, "A"}}},
+                {DpxLayout::PackedABGR, {{52, "ABGR"}}},
+                {DpxLayout::RGBPlusAlpha, {{50, "RGB"}, {4, "A"}}},
+                {DpxLayout::BGRPlusAlpha, {{53, "BGR"}, {4, "A"}}},
+                {DpxLayout::PackedRGB, {{50, "RGB"}}},
+                {DpxLayout::PlanarRGB, {{1, "R"}, {2, "G"}, {3, "B"}}},
+                {DpxLayout::PackedBGR, {{53, "BGR"}}}};
 
 std::vector<std::uint8_t> WriteAndLoad(const vxtest::TempDir& dir, IVxImage* image,
                                        const DpxExportSettings& settings,
@@ -140,6 +138,7 @@ TEST(DpxWrite, OneBitSourceKeepsOneBit) {
     for (int x = 0; x < 9; ++x) EXPECT_EQ(el.codes[y * 9 + x], (x + y) % 3 == 0 ? 1u : 0u);
 }
 
+// Depths the writer has not got go to the next one that holds the values.
 TEST(DpxWrite, KeepResolvesAgainstSourceAndImage) {
   const struct {
     int depth;  // settings; 0 keeps
@@ -151,16 +150,17 @@ TEST(DpxWrite, KeepResolvesAgainstSourceAndImage) {
     std::uint32_t bits, packing;
     std::vector<std::uint8_t> descriptors;
   } cases[] = {
+      // clang-format off
       {0, DpxLayout::Keep, 0, DpxLayout::Keep, -1, VX_PF_RGBA8, 8, 0, {51}},
       {0, DpxLayout::Keep, 0, DpxLayout::Keep, -1, VX_PF_RGBF32, 32, 0, {50}},
-      // Depths the writer has not got go to the next one that holds the values.
       {0, DpxLayout::Keep, 2, DpxLayout::Keep, -1, VX_PF_RGB8, 8, 0, {50}},
       {0, DpxLayout::Keep, 11, DpxLayout::Keep, -1, VX_PF_RGB8, 12, 0, {50}},
       {0, DpxLayout::Keep, 14, DpxLayout::Keep, -1, VX_PF_RGB8, 16, 0, {50}},
       {0, DpxLayout::Keep, 24, DpxLayout::Keep, -1, VX_PF_RGB8, 32, 0, {50}},
       {0, DpxLayout::Keep, 64, DpxLayout::Keep, -1, VX_PF_RGB8, 32, 0, {50}},
       {0, DpxLayout::Keep, 12, DpxLayout::PackedABGR, 2, VX_PF_RGBA16, 12, 2, {52}},
-      {16, DpxLayout::RGBPlusAlpha, 12, DpxLayout::PackedABGR, 2, VX_PF_RGBA16, 16, 2, {50, 4}},
+      {16, DpxLayout::RGBPlusAlpha, 12, DpxLayout::PackedABGR, 2, VX_PF_RGBA16, 16, 2, {50, 4}}
+      // clang-format on
   };
   for (const auto& c : cases) {
     DpxExportSettings settings;
@@ -274,6 +274,10 @@ TEST_F(HeaderFixture, EveryFieldAtItsOffsetInBothOrders) {
   info.inputDevice = "Scanner 7";
   info.frameRate = 24.0;
   info.timeCode = 0x01020304;
+  // File information; element 0 (10-bit RGB, linear, reference codes 0 and 1023, the others
+  // clear); image source (positions undefined, texts, border, aspect and scanned size
+  // undefined); film (only the numeric fields, undefined); television, progressive at 24 fps
+  // (24.0f is 0x41C00000) with the levels undefined.
   enum Kind { Byte, Word, Long, Zeros, Ones, Text };
   const struct {
     std::uint32_t off;
@@ -281,57 +285,19 @@ TEST_F(HeaderFixture, EveryFieldAtItsOffsetInBothOrders) {
     std::uint32_t value;  // the end of a Zeros or Ones range
     const char* text = nullptr;
   } fields[] = {
-      {4, Long, 2048},
-      {20, Long, 0},
-      {24, Long, 1664},
-      {28, Long, 384},
-      {32, Long, 0},
-      {36, Zeros, 136},
-      {160, Text, 0, "Halden Vx"},
-      {169, Zeros, 660},
-      {660, Long, 0xFFFFFFFF},
-      {768, Word, 0},
-      {770, Word, 1},
-      {772, Long, 4},
-      {776, Long, 2},
-      // Element 0: 10-bit RGB, linear, reference codes 0 and 1023; the others stay clear.
-      {780, Long, 0},
-      {784, Long, 0},
-      {788, Long, 0xFFFFFFFF},
-      {792, Long, 1023},
-      {796, Long, 0xFFFFFFFF},
-      {800, Byte, 50},
-      {801, Byte, 2},
-      {802, Byte, 2},
-      {803, Byte, 10},
-      {804, Word, 0},
-      {806, Word, 0},
-      {808, Long, 2048},
-      {812, Long, 0},
-      {816, Long, 0},
-      {820, Zeros, 1408},
-      // Image source: positions undefined, texts, border, aspect and scanned size undefined.
-      {1408, Ones, 1432},
-      {1432, Zeros, 1556},
-      {1556, Text, 0, "Scanner 7"},
-      {1565, Zeros, 1620},
-      {1620, Ones, 1644},
-      {1644, Zeros, 1664},
-      // Film header: only the numeric fields, undefined.
-      {1664, Zeros, 1712},
-      {1712, Ones, 1732},
-      {1732, Zeros, 1920},
-      // Television, progressive at 24 fps (24.0f is 0x41C00000); levels undefined.
-      {1920, Long, 0x01020304},
-      {1924, Long, 0xFFFFFFFF},
-      {1928, Byte, 0},
-      {1929, Byte, 0},
-      {1930, Byte, 0},
-      {1932, Long, 0xFFFFFFFF},
-      {1936, Long, 0x41C00000},
-      {1940, Long, 0x41C00000},
-      {1944, Ones, 1972},
-      {1972, Zeros, 2048},
+      // clang-format off
+      {4, Long, 2048}, {20, Long, 0}, {24, Long, 1664}, {28, Long, 384}, {32, Long, 0},
+      {36, Zeros, 136}, {160, Text, 0, "Halden Vx"}, {169, Zeros, 660}, {660, Long, 0xFFFFFFFF},
+      {768, Word, 0}, {770, Word, 1}, {772, Long, 4}, {776, Long, 2}, {780, Long, 0},
+      {784, Long, 0}, {788, Long, 0xFFFFFFFF}, {792, Long, 1023}, {796, Long, 0xFFFFFFFF},
+      {800, Byte, 50}, {801, Byte, 2}, {802, Byte, 2}, {803, Byte, 10}, {804, Word, 0},
+      {806, Word, 0}, {808, Long, 2048}, {812, Long, 0}, {816, Long, 0}, {820, Zeros, 1408},
+      {1408, Ones, 1432}, {1432, Zeros, 1556}, {1556, Text, 0, "Scanner 7"}, {1565, Zeros, 1620},
+      {1620, Ones, 1644}, {1644, Zeros, 1664}, {1664, Zeros, 1712}, {1712, Ones, 1732},
+      {1732, Zeros, 1920}, {1920, Long, 0x01020304}, {1924, Long, 0xFFFFFFFF}, {1928, Byte, 0},
+      {1929, Byte, 0}, {1930, Byte, 0}, {1932, Long, 0xFFFFFFFF}, {1936, Long, 0x41C00000},
+      {1940, Long, 0x41C00000}, {1944, Ones, 1972}, {1972, Zeros, 2048}
+      // clang-format on
   };
   for (bool big : {true, false}) {
     SCOPED_TRACE(big ? "big-endian" : "little-endian");
@@ -402,13 +368,11 @@ TEST_F(HeaderFixture, TelevisionFieldsAndRates) {
     std::int32_t fieldMode;
     double rate;
     std::uint8_t interlace, field;
-    std::uint32_t vertical, temporal;  // float bits; 0xFFFFFFFF undefined
-  } cases[] = {
-      {1, 25.0, 1, 1, 0x42480000, 0x41C80000},  // 50 and 25: a field a line pair
-      {0, 25.0, 1, 2, 0x42480000, 0x41C80000},
-      {2, 24.0, 0, 0, 0x41C00000, 0x41C00000},
-      {VX_FIELD_UNKNOWN, -1.0, 0, 0, 0xFFFFFFFF, 0xFFFFFFFF},
-  };
+    std::uint32_t vertical, temporal;                    // float bits; 0xFFFFFFFF undefined
+  } cases[] = {{1, 25.0, 1, 1, 0x42480000, 0x41C80000},  // 50 and 25: a field a line pair
+               {0, 25.0, 1, 2, 0x42480000, 0x41C80000},
+               {2, 24.0, 0, 0, 0x41C00000, 0x41C00000},
+               {VX_FIELD_UNKNOWN, -1.0, 0, 0, 0xFFFFFFFF, 0xFFFFFFFF}};
   for (const auto& c : cases) {
     info.fieldMode = c.fieldMode;
     info.frameRate = c.rate;
