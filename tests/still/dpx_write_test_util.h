@@ -10,23 +10,12 @@
 #include "still/dpx/dpx_header.h"
 #include "still/dpx/dpx_unpack.h"
 #include "still/dpx/dpx_writer.h"
+#include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
 namespace dpxtest {
 
-// Owns one reference.
-struct ImagePtr {
-  IVxImage* p = nullptr;
-  ImagePtr() = default;
-  explicit ImagePtr(IVxImage* i) : p(i) {}
-  ImagePtr(const ImagePtr&) = delete;
-  ImagePtr& operator=(const ImagePtr&) = delete;
-  ~ImagePtr() {
-    if (p) p->Release();
-  }
-  IVxImage* operator->() const { return p; }
-  IVxImage* get() const { return p; }
-};
+using ImagePtr = vx::ComPtr<IVxImage>;
 
 // Code value of channel `ch` (0 R .. 3 A) of pixel (x, y) at `bits`: spreads over the range and
 // hits 0 and the top code.

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/bytes.h"
+#include "vx/com_ptr.h"
 #include "dpx_read_test_util.h"
 #include "still/dpx/dpx_parser.h"
 #include "test_util.h"
@@ -197,6 +198,9 @@ TEST(DpxReadInterop, ImageMagickFiles) {
 // goes in as netpbm; our pixels must be what oiiotool itself reads back from its file (its own
 // netpbm reading of 16-bit values is off by one in places), and the defined values for FFmpeg.
 TEST(DpxReadInterop, OiiotoolAndFfmpegLineLengths) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the oiiotool and FFmpeg interop runs on Linux";
+#else
   vxtest::TempDir dir;
   struct Case {
     bool oiio;  // else FFmpeg
@@ -288,6 +292,7 @@ TEST(DpxReadInterop, OiiotoolAndFfmpegLineLengths) {
         }
     EXPECT_EQ(bad, 0);
   }
+#endif
 }
 
 // ---- Header faults through the parser -------------------------------------------------------
@@ -474,19 +479,16 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
   EXPECT_DOUBLE_EQ(img.p->GetPixelAspect(), 2.0);
   EXPECT_EQ(img.p->GetFieldMode(), VX_FIELD_PROGRESSIVE);
 
+  // The report refuses buffers below 768 characters; its text has its own tests.
   std::vector<VxChar> report(4096);
   EXPECT_EQ(parser->GetHeaderReport(report.data(), 767), E_INVALIDARG);
   ASSERT_EQ(parser->GetHeaderReport(report.data(), 4096), S_OK);
-  const std::string text = vx::ToUtf8(report.data());
-  EXPECT_NE(text.find("Endianness: little\r\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("input device name: Telecine 2\r\n"), std::string::npos) << text;
-
+  EXPECT_NE(vx::ToUtf8(report.data()).find("input device name: Telecine 2\r\n"), std::string::npos);
   for (const IID* iid : {&IID_IVxParserSourceInfo, &IID_IVxColorManagedParser,
                          &IID_IVxParserLUTInfo, &IID_IVxImageStreamParser}) {
-    IUnknown* u = nullptr;
-    EXPECT_EQ(parser->QueryInterface(*iid, reinterpret_cast<void**>(&u)), S_OK);
-    ASSERT_NE(u, nullptr);
-    u->Release();
+    vx::ComPtr<IUnknown> u;
+    EXPECT_EQ(parser->QueryInterface(*iid, reinterpret_cast<void**>(u.put())), S_OK);
+    EXPECT_TRUE(u);
   }
 }
 

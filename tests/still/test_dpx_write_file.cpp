@@ -52,7 +52,8 @@ TEST_P(DpxWriteRoundTrip, ReadsBackEverySample) {
   for (std::uint32_t width : {1u, 2u, 3u, 5u, 7u}) {
     SCOPED_TRACE("width " + std::to_string(width));
     const std::uint32_t height = 3;
-    ImagePtr image(dpxtest::MakeTestImage(width, height, static_cast<std::uint32_t>(bits)));
+    auto image =
+        ImagePtr::Adopt(dpxtest::MakeTestImage(width, height, static_cast<std::uint32_t>(bits)));
     ASSERT_TRUE(image.get());
     DpxExportSettings settings;
     settings.bitDepth = bits;
@@ -123,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(AllLayouts, DpxWriteRoundTrip,
 TEST(DpxWrite, OneBitSourceKeepsOneBit) {
   vxtest::TempDir dir;
   ImagePtr image;
-  ASSERT_EQ(VxCreateImage(9, 2, VX_PF_GRAY8, &image.p), S_OK);
+  ASSERT_EQ(VxCreateImage(9, 2, VX_PF_GRAY8, image.put()), S_OK);
   for (int y = 0; y < 2; ++y)
     for (int x = 0; x < 9; ++x)
       image->GetBuffer()[y * image->GetRowStride() + x] = (x + y) % 3 == 0 ? 255 : 0;
@@ -184,7 +185,7 @@ TEST(DpxWrite, EightBitSourcesConvertExactly) {
   // 8-bit and BGRA pixels land on the same codes at 8 bits and scale up at 10.
   vxtest::TempDir dir;
   ImagePtr image;
-  ASSERT_EQ(VxCreateImage(3, 1, VX_PF_BGRA8, &image.p), S_OK);
+  ASSERT_EQ(VxCreateImage(3, 1, VX_PF_BGRA8, image.put()), S_OK);
   const std::uint8_t px[12] = {10, 20, 30, 40, 0, 128, 255, 1, 255, 255, 255, 255};
   std::memcpy(image->GetBuffer(), px, 12);
   DpxExportSettings settings;
@@ -202,12 +203,12 @@ TEST(DpxWrite, EightBitSourcesConvertExactly) {
 
 TEST(DpxWrite, RefusesBadArguments) {
   vxtest::TempDir dir;
-  ImagePtr image(dpxtest::MakeTestImage(2, 2, 10));
+  auto image = ImagePtr::Adopt(dpxtest::MakeTestImage(2, 2, 10));
   const VxString path = vxtest::Wide(dir / "x.dpx");
   EXPECT_EQ(WriteDpxFile(nullptr, image.get(), {}, {}), E_POINTER);
   EXPECT_EQ(WriteDpxFile(path.c_str(), nullptr, {}, {}), E_POINTER);
   ImagePtr empty;
-  ASSERT_EQ(VxCreateImage(0, 0, VX_PF_RGB8, &empty.p), S_OK);
+  ASSERT_EQ(VxCreateImage(0, 0, VX_PF_RGB8, empty.put()), S_OK);
   EXPECT_EQ(WriteDpxFile(path.c_str(), empty.get(), {}, {}), E_INVALIDARG);
   EXPECT_FALSE(std::filesystem::exists(dir / "x.dpx"));
   // A folder that does not exist: failure, and nothing left behind anywhere.
@@ -219,12 +220,12 @@ TEST(DpxWrite, RefusesBadArguments) {
 TEST(DpxWrite, ReplacesAnOldFileWholeAndLeavesNoTemporary) {
   vxtest::TempDir dir;
   vxtest::WriteFile(dir / "out.dpx", std::vector<std::uint8_t>(100000, 0x5A));
-  ImagePtr image(dpxtest::MakeTestImage(4, 4, 10));
+  auto image = ImagePtr::Adopt(dpxtest::MakeTestImage(4, 4, 10));
   const auto file = WriteAndLoad(dir, image.get(), {});
   EXPECT_EQ(file.size(), Load32(file.data() + 16, true));
   // Writers on several threads of one process, to one name: each temporary is its own, so
   // every write succeeds and what is left is one whole file.
-  ImagePtr big(dpxtest::MakeTestImage(300, 200, 16));
+  auto big = ImagePtr::Adopt(dpxtest::MakeTestImage(300, 200, 16));
   const VxString path = vxtest::Wide(dir / "out.dpx");
   std::atomic<int> failures{0};
   std::vector<std::thread> writers;
@@ -245,7 +246,7 @@ TEST(DpxWrite, ReplacesAnOldFileWholeAndLeavesNoTemporary) {
 
 struct HeaderFixture : ::testing::Test {
   vxtest::TempDir dir;
-  ImagePtr image{dpxtest::MakeTestImage(4, 2, 10)};
+  ImagePtr image = ImagePtr::Adopt(dpxtest::MakeTestImage(4, 2, 10));
   DpxExportSettings settings;
   DpxWriteInfo info;
 
@@ -446,7 +447,7 @@ struct Messages {
 TEST(DpxWriteLut, UnreadableLutIsReportedAndSkipped) {
   vxtest::TempDir dir;
   Messages messages;
-  ImagePtr image(dpxtest::MakeTestImage(3, 2, 10));
+  auto image = ImagePtr::Adopt(dpxtest::MakeTestImage(3, 2, 10));
   DpxExportSettings settings;
   settings.bitDepth = 10;
   vxtest::WriteFile(dir / "grade.3dl", {'x'});
@@ -477,7 +478,7 @@ TEST(DpxWriteLut, InvertingCubeIsApplied) {
                 "\n";
   vxtest::WriteFile(dir / "invert.cube", std::vector<std::uint8_t>(cube.begin(), cube.end()));
   ImagePtr image;
-  ASSERT_EQ(VxCreateImage(2, 1, VX_PF_RGBA8, &image.p), S_OK);
+  ASSERT_EQ(VxCreateImage(2, 1, VX_PF_RGBA8, image.put()), S_OK);
   const std::uint8_t px[8] = {0, 100, 255, 7, 30, 60, 90, 200};
   std::memcpy(image->GetBuffer(), px, 8);
   DpxExportSettings settings;

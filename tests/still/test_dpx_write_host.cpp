@@ -44,7 +44,7 @@ HostRun Vxhost(const vxtest::TempDir& dir, const std::string& args) {
 using vxtest::Quote;
 
 void WriteSource(const std::filesystem::path& path, DpxLayout layout, int packing, bool big) {
-  ImagePtr image(dpxtest::MakeTestImage(5, 3, 10));
+  auto image = ImagePtr::Adopt(dpxtest::MakeTestImage(5, 3, 10));
   DpxExportSettings settings;
   settings.bitDepth = 10;
   settings.layout = layout;
@@ -173,9 +173,8 @@ TEST_F(VxhostDpx, ConvertsNumberedSequences) {
 
 TEST_F(VxhostDpx, ThumbnailAveragesAreasIntoPpm) {
   // 8x4 picture: left half code 1023 in red only, right half 0; a 2x1 thumbnail keeps that.
-  IVxImage* raw = nullptr;
-  ASSERT_EQ(VxCreateImage(8, 4, VX_PF_RGBA16, &raw), S_OK);
-  ImagePtr image(raw);
+  ImagePtr image;
+  ASSERT_EQ(VxCreateImage(8, 4, VX_PF_RGBA16, image.put()), S_OK);
   for (int y = 0; y < 4; ++y) {
     auto* row = reinterpret_cast<std::uint16_t*>(image->GetBuffer() + y * image->GetRowStride());
     for (int x = 0; x < 8; ++x) {
