@@ -35,7 +35,9 @@ Bytes MakeDpxHeader(const DpxHeaderRecipe& recipe) {
   for (std::size_t i = 0; i < recipe.elements.size() && i < 8; ++i) {
     const Element& e = recipe.elements[i];
     const std::size_t o = 780 + 72 * i;
+    b.Fill(o + 8, 4, 0xFF);  // reference quantities undefined
     b.U32(o + 12, (1u << (e.bits >= 32 ? 31 : e.bits)) - 1);
+    b.Fill(o + 16, 4, 0xFF);
     b.U8(o + 20, e.descriptor);
     b.U8(o + 21, e.transfer);
     b.U8(o + 22, e.transfer);

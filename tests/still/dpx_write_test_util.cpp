@@ -28,8 +28,9 @@ bool ReadElement(const std::vector<std::uint8_t>& file, std::uint32_t index, Ele
       out->components = 1;
   }
   const std::uint64_t offset = Load32(e + kElDataOffset, big);
-  const std::uint64_t line = DpxLineBytes(out->bits, out->packing, width, out->components, false) +
-                             Load32(e + kElEolPadding, big);
+  const std::uint64_t line =
+      WrittenLine(out->bits, out->packing, std::uint64_t{width} * out->components) +
+      Load32(e + kElEolPadding, big);
   if (offset + line * height > file.size()) return false;
   const std::size_t n = std::size_t{width} * out->components;
   DpxSampleLayout layout;

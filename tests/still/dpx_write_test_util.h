@@ -10,23 +10,12 @@
 #include "still/dpx/dpx_header.h"
 #include "still/dpx/dpx_unpack.h"
 #include "still/dpx/dpx_writer.h"
+#include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
 namespace dpxtest {
 
-// Owns one reference.
-struct ImagePtr {
-  IVxImage* p = nullptr;
-  ImagePtr() = default;
-  explicit ImagePtr(IVxImage* i) : p(i) {}
-  ImagePtr(const ImagePtr&) = delete;
-  ImagePtr& operator=(const ImagePtr&) = delete;
-  ~ImagePtr() {
-    if (p) p->Release();
-  }
-  IVxImage* operator->() const { return p; }
-  IVxImage* get() const { return p; }
-};
+using ImagePtr = vx::ComPtr<IVxImage>;
 
 // Code value of channel `ch` (0 R .. 3 A) of pixel (x, y) at `bits`: spreads over the range and
 // hits 0 and the top code.
@@ -63,6 +52,24 @@ inline IVxImage* MakeTestImage(std::uint32_t w, std::uint32_t h, std::uint32_t b
       }
   }
   return img;
+}
+
+// Bytes of one written line, worked out apart from the writer: 1 bit eight to a byte, 10 bits
+// three to a word (filled) or back to back in words (packed), 12 bits filled one to a 16-bit
+// word, 8-bit lines rounded up to a whole word.
+inline std::uint64_t WrittenLine(std::uint32_t bits, std::uint32_t packing, std::uint64_t samples) {
+  switch (bits) {
+    case 1:
+      return (samples + 7) / 8;
+    case 8:
+      return (samples + 3) / 4 * 4;
+    case 10:
+      return packing ? (samples + 2) / 3 * 4 : (samples * 10 + 31) / 32 * 4;
+    case 12:
+      return packing ? samples * 2 : (samples * 12 + 31) / 32 * 4;
+    default:
+      return samples * (bits / 8);
+  }
 }
 
 // One element of a written file, unpacked: `components` samples per pixel, row 0 on top.

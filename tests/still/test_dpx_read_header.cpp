@@ -1,6 +1,8 @@
 // DPX and Cineon header acceptance, slot rules, undefined fields and line sizes.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "dpx_read_test_util.h"
 #include "still/dpx/dpx_header.h"
 
@@ -67,71 +69,32 @@ TEST(DpxHeader, ReadsBothByteOrders) {
 }
 
 TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
-  struct Case {
+  using Tweak = std::function<void(DpxHeaderRecipe&)>;
+  const Tweak none = [](DpxHeaderRecipe&) {};
+  const struct {
     const char* what;
-    DpxHeaderRecipe recipe;
+    Tweak tweak;
     std::size_t size = 2048;
     const char* magic = nullptr;
+  } cases[] = {
+      // clang-format off
+      {"bad magic", none, 2048, "SDPx"},
+      {"nine elements", [](auto& r) { r.elements = {El(50)}, r.elementCountOverride = 9; }},
+      {"duplicated red", [](auto& r) { r.elements = {El(1), El(1), El(2), El(3)}; }},
+      {"RGB plus a separate red", [](auto& r) { r.elements = {El(50), El(1)}; }},
+      {"missing blue", [](auto& r) { r.elements = {El(1), El(2)}; }},
+      {"two alphas", [](auto& r) { r.elements = {El(51), El(4)}; }},
+      {"orientation 8", [](auto& r) { r.orientation = 8; }},
+      {"no elements", [](auto& r) { r.elements = {}; }},
+      {"red skipped (64 bits)", [](auto& r) { r.elements = {El(1, 64, 0), El(2), El(3)}; }},
+      {"generic header cut", none, 1663}, {"film header cut", none, 1919},
+      {"television header cut", none, 2047}
+      // clang-format on
   };
-  std::vector<Case> cases;
-  {
-    Case c{"bad magic", {}};
-    c.magic = "SDPx";
-    cases.push_back(c);
-  }
-  {
-    Case c{"nine elements", {}};
-    c.recipe.elements = {El(50)};
-    c.recipe.elementCountOverride = 9;
-    cases.push_back(c);
-  }
-  {
-    Case c{"duplicated red", {}};
-    c.recipe.elements = {El(1), El(1), El(2), El(3)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"RGB plus a separate red", {}};
-    c.recipe.elements = {El(50), El(1)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"missing blue", {}};
-    c.recipe.elements = {El(1), El(2)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"two alphas", {}};
-    c.recipe.elements = {El(51), El(4)};
-    cases.push_back(c);
-  }
-  {
-    Case c{"orientation 8", {}};
-    c.recipe.orientation = 8;
-    cases.push_back(c);
-  }
-  {
-    Case c{"no elements", {}};
-    c.recipe.elements = {};
-    cases.push_back(c);
-  }
-  {
-    Case c{"generic header cut", {}};
-    c.size = 1663;
-    cases.push_back(c);
-  }
-  {
-    Case c{"film header cut", {}};
-    c.size = 1919;
-    cases.push_back(c);
-  }
-  {
-    Case c{"television header cut", {}};
-    c.size = 2047;
-    cases.push_back(c);
-  }
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader(c.recipe);
+  for (const auto& c : cases) {
+    DpxHeaderRecipe recipe;
+    c.tweak(recipe);
+    auto b = dpxtest::MakeDpxHeader(recipe);
     if (c.magic) b.Text(0, c.magic);
     DpxHeaderState s = Sentinel();
     EXPECT_FALSE(Parse(b, &s, c.size)) << c.what;
@@ -142,85 +105,81 @@ TEST(DpxHeader, FaultsFailAndLeaveStateAlone) {
   ExpectUntouched(s);
 }
 
-TEST(DpxHeader, AcceptsEightElementsAndOrientationSeven) {
-  DpxHeaderRecipe recipe;
-  recipe.orientation = 7;
-  // Eight elements, five of them of kinds the reader skips.
-  recipe.elements = {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.orientation, 7u);
-  EXPECT_EQ(s.elementCount, 3u);
-  EXPECT_TRUE(s.Planar());
-}
-
-TEST(DpxHeader, SkipsUnsupportedDepthAndPacking) {
-  DpxHeaderRecipe recipe;
-  // A 64-bit red and a packing-3 red are both skipped, so the RGB element stands alone.
-  recipe.elements = {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.maxBits, 12u);
-  EXPECT_EQ(s.elementCount, 1u);
-  EXPECT_EQ(s.elements[0].descriptor, 50u);
-  // Skipping can leave a channel missing.
-  recipe.elements = {El(1, 64, 0), El(2), El(3)};
-  EXPECT_FALSE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-}
-
-TEST(DpxHeader, LumaOnlyCountsAllColours) {
-  DpxHeaderRecipe recipe;
-  recipe.elements = {El(6, 16, 0)};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.redSeen, 1);
-  EXPECT_EQ(s.greenOrLumaSeen, 1);
-  EXPECT_EQ(s.blueSeen, 1);
-  EXPECT_EQ(s.elements[0].components, 1u);
-  EXPECT_FALSE(s.hasAlpha);
-}
-
-TEST(DpxHeader, SlotsForAlphaAndReversedOrders) {
-  DpxHeaderRecipe recipe;
+TEST(DpxHeader, ElementsToSlots) {
   Element alpha = El(4, 8, 0);
   alpha.offset = 9999;
-  recipe.elements = {El(53), alpha};
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_TRUE(s.hasAlpha);
-  EXPECT_TRUE(s.reversedOrder);
-  // The alpha element follows the interleaved colour element in slot 1.
-  EXPECT_EQ(s.elements[1].descriptor, 4u);
-  EXPECT_EQ(s.elements[1].dataOffset, 9999u);
-  EXPECT_EQ(s.elements[3].dataOffset, 9999u);
-  ASSERT_NE(s.SeparateAlpha(), nullptr);
-
-  // Planar with alpha keeps green in slot 1.
-  recipe.elements = {El(1), El(2), El(3), alpha};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[1].descriptor, 2u);
-  EXPECT_EQ(s.elements[3].dataOffset, 9999u);
-
-  recipe.elements = {El(52)};
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_TRUE(s.hasAlpha);
-  EXPECT_TRUE(s.reversedOrder);
-  EXPECT_EQ(s.elements[0].components, 4u);
-  EXPECT_EQ(s.SeparateAlpha(), nullptr);
+  const struct {
+    const char* what;
+    std::vector<Element> elements;
+    std::uint32_t accepted, maxBits, components0, slot1;  // slot1: descriptor in slot 1
+    bool alpha, reversed, planar, separateAlpha;
+  } cases[] = {
+      {"eight, five of kinds that are skipped",
+       {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)},
+       3,
+       10,
+       1,
+       2,
+       false,
+       false,
+       true,
+       false},
+      {"64-bit and packing-3 reds skipped",
+       {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)},
+       1,
+       12,
+       3,
+       0,
+       false,
+       false,
+       false,
+       false},
+      {"luma counts all colours", {El(6, 16, 0)}, 1, 16, 1, 0, false, false, false, false},
+      {"BGR, alpha follows in slot 1", {El(53), alpha}, 2, 10, 3, 4, true, true, false, true},
+      {"planar keeps green in slot 1",
+       {El(1), El(2), El(3), alpha},
+       4,
+       10,
+       1,
+       2,
+       true,
+       false,
+       true,
+       true},
+      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    DpxHeaderRecipe recipe;
+    recipe.orientation = 7;
+    recipe.elements = c.elements;
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
+    EXPECT_EQ(s.orientation, 7u);
+    EXPECT_EQ(s.elementCount, c.accepted);
+    EXPECT_EQ(s.maxBits, c.maxBits);
+    EXPECT_EQ(s.redSeen + s.greenOrLumaSeen + s.blueSeen, 3);
+    EXPECT_EQ(s.elements[0].components, c.components0);
+    EXPECT_EQ(s.elements[1].descriptor, c.slot1);
+    EXPECT_EQ(s.hasAlpha != 0, c.alpha);
+    EXPECT_EQ(s.reversedOrder != 0, c.reversed);
+    EXPECT_EQ(s.Planar(), c.planar);
+    EXPECT_EQ(s.SeparateAlpha() != nullptr, c.separateAlpha);
+    if (c.separateAlpha) {
+      EXPECT_EQ(s.elements[3].dataOffset, 9999u);
+    }
+  }
 }
 
 TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
-  DpxHeaderRecipe recipe;
-  recipe.elements[0].eolPadding = 0x7FFFFFFF;
-  DpxHeaderState s;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[0].eolPadding, 0u);
-  recipe.elements[0].eolPadding = 0xFFFFFFFF;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[0].eolPadding, 0u);
-  recipe.elements[0].eolPadding = 0x7FFFFFFE;
-  ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-  EXPECT_EQ(s.elements[0].eolPadding, 0x7FFFFFFEu);
+  const std::pair<std::uint32_t, std::uint32_t> cases[] = {
+      {0x7FFFFFFF, 0}, {0xFFFFFFFF, 0}, {0x7FFFFFFE, 0x7FFFFFFE}};
+  for (const auto& [stored, read] : cases) {
+    DpxHeaderRecipe recipe;
+    recipe.elements[0].eolPadding = stored;
+    DpxHeaderState s;
+    ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
+    EXPECT_EQ(s.elements[0].eolPadding, read) << stored;
+  }
 }
 
 TEST(DpxHeader, EmptyElementOffsetFallsBackToImageOffset) {
@@ -389,9 +348,12 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
     std::uint32_t desc, components, packingCode, transfer;
     bool alpha;
     double white;
-  } ok[] = {{1, 10, 6, 6, 1, 2, 3, false, 1023.0},
-            {4, 10, 0, 51, 4, 0, 3, true, 1023.0},
-            {3, 8, 0, 50, 3, 0, 2, false, 255.0}};
+  } ok[] = {
+      // clang-format off
+      {1, 10, 6, 6, 1, 2, 3, false, 1023.0}, {4, 10, 0, 51, 4, 0, 3, true, 1023.0},
+      {3, 8, 0, 50, 3, 0, 2, false, 255.0}
+      // clang-format on
+  };
   for (auto c : ok) {
     dpxtest::CineonRecipe recipe;
     recipe.channels = c.channels;
@@ -455,6 +417,11 @@ TEST(CineonHeader, HeaderLengthRule) {
   EXPECT_FALSE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
   b.data.resize(2524);
   EXPECT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
+  // A length far past the 1024-byte generic header is a broken field: it does not size a read.
+  recipe.genericLength = 0x7FFFFFFF;
+  b = dpxtest::MakeCineonHeader(recipe);
+  EXPECT_EQ(CineonHeaderBytes(b.data.data(), b.data.size()), 0u);
+  EXPECT_FALSE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
 }
 
 TEST(DpxLineSize, DepthsAndPackings) {
@@ -462,15 +429,13 @@ TEST(DpxLineSize, DepthsAndPackings) {
     std::uint32_t bits, packing, width, components;
     bool flag;
     std::uint64_t bytes;
-  } cases[] = {
-      {1, 0, 7, 1, false, 1},    {1, 0, 17, 1, false, 3},        {1, 0, 17, 1, true, 4},
-      {8, 0, 7, 3, false, 24},   {8, 0, 7, 3, true, 21},         {8, 0, 4, 1, false, 4},
-      {10, 1, 16, 1, false, 24}, {10, 0, 16, 1, false, 20},      {10, 2, 7, 3, false, 28},
-      {10, 0, 1, 1, false, 4},   {10, 1, 4096, 3, false, 16384}, {12, 1, 3, 1, false, 6},
-      {12, 1, 3, 1, true, 8},    {12, 0, 3, 1, false, 8},        {12, 0, 8, 1, false, 12},
-      {16, 0, 7, 3, false, 42},  {16, 0, 7, 3, true, 44},        {32, 0, 5, 4, false, 80},
-      {64, 0, 2, 3, false, 48},  {11, 0, 5, 3, false, 0},
-  };
+  } cases[] = {{1, 0, 7, 1, false, 1},    {1, 0, 17, 1, false, 3},        {1, 0, 17, 1, true, 4},
+               {8, 0, 7, 3, false, 24},   {8, 0, 7, 3, true, 21},         {8, 0, 4, 1, false, 4},
+               {10, 1, 16, 1, false, 24}, {10, 0, 16, 1, false, 20},      {10, 2, 7, 3, false, 28},
+               {10, 0, 1, 1, false, 4},   {10, 1, 4096, 3, false, 16384}, {12, 1, 3, 1, false, 6},
+               {12, 1, 3, 1, true, 8},    {12, 0, 3, 1, false, 8},        {12, 0, 8, 1, false, 12},
+               {16, 0, 7, 3, false, 42},  {16, 0, 7, 3, true, 44},        {32, 0, 5, 4, false, 80},
+               {64, 0, 2, 3, false, 48},  {11, 0, 5, 3, false, 0}};
   for (auto c : cases) {
     EXPECT_EQ(DpxLineBytes(c.bits, c.packing, c.width, c.components, c.flag), c.bytes)
         << c.bits << " bits, packing " << c.packing << ", " << c.width << "x" << c.components;

@@ -5,10 +5,13 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 
+#include "base/bytes.h"
+#include "vx/com_ptr.h"
 #include "dpx_read_test_util.h"
 #include "still/dpx/dpx_parser.h"
 #include "test_util.h"
@@ -62,6 +65,27 @@ void WriteDpx(const std::filesystem::path& p, const dpxtest::Bytes& header,
 
 bool HaveImageMagick() {
   return std::system("convert -version > /dev/null 2>&1") == 0;
+}
+
+// Reads `dpx` through the parser and compares every sample with want(x, y, channel), a 16-bit
+// value, within `slack`.
+void ExpectPixels(const std::filesystem::path& dpx, int width, int height, int channels,
+                  const std::function<int(int, int, int)>& want, int slack = 0) {
+  Parser parser;
+  ASSERT_EQ(parser.Open(dpx), S_OK);
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  ASSERT_EQ(img.p->GetWidth(), width);
+  ASSERT_EQ(img.p->GetHeight(), height);
+  ASSERT_EQ(VxPixelFormatChannels(img.p->GetPixelFormat()), channels);
+  int bad = 0;
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      for (int k = 0; k < channels; ++k)
+        if (std::abs(img.At16(x, y, k) - want(x, y, k)) > slack && bad++ < 5)
+          ADD_FAILURE() << "at " << x << "," << y << " channel " << k << ": " << img.At16(x, y, k)
+                        << " vs " << want(x, y, k);
+  EXPECT_EQ(bad, 0);
 }
 
 }  // namespace
@@ -130,21 +154,19 @@ TEST(DpxReadInterop, ImageMagickFiles) {
     // RGB elements of the same writer) put the first sample highest. The gray case is 6 wide so
     // that every word is whole.
     bool lumaWordsReversed = false;
-  } cases[] = {
-      {"-size 7x5 -seed 3 plasma:fractal", 8, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal", 10, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal", 12, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal", 16, "rgb", 3},
-      {"-size 5x3 -seed 4 plasma:fractal -endian LSB", 10, "rgb", 3},
-      {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
-       "copy_opacity -composite",
-       10, "rgba", 4, 65},
-      {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
-       "copy_opacity -composite",
-       16, "rgba", 4},
-      {"-size 6x5 -seed 3 plasma:fractal -colorspace gray", 10, "gray", 1, 1, true},
-      {"-size 7x5 -seed 3 plasma:fractal -colorspace gray", 8, "gray", 1},
-  };
+  } cases[] = {{"-size 7x5 -seed 3 plasma:fractal", 8, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal", 10, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal", 12, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal", 16, "rgb", 3},
+               {"-size 5x3 -seed 4 plasma:fractal -endian LSB", 10, "rgb", 3},
+               {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
+                "copy_opacity -composite",
+                10, "rgba", 4, 65},
+               {"-size 7x5 -seed 3 plasma:fractal ( -size 7x5 gradient: ) -alpha off -compose "
+                "copy_opacity -composite",
+                16, "rgba", 4},
+               {"-size 6x5 -seed 3 plasma:fractal -colorspace gray", 10, "gray", 1, 1, true},
+               {"-size 7x5 -seed 3 plasma:fractal -colorspace gray", 8, "gray", 1}};
   int n = 0;
   for (const Case& c : cases) {
     const auto dpx = dir / ("m" + std::to_string(n) + ".dpx");
@@ -167,73 +189,143 @@ TEST(DpxReadInterop, ImageMagickFiles) {
                              raw.string() + "'";
     ASSERT_EQ(std::system(dump.c_str()), 0);
     const auto want = vxtest::ReadFile(raw);
-
-    Parser parser;
-    ASSERT_EQ(parser.Open(dpx), S_OK);
-    Image img;
-    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-    const int w = img.p->GetWidth(), h = img.p->GetHeight();
+    const int w = std::stoi(c.make + 6), h = std::stoi(std::strchr(c.make, 'x') + 1);
     ASSERT_EQ(want.size(), static_cast<std::size_t>(w * h * c.channels * 2));
-    EXPECT_EQ(VxPixelFormatChannels(img.p->GetPixelFormat()), c.channels);
-    int bad = 0;
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) {
-        for (int k = 0; k < c.channels; ++k) {
+    ExpectPixels(
+        dpx, w, h, c.channels,
+        [&](int x, int y, int k) {
           const int ix = c.lumaWordsReversed ? x / 3 * 3 + 2 - x % 3 : x;
           const std::size_t i = (std::size_t(y) * w + ix) * c.channels + k;
-          const int expect = want[2 * i] << 8 | want[2 * i + 1];
-          if (std::abs(img.At16(x, y, k) - expect) > c.slack && bad++ < 5) {
-            ADD_FAILURE() << "at " << x << "," << y << " channel " << k << ": " << img.At16(x, y, k)
-                          << " vs " << expect;
+          return want[2 * i] << 8 | want[2 * i + 1];
+        },
+        c.slack);
+  }
+}
+
+// Lines that other writers end differently: oiiotool leaves 8-bit lines unpadded (31 x 3 bytes
+// of RGB is not a whole number of 32-bit words), FFmpeg pads 16-bit ones. A picture defined here
+// goes in as netpbm; our pixels must be what oiiotool itself reads back from its file (its own
+// netpbm reading of 16-bit values is off by one in places), and the defined values for FFmpeg.
+TEST(DpxReadInterop, OiiotoolAndFfmpegLineLengths) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the oiiotool and FFmpeg interop runs on Linux";
+#else
+  vxtest::TempDir dir;
+  struct Case {
+    bool oiio;  // else FFmpeg
+    int width, channels, bits;
+  } cases[] = {
+      {true, 31, 3, 8}, {true, 29, 1, 8}, {true, 31, 4, 8}, {true, 31, 3, 16}, {false, 31, 3, 16}};
+  const bool haveOiio = std::system("oiiotool --version > /dev/null 2>&1") == 0;
+  const bool haveFfmpeg = std::system("ffmpeg -version > /dev/null 2>&1") == 0;
+  if (!haveOiio && !haveFfmpeg) GTEST_SKIP() << "neither oiiotool nor ffmpeg is installed";
+  const int h = 5;
+  auto value = [](int bits, int x, int y, int c) {
+    return bits == 8 ? (x * 7 + y * 13 + c * 50) % 256 : (x * 2111 + y * 977 + c * 5003) % 65536;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.oiio ? "oiiotool " : "ffmpeg ") + std::to_string(c.width) + "x" +
+                 std::to_string(c.channels) + " " + std::to_string(c.bits) + " bit");
+    if (!(c.oiio ? haveOiio : haveFfmpeg)) continue;
+    // Colour (P6) and, for four channels, the alpha as a second grey file (P5).
+    auto netpbm = [&](const std::filesystem::path& p, int first, int count) {
+      const std::string head = (count == 1 ? "P5 " : "P6 ") + std::to_string(c.width) + " " +
+                               std::to_string(h) + (c.bits == 8 ? " 255\n" : " 65535\n");
+      std::vector<std::uint8_t> out(head.begin(), head.end());
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < c.width; ++x)
+          for (int k = first; k < first + count; ++k) {
+            const int v = value(c.bits, x, y, k);
+            if (c.bits == 16) out.push_back(static_cast<std::uint8_t>(v >> 8));
+            out.push_back(static_cast<std::uint8_t>(v));
           }
+      vxtest::WriteFile(p, out);
+    };
+    const auto src = dir / "src.pnm", alpha = dir / "alpha.pgm", dpx = dir / "out.dpx";
+    std::filesystem::remove(dpx);
+    netpbm(src, 0, c.channels == 4 ? 3 : c.channels);
+    std::string cmd;
+    if (c.oiio) {
+      cmd = "oiiotool " + vxtest::Quote(src);
+      if (c.channels == 4) {
+        netpbm(alpha, 3, 1);
+        cmd += " " + vxtest::Quote(alpha) + " --chappend --chnames R,G,B,A";
+      }
+      cmd += std::string(" -d ") + (c.bits == 8 ? "uint8" : "uint16") + " -o " + vxtest::Quote(dpx);
+    } else {
+      cmd = "ffmpeg -loglevel error -y -i " + vxtest::Quote(src) + " -frames:v 1 -c:v dpx " +
+            vxtest::Quote(dpx);
+    }
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    // What oiiotool reads from the file it wrote: "    Pixel (x, y): v0 v1 ... (floats)".
+    std::vector<int> peer(std::size_t(c.width) * h * c.channels, -1);
+    if (c.oiio) {
+      const std::string dump = "oiiotool --dumpdata " + vxtest::Quote(dpx);
+      FILE* pipe = popen(dump.c_str(), "r");
+      ASSERT_NE(pipe, nullptr);
+      char line[512];
+      while (std::fgets(line, sizeof line, pipe)) {
+        int x, y, used = 0;
+        if (std::sscanf(line, " Pixel (%d, %d):%n", &x, &y, &used) != 2 || x < 0 || y < 0 ||
+            x >= c.width || y >= h)
+          continue;
+        const char* p = line + used;
+        for (int k = 0; k < c.channels; ++k) {
+          int n = 0;
+          if (std::sscanf(p, "%d%n", &peer[(std::size_t(y) * c.width + x) * c.channels + k], &n) !=
+              1)
+            break;
+          p += n;
         }
       }
+      pclose(pipe);
     }
-    EXPECT_EQ(bad, 0);
+
+    ExpectPixels(dpx, c.width, h, c.channels, [&](int x, int y, int k) {
+      const int v =
+          c.oiio ? peer[(std::size_t(y) * c.width + x) * c.channels + k] : value(c.bits, x, y, k);
+      return c.bits == 8 ? v * 257 : v;
+    });
   }
+#endif
 }
 
 // ---- Header faults through the parser -------------------------------------------------------
 
-TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
+TEST(DpxReadFaults, BadFilesFailAndKeepNothing) {
   vxtest::TempDir dir;
-  const std::vector<std::uint8_t> data(4 * 2 * 4, 0);
   const auto good = dir / "good.dpx";
-  WriteDpx(good, dpxtest::MakeDpxHeader({}), data);
-
-  using SpecTweak = std::function<void(dpxtest::DpxHeaderRecipe&)>;
-  struct Case {
+  WriteDpx(good, dpxtest::MakeDpxHeader({}), std::vector<std::uint8_t>(32, 0));
+  // One header fault of each kind (the header reader's tests have them all), then picture data
+  // that is not there: the default picture is 4x2 10-bit RGB method A, 16 bytes a line.
+  using Recipe = dpxtest::DpxHeaderRecipe;
+  const struct {
     const char* name;
-    SpecTweak tweak;
+    std::function<void(Recipe&)> change;
+    bool headerFails;
+    std::size_t dataBytes = 32, cut = 0;
     const char* magic = nullptr;
-    std::size_t cut = 0;
-  } cases[] = {
-      {"magic", [](auto&) {}, "ABCD"},
-      {"nine", [](auto& s) { s.elementCountOverride = 9; }},
-      {"red twice",
-       [](auto& s) {
-         s.elements = {{1}, {1}, {2}, {3}};
-       }},
-      {"no blue",
-       [](auto& s) {
-         s.elements = {{1}, {2}};
-       }},
-      {"orientation", [](auto& s) { s.orientation = 8; }},
-      {"film cut", [](auto&) {}, nullptr, 1800},
-      {"television cut", [](auto&) {}, nullptr, 2000},
-  };
+  } cases[] = {{"magic", [](Recipe&) {}, true, 32, 0, "ABCD"},
+               {"no blue",
+                [](Recipe& r) {
+                  r.elements = {{1}, {2}};
+                },
+                true},
+               {"film header cut", [](Recipe&) {}, true, 0, 1800},
+               {"data a byte short", [](Recipe&) {}, false, 31},
+               {"offset past the end", [](Recipe& r) { r.elements[0].offset = 0x7FFFFFF0; }, false},
+               {"huge", [](Recipe& r) { r.width = r.height = 0x40000000; }, false},
+               {"absent", nullptr, true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    dpxtest::DpxHeaderRecipe recipe;
-    c.tweak(recipe);
-    auto b = dpxtest::MakeDpxHeader(recipe);
-    if (c.magic) b.Text(0, c.magic);
     const auto bad = dir / (std::string(c.name) + ".dpx");
-    if (c.cut) {
-      b.data.resize(c.cut);
-      vxtest::WriteFile(bad, b.data);
-    } else {
-      WriteDpx(bad, b, data);
+    if (c.change) {
+      Recipe recipe;
+      c.change(recipe);
+      auto b = dpxtest::MakeDpxHeader(recipe);
+      if (c.magic) b.Text(0, c.magic);
+      if (c.cut) b.data.resize(c.cut);
+      WriteDpx(bad, b, std::vector<std::uint8_t>(c.dataBytes, 0xFF));
     }
     Parser parser;
     // A good file first, so that a failure has something it must not mix in.
@@ -241,11 +333,10 @@ TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
     HRESULT hr;
     Format(parser, &hr);
     ASSERT_EQ(hr, S_OK);
-    ASSERT_TRUE(parser->HeaderLoaded());
     ASSERT_EQ(parser.Open(bad), S_OK);
     Format(parser, &hr);
-    EXPECT_EQ(hr, E_FAIL);
-    EXPECT_FALSE(parser->HeaderLoaded());
+    EXPECT_EQ(hr, c.headerFails ? E_FAIL : S_OK);
+    EXPECT_EQ(parser->HeaderLoaded(), !c.headerFails);
     Image img;
     ASSERT_EQ(VxCreateImage(4, 2, VX_PF_RGB16, &img.p), S_OK);
     std::memset(img.p->GetBuffer(), 0x5A, img.p->GetRowStride() * 2);
@@ -254,43 +345,7 @@ TEST(DpxReadFaults, BadHeadersFailAndKeepNothing) {
     IVxImage* none = nullptr;
     EXPECT_EQ(parser->ReadImage(&none, 0), E_FAIL);
     EXPECT_EQ(none, nullptr);
-    DWORD bits = 0;
-    EXPECT_EQ(parser->GetBitDepth(&bits), E_FAIL);
   }
-  // A missing file fails the same way.
-  Parser parser;
-  ASSERT_EQ(parser.Open(dir / "absent.dpx"), S_OK);
-  HRESULT hr;
-  Format(parser, &hr);
-  EXPECT_EQ(hr, E_FAIL);
-}
-
-TEST(DpxReadFaults, TruncatedPictureData) {
-  vxtest::TempDir dir;
-  dpxtest::DpxHeaderRecipe recipe;  // 4x2 10-bit RGB method A: 16 bytes a line
-  const auto p = dir / "short.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(31, 0xFF));
-  Parser parser;
-  ASSERT_EQ(parser.Open(p), S_OK);
-  Image img;
-  ASSERT_EQ(VxCreateImage(4, 2, VX_PF_RGBA16, &img.p), S_OK);
-  EXPECT_EQ(parser->ReadImage(&img.p, 0), E_FAIL);
-  EXPECT_EQ(img.At16(0, 0, 0), 0);
-  // Data offset past the end.
-  recipe.elements[0].offset = 0x7FFFFFF0;
-  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(32, 0));
-  Parser other;
-  ASSERT_EQ(other.Open(p), S_OK);
-  EXPECT_EQ(other->ReadImage(&img.p, 0), E_FAIL);
-  // Huge dimensions with little data: refused before any allocation.
-  recipe.elements[0].offset = 2048;
-  recipe.width = 0x40000000;
-  recipe.height = 0x40000000;
-  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(32, 0));
-  Parser huge;
-  ASSERT_EQ(huge.Open(p), S_OK);
-  IVxImage* none = nullptr;
-  EXPECT_EQ(huge->ReadImage(&none, 0), E_FAIL);
 }
 
 // ---- Stream queries and layouts -------------------------------------------------------------
@@ -385,19 +440,16 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
   EXPECT_DOUBLE_EQ(img.p->GetPixelAspect(), 2.0);
   EXPECT_EQ(img.p->GetFieldMode(), VX_FIELD_PROGRESSIVE);
 
+  // The report refuses buffers below 768 characters; its text has its own tests.
   std::vector<VxChar> report(4096);
   EXPECT_EQ(parser->GetHeaderReport(report.data(), 767), E_INVALIDARG);
   ASSERT_EQ(parser->GetHeaderReport(report.data(), 4096), S_OK);
-  const std::string text = vx::ToUtf8(report.data());
-  EXPECT_NE(text.find("Endianness: little\r\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("input device name: Telecine 2\r\n"), std::string::npos) << text;
-
+  EXPECT_NE(vx::ToUtf8(report.data()).find("input device name: Telecine 2\r\n"), std::string::npos);
   for (const IID* iid : {&IID_IVxParserSourceInfo, &IID_IVxColorManagedParser,
                          &IID_IVxParserLUTInfo, &IID_IVxImageStreamParser}) {
-    IUnknown* u = nullptr;
-    EXPECT_EQ(parser->QueryInterface(*iid, reinterpret_cast<void**>(&u)), S_OK);
-    ASSERT_NE(u, nullptr);
-    u->Release();
+    vx::ComPtr<IUnknown> u;
+    EXPECT_EQ(parser->QueryInterface(*iid, reinterpret_cast<void**>(u.put())), S_OK);
+    EXPECT_TRUE(u);
   }
 }
 
@@ -416,19 +468,17 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
     std::vector<Element> elements;
     const char* name;
     VxPixelFormat native;
-  } cases[] = {
-      {{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
-      {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
-      {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
-      {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
-      {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
-      {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
-      {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
-       "32 bit R+G+B+A",
-       VX_PF_RGBAF32},
-      {{el(6, 16, 2048)}, "16 bit Y", VX_PF_GRAY16},
-      {{el(50, 32, 2048)}, "32 bit RGB", VX_PF_RGBF32},
-  };
+  } cases[] = {{{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
+               {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
+               {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
+               {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
+               {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
+               {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
+               {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
+                "32 bit R+G+B+A",
+                VX_PF_RGBAF32},
+               {{el(6, 16, 2048)}, "16 bit Y", VX_PF_GRAY16},
+               {{el(50, 32, 2048)}, "32 bit RGB", VX_PF_RGBF32}};
   int n = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -448,7 +498,7 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
   }
 }
 
-TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
+TEST(DpxReadParser, PlanarAndConversion) {
   vxtest::TempDir dir;
   // Planar 16-bit big-endian red, green, blue, alpha: 2x1 pixels, four-byte lines.
   dpxtest::DpxHeaderRecipe recipe;
@@ -488,30 +538,6 @@ TEST(DpxReadParser, PlanarFloatLumaAndConversion) {
   ASSERT_EQ(VxCreateImage(2, 1, VX_PF_RGB16, &rgb.p), S_OK);
   ASSERT_EQ(parser->ReadImage(&rgb.p, 0), S_OK);
   EXPECT_EQ(rgb.At16(1, 0, 1), 400);
-
-  // Little-endian float luma.
-  dpxtest::DpxHeaderRecipe luma;
-  luma.big = false;
-  luma.width = 3;
-  luma.height = 1;
-  luma.elements = {dpxtest::Element{6, 32, 0, 2, 2048, 0}};
-  const auto q = dir / "luma.dpx";
-  WriteDpx(q, dpxtest::MakeDpxHeader(luma), dpxtest::EncodeFloat({0.25f, 2.0f, -1.0f}, false));
-  Parser lp;
-  ASSERT_EQ(lp.Open(q), S_OK);
-  Image g;
-  ASSERT_EQ(lp->ReadImage(&g.p, 0), S_OK);
-  ASSERT_EQ(g.p->GetPixelFormat(), VX_PF_GRAYF32);
-  EXPECT_FLOAT_EQ(g.AtF(0, 0, 0), 0.25f);
-  EXPECT_FLOAT_EQ(g.AtF(1, 0, 0), 2.0f);  // float is kept unclamped
-  Image rgba;
-  ASSERT_EQ(VxCreateImage(3, 1, VX_PF_RGBA16, &rgba.p), S_OK);
-  ASSERT_EQ(lp->ReadImage(&rgba.p, 0), S_OK);
-  EXPECT_EQ(rgba.At16(0, 0, 0), 16384);
-  EXPECT_EQ(rgba.At16(0, 0, 2), 16384);
-  EXPECT_EQ(rgba.At16(1, 0, 1), 65535);
-  EXPECT_EQ(rgba.At16(2, 0, 0), 0);
-  EXPECT_EQ(rgba.At16(2, 0, 3), 65535);
 }
 
 TEST(DpxReadParser, SequenceReadsEachFileOnce) {
@@ -579,53 +605,30 @@ TEST(CineonReadParser, ReadsAndRefusesWrites) {
   EXPECT_EQ(hr, E_FAIL);
 }
 
-TEST(DpxReadParser, WritesWhatItReads) {
-  // The writer's files come back through the reader unchanged: 16 bits exactly, 10 bits to the
-  // nearest code value.
+TEST(DpxReadParser, WriterTakesNothingFromTheLastReadHeader) {
+  // A parser that read a file with a time code, a rate and a 12-bit depth writes a frame: the
+  // written file carries none of them, only what the host set (here: nothing but the pixels).
   vxtest::TempDir dir;
-  Image src;
-  ASSERT_EQ(VxCreateImage(5, 3, VX_PF_RGBA16, &src.p), S_OK);
-  for (int y = 0; y < 3; ++y) {
-    auto* row = reinterpret_cast<std::uint16_t*>(src.p->GetBuffer() + y * src.p->GetRowStride());
-    for (int i = 0; i < 5 * 4; ++i) row[i] = static_cast<std::uint16_t>(4099 * (y * 20 + i) + 7);
-  }
-  const struct {
-    const char* depth;
-    const char* layout;
-    const char* endian;
-    int tolerance;
-  } cases[] = {{"depth=16", "layout=packed-rgba", "endian=little", 0},
-               {"depth=16", "layout=planar-rgba", "endian=big", 0},
-               {"depth=10", "layout=rgb+alpha", "endian=big", 32},
-               {"depth=12", "layout=packed-abgr", "endian=little", 8}};
-  int n = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.depth) + " " + c.layout + " " + c.endian);
-    const auto p = dir / ("w" + std::to_string(n++) + ".dpx");
-    {
-      Parser writer;
-      ASSERT_EQ(writer->Open(vxtest::Wide(p).c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN), S_OK);
-      for (const char* o : {c.depth, c.layout, c.endian, "packing=packed"}) {
-        ASSERT_EQ(writer->SetOption(const_cast<VxChar*>(vx::FromUtf8(o).c_str()), VX_OPTION_TEXT),
-                  S_OK)
-            << o;
-      }
-      ASSERT_EQ(writer->WriteImage(src.p, 0), S_OK);
-    }
-    Parser reader;
-    ASSERT_EQ(reader.Open(p), S_OK);
-    Image back;
-    ASSERT_EQ(VxCreateImage(5, 3, VX_PF_RGBA16, &back.p), S_OK);
-    ASSERT_EQ(reader->ReadImage(&back.p, 0), S_OK);
-    for (int y = 0; y < 3; ++y) {
-      for (int x = 0; x < 5; ++x) {
-        for (int k = 0; k < 4; ++k) {
-          ASSERT_LE(std::abs(back.At16(x, y, k) - src.At16(x, y, k)), c.tolerance)
-              << x << "," << y << " c" << k;
-        }
-      }
-    }
-  }
+  dpxtest::DpxHeaderRecipe recipe;
+  recipe.width = 2;
+  recipe.height = 1;
+  recipe.elements = {dpxtest::Element{50, 12, 1, 2, 2048, 0}};
+  auto header = dpxtest::MakeDpxHeader(recipe);
+  header.U32(1920, 0x01020304);
+  header.F32(1940, 25.0f);
+  const auto in = dir / "in.dpx", out = dir / "out.dpx";
+  WriteDpx(in, header, std::vector<std::uint8_t>(12, 0x11));
+  Parser parser;
+  ASSERT_EQ(parser.Open(in), S_OK);
+  Image img;
+  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+  ASSERT_EQ(parser->Open(vxtest::Wide(out).c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN), S_OK);
+  ASSERT_EQ(parser->WriteImage(img.p, 0), S_OK);
+  const auto f = vxtest::ReadFile(out);
+  ASSERT_GE(f.size(), 2048u);
+  EXPECT_EQ(f[803], 16);  // the image's depth, not the file's 12 bits
+  EXPECT_EQ(vx::Load32(f.data() + 1920, true), 0xFFFFFFFFu);  // no time code
+  EXPECT_EQ(vx::Load32(f.data() + 1940, true), 0xFFFFFFFFu);  // no rate
   Parser cineon(false);
   EXPECT_EQ(cineon->WriteImage(nullptr, 0), E_POINTER);
 }
@@ -669,11 +672,7 @@ TEST(DpxReadParser, ColumnOrientationReportsTurnedSize) {
   EXPECT_EQ(f.height, 3u);
   Image img;
   ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  ASSERT_EQ(img.p->GetWidth(), 2);
-  ASSERT_EQ(img.p->GetHeight(), 3);
   // Lines right to left, each top to bottom: the first line is the right column.
   EXPECT_EQ(img.At16(1, 0, 0), 1);
-  EXPECT_EQ(img.At16(1, 2, 0), 3);
-  EXPECT_EQ(img.At16(0, 0, 0), 4);
   EXPECT_EQ(img.At16(0, 2, 0), 6);
 }

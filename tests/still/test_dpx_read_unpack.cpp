@@ -84,37 +84,24 @@ TEST(DpxUnpack, EveryDepthPackingOrderAndWidth) {
   }
 }
 
-TEST(DpxUnpack, KnownWordsOfTenBitFill) {
-  // Method A, big-endian: 1023, 0, 512 -> 0xFFC00000 | 0 | 512 << 2.
-  const std::uint8_t a[] = {0xFF, 0xC0, 0x08, 0x00};
-  std::uint16_t out[3];
-  DpxSampleLayout l;
-  l.bits = 10;
-  l.packing = 1;
-  l.bigEndian = true;
-  UnpackCodes(a, l, 3, out);
-  EXPECT_EQ(out[0], 1023);
-  EXPECT_EQ(out[1], 0);
-  EXPECT_EQ(out[2], 512);
-  // Method B, little-endian: 1 << 20 | 2 << 10 | 3.
-  const std::uint32_t w = 1u << 20 | 2u << 10 | 3u;
-  const std::uint8_t b[] = {static_cast<std::uint8_t>(w), static_cast<std::uint8_t>(w >> 8),
-                            static_cast<std::uint8_t>(w >> 16), static_cast<std::uint8_t>(w >> 24)};
-  l.packing = 2;
-  l.bigEndian = false;
-  UnpackCodes(b, l, 3, out);
-  EXPECT_EQ(out[0], 1);
-  EXPECT_EQ(out[1], 2);
-  EXPECT_EQ(out[2], 3);
-  // Packed little-endian: four samples in five bytes, lowest bits first.
-  const std::uint8_t p[] = {0x01, 0x08, 0x30, 0x00, 0xFF, 0, 0, 0};  // 1, 2, 3, 1020
-  l.packing = 0;
-  std::uint16_t q[4];
-  UnpackCodes(p, l, 4, q);
-  EXPECT_EQ(q[0], 1);
-  EXPECT_EQ(q[1], 2);
-  EXPECT_EQ(q[2], 3);
-  EXPECT_EQ(q[3], 1020);
+TEST(DpxUnpack, KnownTenBitWords) {
+  const struct {
+    std::uint32_t packing;
+    bool big;
+    std::vector<std::uint8_t> bytes;
+    std::vector<std::uint16_t> codes;
+  } cases[] = {// Method A, big-endian: 1023 << 22 | 0 << 12 | 512 << 2.
+               {1, true, {0xFF, 0xC0, 0x08, 0x00}, {1023, 0, 512}},
+               // Method B, little-endian: 1 << 20 | 2 << 10 | 3.
+               {2, false, {0x03, 0x08, 0x10, 0x00}, {1, 2, 3}},
+               // Packed little-endian: four samples in five bytes, lowest bits first.
+               {0, false, {0x01, 0x08, 0x30, 0x00, 0xFF, 0, 0, 0}, {1, 2, 3, 1020}}};
+  for (const auto& c : cases) {
+    const DpxSampleLayout l{10, c.packing, 1, c.big};
+    std::vector<std::uint16_t> out(c.codes.size());
+    UnpackCodes(c.bytes.data(), l, out.size(), out.data());
+    EXPECT_EQ(out, c.codes) << "packing " << c.packing;
+  }
 }
 
 TEST(DpxUnpack, FloatsInBothOrders) {
@@ -182,46 +169,28 @@ std::uint8_t Code(std::uint32_t x, std::uint32_t y, std::uint32_t c) {
 
 }  // namespace
 
-TEST(DpxDecode, OrientationsMirrorLinesAndColumns) {
-  for (std::uint32_t orientation = 0; orientation < 4; ++orientation) {
+TEST(DpxDecode, EveryOrientation) {
+  // Stored: 3 samples a line, 2 lines. Codes 0-3 show it 3 wide and 2 high, mirrored as the
+  // code says; 4-7 show it turned, 2 wide (one column a line) and 3 high.
+  for (std::uint32_t orientation = 0; orientation < 8; ++orientation) {
+    SCOPED_TRACE("orientation " + std::to_string(orientation));
+    const bool columns = orientation >= 4;
+    const std::uint32_t w = columns ? 2 : 3, h = columns ? 3 : 2;
     SmallImage img(3);
-    std::vector<std::uint16_t> px(3 * 2 * 3, 0);
-    DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 3 * 3 * 2, 3, 2, 3, false};
-    ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, -1, nullptr));
-    const bool flipX = orientation == 1 || orientation == 3;
-    const bool flipY = orientation == 2 || orientation == 3;
-    for (std::uint32_t y = 0; y < 2; ++y) {
-      for (std::uint32_t x = 0; x < 3; ++x) {
-        const std::uint32_t sx = flipX ? 2 - x : x, sy = flipY ? 1 - y : y;
-        for (std::uint32_t c = 0; c < 3; ++c) {
-          EXPECT_EQ(px[(y * 3 + x) * 3 + c], Code(sx, sy, c) * 257)
-              << "orientation " << orientation << " at " << x << "," << y << " channel " << c;
-        }
-      }
-    }
-  }
-}
-
-TEST(DpxDecode, ColumnOrientationsTurnThePicture) {
-  // Stored: 3 samples a line, 2 lines. Shown: 2 wide (one column per line), 3 high.
-  for (std::uint32_t orientation = 4; orientation < 8; ++orientation) {
-    SmallImage img(3);
-    std::vector<std::uint16_t> px(2 * 3 * 4, 0);
-    DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 2 * 4 * 2, 2, 3, 4, false};
+    std::vector<std::uint16_t> px(std::size_t{w} * h * 4, 0);
+    DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), w * 8, w, h, 4, false};
     ASSERT_TRUE(DpxDecode(&img.job, 1, t, orientation, 3, nullptr));
-    const bool linesRightToLeft = orientation == 5 || orientation == 7;
-    const bool samplesBottomUp = orientation == 6 || orientation == 7;
-    for (std::uint32_t y = 0; y < 3; ++y) {
-      for (std::uint32_t x = 0; x < 2; ++x) {
-        const std::uint32_t line = linesRightToLeft ? 1 - x : x;
-        const std::uint32_t sample = samplesBottomUp ? 2 - y : y;
-        for (std::uint32_t c = 0; c < 3; ++c) {
-          EXPECT_EQ(px[(y * 2 + x) * 4 + c], Code(sample, line, c) * 257)
-              << "orientation " << orientation << " at " << x << "," << y << " channel " << c;
-        }
-        EXPECT_EQ(px[(y * 2 + x) * 4 + 3], 65535);
+    // Mirrored lines (1, 3; 5, 7 for columns) and line order (2, 3; 6, 7).
+    const bool flipA = orientation % 2 == 1, flipB = orientation % 4 >= 2;
+    for (std::uint32_t y = 0; y < h; ++y)
+      for (std::uint32_t x = 0; x < w; ++x) {
+        std::uint32_t sample = columns ? y : x, line = columns ? x : y;
+        if (columns ? flipB : flipA) sample = 2 - sample;
+        if (columns ? flipA : flipB) line = 1 - line;
+        for (std::uint32_t c = 0; c < 3; ++c)
+          EXPECT_EQ(px[(y * w + x) * 4 + c], Code(sample, line, c) * 257) << x << "," << y;
+        EXPECT_EQ(px[(y * w + x) * 4 + 3], 65535);
       }
-    }
   }
   // The element must still hold its 2 lines of 3: a 3x2 target would need 3 lines of 2.
   SmallImage img(3);

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "dpx_write_test_util.h"
-#include "still/dpx/dpx_report.h"
 #include "test_util.h"
 
 using namespace vx;
@@ -14,8 +13,6 @@ using dpxtest::ElementSamples;
 using dpxtest::ImagePtr;
 
 namespace {
-
-#ifndef _WIN32
 
 struct HostRun {
   int code = -1;
@@ -44,12 +41,10 @@ HostRun Vxhost(const vxtest::TempDir& dir, const std::string& args) {
   return r;
 }
 
-std::string Quote(const std::filesystem::path& p) {
-  return "'" + p.string() + "'";
-}
+using vxtest::Quote;
 
 void WriteSource(const std::filesystem::path& path, DpxLayout layout, int packing, bool big) {
-  ImagePtr image(dpxtest::MakeTestImage(5, 3, 10));
+  auto image = ImagePtr::Adopt(dpxtest::MakeTestImage(5, 3, 10));
   DpxExportSettings settings;
   settings.bitDepth = 10;
   settings.layout = layout;
@@ -61,6 +56,9 @@ void WriteSource(const std::filesystem::path& path, DpxLayout layout, int packin
 class VxhostDpx : public ::testing::Test {
  protected:
   void SetUp() override {
+#ifdef _WIN32
+    GTEST_SKIP() << "the vxhost tests drive it through a POSIX shell";
+#endif
     if (!std::filesystem::exists(vxtest::BinDir() / "vxhost"))
       GTEST_SKIP() << "vxhost is not built in " << vxtest::BinDir();
   }
@@ -72,34 +70,50 @@ TEST_F(VxhostDpx, ReportPrintsTheHeaderText) {
   WriteSource(file, DpxLayout::PackedRGB, 1, true);
   const HostRun r = Vxhost(dir, "report " + Quote(file));
   ASSERT_EQ(r.code, 0) << r.err;
-  std::vector<VxChar> buf(65536);
-  ASSERT_EQ(DpxHeaderReport(vxtest::Wide(file).c_str(), buf.data(), 65536), S_OK);
-  std::string want;
-  for (char c : vx::ToUtf8(buf.data()))
-    if (c != '\r') want += c;
-  EXPECT_EQ(r.out, want);
-  EXPECT_NE(r.out.find("  packing: filled to 32-bit words, method A\n"), std::string::npos);
+  // The text of the header report, one line a field, with plain newlines on a terminal.
+  EXPECT_EQ(r.out.find('\r'), std::string::npos);
+  for (const char* line :
+       {"Endianness: big\n\n[ File information header ]\n\n  generic header size: 1664 bytes\n",
+        "  creator: Halden Vx\n", "  size in pixels: 5x3\n  nb of elements: 1\n",
+        "[ Image element 0 ]\n\n  data sign: unsigned\n  low data code value: 0\n",
+        "  descriptor: RGB\n  transfer characteristic: linear\n",
+        "  bit depth: 10\n  packing: filled to 32-bit words, method A\n  encoding: none\n",
+        "  offset to data: 2048\n", "  border validity (L,R,T,B): ?, ?, ?, ?\n",
+        "[ Television information header ]\n\n  interlace: progressive\n"})
+    EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n---\n" << r.out;
 
   const HostRun missing = Vxhost(dir, "report " + Quote(dir / "none.dpx"));
   EXPECT_EQ(missing.code, 1);
   EXPECT_EQ(missing.err, (dir / "none.dpx").string() + ": cannot open: no such file\n");
 }
 
-TEST_F(VxhostDpx, ConvertKeepsDepthLayoutAndSamples) {
-  const auto in = dir / "in.dpx", out = dir / "out.dpx";
-  WriteSource(in, DpxLayout::PlanarRGBA, 1, false);
-  const HostRun r = Vxhost(dir, "convert " + Quote(in) + " " + Quote(out));
-  ASSERT_EQ(r.code, 0) << r.err;
-  const auto src = vxtest::ReadFile(in), dst = vxtest::ReadFile(out);
-  ASSERT_GE(dst.size(), kHeaderSize);
-  EXPECT_EQ(Load16(dst.data() + kOffElementCount, dst[0] == 'S'), 4);
-  for (std::uint32_t i = 0; i < 4; ++i) {
-    ElementSamples a, b;
-    ASSERT_TRUE(dpxtest::ReadElement(src, i, &a));
-    ASSERT_TRUE(dpxtest::ReadElement(dst, i, &b));
-    EXPECT_EQ(b.descriptor, a.descriptor);
-    EXPECT_EQ(b.bits, 10u);
-    EXPECT_EQ(b.codes, a.codes) << "element " << i;
+TEST_F(VxhostDpx, ConvertKeepsDepthLayoutPackingAndSamples) {
+  // Planar RGBA little-endian method A, and packed RGB method B: the copy has the same
+  // elements, and its picture bytes are the source's.
+  const struct {
+    DpxLayout layout;
+    int packing;
+    bool big;
+    std::uint32_t elements;
+  } cases[] = {{DpxLayout::PlanarRGBA, 1, false, 4}, {DpxLayout::PackedRGB, 2, true, 1}};
+  for (const auto& c : cases) {
+    const auto in = dir / "in.dpx", out = dir / "out.dpx";
+    std::filesystem::remove(out);
+    WriteSource(in, c.layout, c.packing, c.big);
+    const HostRun r = Vxhost(dir, "convert -q " + Quote(in) + " " + Quote(out));
+    ASSERT_EQ(r.code, 0) << r.err;
+    const auto src = vxtest::ReadFile(in), dst = vxtest::ReadFile(out);
+    ASSERT_EQ(dst.size(), src.size());
+    EXPECT_EQ(Load16(dst.data() + 770, dst[0] == 'S'), c.elements);
+    for (std::uint32_t i = 0; i < c.elements; ++i) {
+      ElementSamples a, b;
+      ASSERT_TRUE(dpxtest::ReadElement(src, i, &a));
+      ASSERT_TRUE(dpxtest::ReadElement(dst, i, &b));
+      EXPECT_EQ(b.descriptor, a.descriptor);
+      EXPECT_EQ(b.bits, 10u);
+      EXPECT_EQ(b.packing, static_cast<std::uint32_t>(c.packing));
+      EXPECT_EQ(b.codes, a.codes) << "element " << i;
+    }
   }
 }
 
@@ -157,23 +171,10 @@ TEST_F(VxhostDpx, ConvertsNumberedSequences) {
   EXPECT_FALSE(std::filesystem::exists(dir / "one.dpx"));
 }
 
-TEST_F(VxhostDpx, ConvertKeepsPackingByDefault) {
-  const auto in = dir / "b.dpx", out = dir / "kept.dpx";
-  WriteSource(in, DpxLayout::PackedRGB, 2, true);
-  const HostRun r = Vxhost(dir, "convert -q " + Quote(in) + " " + Quote(out));
-  ASSERT_EQ(r.code, 0) << r.err;
-  const auto a = vxtest::ReadFile(in), b = vxtest::ReadFile(out);
-  ASSERT_GE(b.size(), kHeaderSize);
-  EXPECT_EQ(b[ElementOffset(0) + kElBitSize], 10);
-  ASSERT_EQ(a.size(), b.size());
-  EXPECT_TRUE(std::equal(a.begin() + kHeaderSize, a.end(), b.begin() + kHeaderSize));
-}
-
 TEST_F(VxhostDpx, ThumbnailAveragesAreasIntoPpm) {
   // 8x4 picture: left half code 1023 in red only, right half 0; a 2x1 thumbnail keeps that.
-  IVxImage* raw = nullptr;
-  ASSERT_EQ(VxCreateImage(8, 4, VX_PF_RGBA16, &raw), S_OK);
-  ImagePtr image(raw);
+  ImagePtr image;
+  ASSERT_EQ(VxCreateImage(8, 4, VX_PF_RGBA16, image.put()), S_OK);
   for (int y = 0; y < 4; ++y) {
     auto* row = reinterpret_cast<std::uint16_t*>(image->GetBuffer() + y * image->GetRowStride());
     for (int x = 0; x < 8; ++x) {
@@ -198,7 +199,5 @@ TEST_F(VxhostDpx, ThumbnailAveragesAreasIntoPpm) {
 
   EXPECT_EQ(Vxhost(dir, "thumbnail " + Quote(in) + " " + Quote(dir / "t.bmp")).code, 1);
 }
-
-#endif  // _WIN32
 
 }  // namespace

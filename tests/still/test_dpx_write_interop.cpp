@@ -71,7 +71,7 @@ TEST(DpxWriteInterop, ImageMagickReadsOurFiles) {
   vxtest::TempDir dir;
   const std::uint32_t width = 7, height = 2;  // 7 pixels leave partial words in every packing
   for (const Case& c : kReadable) {
-    ImagePtr image(dpxtest::MakeTestImage(width, height, c.bits));
+    auto image = ImagePtr::Adopt(dpxtest::MakeTestImage(width, height, c.bits));
     for (bool big : {true, false}) {
       DpxExportSettings settings;
       settings.bitDepth = static_cast<int>(c.bits);

@@ -304,21 +304,22 @@ HRESULT CVxDPXFileParser::ReadElements(vx::os::FileHandle file) {
              vx::CheckedAdd(*bytes, need, bytes) && *bytes <= kMaxRead;
     };
     std::uint64_t stride = line + e.eolPadding;
+    const std::uint64_t available = e.dataOffset <= fileSize ? fileSize - e.dataOffset : 0;
+    // Writers disagree on whether a line ends on a 32-bit word: some leave 8-bit lines unpadded,
+    // some pad 16-bit ones. When the data holds exactly the lines of the other length (and not
+    // those of ours), the file was written that way.
+    const std::uint64_t padded = (need + 3) & ~std::uint64_t{3};
+    if (isDpx_ && e.eolPadding == 0 && padded != need) {
+      const std::uint64_t other = line == need ? padded : need;
+      std::uint64_t ours = 0, theirs = 0;
+      if (vx::CheckedProduct(&theirs, other, s.height) && theirs == available &&
+          !(vx::CheckedProduct(&ours, line, s.height) && ours == available)) {
+        stride = other;
+      }
+    }
     std::uint64_t bytes = 0;
     if (!span(stride, &bytes)) return E_FAIL;
-    const std::uint64_t available = e.dataOffset <= fileSize ? fileSize - e.dataOffset : 0;
-    if (bytes > available) {
-      // Some writers end each 8-bit line with its last sample instead of a whole 32-bit word.
-      // A file that holds exactly such unpadded lines is read that way; anything else shorter
-      // than the padded lines is truncated.
-      std::uint64_t unpadded = 0;
-      if (!isDpx_ || e.eolPadding != 0 || need == line ||
-          !vx::CheckedProduct(&unpadded, need, s.height) || unpadded != available) {
-        return E_FAIL;
-      }
-      stride = need;
-      bytes = unpadded;
-    }
+    if (bytes > available) return E_FAIL;  // truncated
     job.rowStride = stride;
     std::vector<std::uint8_t>& buffer = buffers_[i];
     if (buffer.size() < bytes) buffer.resize(bytes);

@@ -396,14 +396,62 @@ void Pack10FilledRGB(const S* src, std::size_t width, int step, const int* index
     Store32(out, w, Big);
   }
 }
+// Samples that fill whole bytes (8 bits) or 16-bit words (12-bit filled, 16 bits), each stored
+// straight from the code table.
+template <std::uint32_t N, class S, class Put>
+void PackWhole(const S* src, std::size_t width, int step, const int* index, std::uint16_t opaque,
+               const std::uint16_t* codeOf, Put put) {
+  for (std::size_t x = 0, i = 0; x < width; ++x, src += step)
+    for (std::uint32_t k = 0; k < N; ++k, ++i)
+      put(i, index[k] < 0 ? opaque : codeOf[src[index[k]]]);
+}
+template <class S, class Put>
+void PackWholeAny(const S* src, std::size_t width, int step, const ElementSource& e,
+                  std::uint16_t opaque, const std::uint16_t* codeOf, Put put) {
+  switch (e.components) {
+    case 1:
+      PackWhole<1>(src, width, step, e.index, opaque, codeOf, put);
+      break;
+    case 3:
+      PackWhole<3>(src, width, step, e.index, opaque, codeOf, put);
+      break;
+    default:
+      PackWhole<4>(src, width, step, e.index, opaque, codeOf, put);
+      break;
+  }
+}
+
+// The common exports straight from the source samples: false when the line needs the general
+// path (packed 10 and 12 bits, 1 bit, four-component 10-bit words).
 template <class S>
 bool PackFast(const S* src, std::size_t width, int step, const ElementSource& e,
               const DpxOutputPlan& plan, const std::uint16_t* codeOf, std::uint8_t* out) {
+  const auto opaque = static_cast<std::uint16_t>(MaxCode(plan.bits));
+  const bool big = plan.bigEndian;
+  if (plan.bits == 8) {
+    PackWholeAny(src, width, step, e, opaque, codeOf,
+                 [out](std::size_t i, std::uint16_t v) { out[i] = static_cast<std::uint8_t>(v); });
+    return true;
+  }
+  if (plan.bits == 16 || (plan.bits == 12 && plan.packing != kPackPacked)) {
+    const unsigned shift = plan.bits == 12 && plan.packing == kPackFillA ? 4 : 0;
+    if (big)
+      PackWholeAny(src, width, step, e, opaque, codeOf,
+                   [out, shift](std::size_t i, std::uint16_t v) {
+                     StoreBE16(out + 2 * i, static_cast<std::uint16_t>(v << shift));
+                   });
+    else
+      PackWholeAny(src, width, step, e, opaque, codeOf,
+                   [out, shift](std::size_t i, std::uint16_t v) {
+                     StoreLE16(out + 2 * i, static_cast<std::uint16_t>(v << shift));
+                   });
+    return true;
+  }
   if (plan.bits != 10 || plan.packing == kPackPacked || e.components != 3 || e.index[0] < 0 ||
       e.index[1] < 0 || e.index[2] < 0)
     return false;
   const bool a = plan.packing == kPackFillA;
-  if (plan.bigEndian)
+  if (big)
     a ? Pack10FilledRGB<S, true, 2>(src, width, step, e.index, codeOf, out)
       : Pack10FilledRGB<S, true, 0>(src, width, step, e.index, codeOf, out);
   else
