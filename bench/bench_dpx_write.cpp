@@ -94,15 +94,15 @@ void BM_OiioWriteDpx4K(benchmark::State& state) {
   const OIIO::TypeDesc type = bits == 8    ? OIIO::TypeDesc::UINT8
                               : bits == 32 ? OIIO::TypeDesc::FLOAT
                                            : OIIO::TypeDesc::UINT16;
-  OIIO::ImageSpec spec(kWidth, kHeight, channels, type);
-  spec.attribute("oiio:BitsPerSample", bits);
+  OIIO::ImageSpec format(kWidth, kHeight, channels, type);
+  format.attribute("oiio:BitsPerSample", bits);
   static const char* const kPacking[] = {"Packed", "Filled, method A", "Filled, method B"};
-  spec.attribute("dpx:Packing", kPacking[state.range(1)]);
+  format.attribute("dpx:Packing", kPacking[state.range(1)]);
   const auto path = Target("oiio");
   const auto t0 = std::chrono::steady_clock::now();
   for (auto _ : state) {
     auto out = OIIO::ImageOutput::create(path.string());
-    if (!out || !out->open(path.string(), spec) ||
+    if (!out || !out->open(path.string(), format) ||
         !out->write_image(OIIO::TypeDesc::UINT16, image->GetBuffer(), 8, image->GetRowStride()) ||
         !out->close()) {
       state.SkipWithError("OpenImageIO write failed");
