@@ -114,39 +114,15 @@ TEST(DpxHeader, ElementsToSlots) {
     std::uint32_t accepted, maxBits, components0, slot1;  // slot1: descriptor in slot 1
     bool alpha, reversed, planar, separateAlpha;
   } cases[] = {
-      {"eight, five of kinds that are skipped",
-       {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)},
-       3,
-       10,
-       1,
-       2,
-       false,
-       false,
-       true,
-       false},
-      {"64-bit and packing-3 reds skipped",
-       {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)},
-       1,
-       12,
-       3,
-       0,
-       false,
-       false,
-       false,
-       false},
+      // clang-format off
+      {"eight, five of kinds that are skipped", {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)}, 3, 10, 1, 2, false, false, true, false},
+      {"64-bit and packing-3 reds skipped", {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)}, 1, 12, 3, 0, false, false, false, false},
       {"luma counts all colours", {El(6, 16, 0)}, 1, 16, 1, 0, false, false, false, false},
       {"BGR, alpha follows in slot 1", {El(53), alpha}, 2, 10, 3, 4, true, true, false, true},
-      {"planar keeps green in slot 1",
-       {El(1), El(2), El(3), alpha},
-       4,
-       10,
-       1,
-       2,
-       true,
-       false,
-       true,
-       true},
-      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false}};
+      {"planar keeps green in slot 1", {El(1), El(2), El(3), alpha}, 4, 10, 1, 2, true, false, true, true},
+      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false}
+      // clang-format on
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     DpxHeaderRecipe recipe;
@@ -170,50 +146,47 @@ TEST(DpxHeader, ElementsToSlots) {
   }
 }
 
-TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
-  const std::pair<std::uint32_t, std::uint32_t> cases[] = {
-      {0x7FFFFFFF, 0}, {0xFFFFFFFF, 0}, {0x7FFFFFFE, 0x7FFFFFFE}};
-  for (const auto& [stored, read] : cases) {
+// Optional fields as stored and as read: padding at or above 2^31 - 1 is none, an empty element
+// offset falls back to the image offset, an aspect needs both parts, rates outside (0, 8000) are
+// unknown (-1) and 23.976 is 24000/1001, interlace 0 is progressive (2) whatever the field.
+TEST(DpxHeader, OptionalFields) {
+  enum Field { Padding, Offset, Aspect, Rate, Fields };
+  const struct {
+    Field field;
+    std::uint32_t a, b;  // stored value(s); a float's bits for Rate
+    double want;
+    bool known = true;  // Aspect only
+  } cases[] = {
+      // clang-format off
+      {Padding, 0x7FFFFFFF, 0, 0}, {Padding, 0xFFFFFFFF, 0, 0}, {Padding, 0x7FFFFFFE, 0, 0x7FFFFFFE},
+      {Offset, 0, 0, 8192}, {Offset, 0xFFFFFFFF, 0, 8192},
+      {Aspect, 0xFFFFFFFF, 0xFFFFFFFF, 1.0, false}, {Aspect, 4, 0xFFFFFFFF, 1.0, false},
+      {Aspect, 0xFFFFFFFF, 3, 1.0, false}, {Aspect, 0, 3, 1.0, false}, {Aspect, 4, 0, 1.0, false},
+      {Aspect, 4, 3, 4.0 / 3.0}, {Aspect, 0x80000000u, 0x40000000u, 2.0},
+      {Rate, 0, 0, -1.0}, {Rate, 0x45FA0000 /* 8000 */, 0, -1.0}, {Rate, 0xFFFFFFFF, 0, -1.0},
+      {Rate, 0xC1C00000 /* -24 */, 0, -1.0}, {Rate, 0x41C00000, 0, 24.0}, {Rate, 0x41C80000, 0, 25.0},
+      {Rate, 0x41BFCED9 /* 23.976 */, 0, 24000.0 / 1001.0}, {Rate, 0x45F9F800 /* 7999 */, 0, 7999.0},
+      {Fields, 0, 0, 2}, {Fields, 0, 1, 2}, {Fields, 1, 1, 1}, {Fields, 1, 2, 0}, {Fields, 1, 0, 2},
+      {Fields, 1, 3, 1}, {Fields, 255, 1, 3}
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.field) + ": " + std::to_string(c.a) + "/" + std::to_string(c.b));
     DpxHeaderRecipe recipe;
-    recipe.elements[0].eolPadding = stored;
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-    EXPECT_EQ(s.elements[0].eolPadding, read) << stored;
-  }
-}
-
-TEST(DpxHeader, EmptyElementOffsetFallsBackToImageOffset) {
-  for (std::uint32_t stored : {0u, 0xFFFFFFFFu}) {
-    DpxHeaderRecipe recipe;
-    recipe.elements[0].offset = stored;
+    if (c.field == Padding) recipe.elements[0].eolPadding = c.a;
+    if (c.field == Offset) recipe.elements[0].offset = c.a;
     auto b = dpxtest::MakeDpxHeader(recipe);
     b.U32(4, 8192);
+    if (c.field == Aspect) b.U32(1628, c.a), b.U32(1632, c.b);
+    if (c.field == Rate) b.U32(1940, c.a);
+    if (c.field == Fields)
+      b.U8(1928, static_cast<std::uint8_t>(c.a)), b.U8(1929, static_cast<std::uint8_t>(c.b));
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s));
-    EXPECT_EQ(s.elements[0].dataOffset, 8192u) << stored;
-  }
-}
-
-TEST(DpxHeader, PixelAspect) {
-  struct Case {
-    std::uint32_t h, v;
-    bool known;
-    double aspect;
-  } cases[] = {{0xFFFFFFFF, 0xFFFFFFFF, false, 1.0},
-               {4, 0xFFFFFFFF, false, 1.0},
-               {0xFFFFFFFF, 3, false, 1.0},
-               {0, 3, false, 1.0},
-               {4, 0, false, 1.0},
-               {4, 3, true, 4.0 / 3.0},
-               {0x80000000u, 0x40000000u, true, 2.0}};
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader({});
-    b.U32(1628, c.h);
-    b.U32(1632, c.v);
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(b, &s));
-    EXPECT_EQ(s.aspectKnown, c.known) << c.h << "/" << c.v;
-    EXPECT_DOUBLE_EQ(s.pixelAspect, c.aspect) << c.h << "/" << c.v;
+    const double got[] = {double(s.elements[0].eolPadding), double(s.elements[0].dataOffset),
+                          s.pixelAspect, s.frameRate, double(s.fieldMode)};
+    EXPECT_NEAR(got[c.field], c.want, 1e-9);
+    EXPECT_EQ(s.aspectKnown, c.field == Aspect ? c.known : false);
   }
 }
 
@@ -244,43 +217,6 @@ TEST(DpxHeader, LevelsDefaultByDepth) {
   EXPECT_DOUBLE_EQ(s.whiteLevel, 940.0);
   EXPECT_DOUBLE_EQ(s.blackLevel, 64.0);
   EXPECT_DOUBLE_EQ(s.gamma, 1.0);
-}
-
-TEST(DpxHeader, FrameRates) {
-  struct Case {
-    float rate;
-    bool undefined;
-    double expect;
-  } cases[] = {{0.0f, false, -1.0},
-               {8000.0f, false, -1.0},
-               {0.0f, true, -1.0},
-               {-24.0f, false, -1.0},
-               {24.0f, false, 24.0},
-               {25.0f, false, 25.0},
-               {23.976f, false, 24000.0 / 1001.0},
-               {7999.0f, false, 7999.0}};
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader({});
-    if (!c.undefined) b.F32(1940, c.rate);
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(b, &s));
-    EXPECT_NEAR(s.frameRate, c.expect, 1e-9) << c.rate;
-  }
-}
-
-TEST(DpxHeader, FieldModes) {
-  struct Case {
-    std::uint8_t interlace, field;
-    int mode;
-  } cases[] = {{0, 0, 2}, {0, 1, 2}, {1, 1, 1}, {1, 2, 0}, {1, 0, 2}, {1, 3, 1}, {255, 1, 3}};
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader({});
-    b.U8(1928, c.interlace);
-    b.U8(1929, c.field);
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(b, &s));
-    EXPECT_EQ(s.fieldMode, c.mode) << int(c.interlace) << "/" << int(c.field);
-  }
 }
 
 TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {

@@ -243,11 +243,8 @@ TEST(DpxDecode, ChannelOrdersAlphaAndLuma) {
 }
 
 TEST(DpxDecode, FloatSamplesClampInto16Bits) {
-  const std::vector<float> v = {0.5f,
-                                1.5f,
-                                -1.0f,
-                                std::numeric_limits<float>::quiet_NaN(),
-                                std::numeric_limits<float>::infinity(),
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const std::vector<float> v = {0.5f, 1.5f, -1.0f, nan, std::numeric_limits<float>::infinity(),
                                 0.25f};
   const auto bytes = dpxtest::EncodeFloat(v, true);
   DpxElementJob job;
@@ -258,12 +255,7 @@ TEST(DpxDecode, FloatSamplesClampInto16Bits) {
   std::vector<std::uint16_t> px(6);
   DpxTarget t{reinterpret_cast<std::uint8_t*>(px.data()), 12, 2, 1, 3, false};
   ASSERT_TRUE(DpxDecode(&job, 1, t, 0, -1, nullptr));
-  EXPECT_EQ(px[0], 32768);
-  EXPECT_EQ(px[1], 65535);
-  EXPECT_EQ(px[2], 0);
-  EXPECT_EQ(px[3], 0);
-  EXPECT_EQ(px[4], 65535);
-  EXPECT_EQ(px[5], 16384);
+  EXPECT_EQ(px, (std::vector<std::uint16_t>{32768, 65535, 0, 0, 65535, 16384}));
 }
 
 TEST(DpxDecode, ShortDataIsRefusedWithoutWriting) {
