@@ -45,14 +45,10 @@ Element El(std::uint8_t desc, std::uint8_t bits = 10, std::uint16_t packing = 1)
 
 TEST(DpxHeader, ReadsBothByteOrders) {
   for (bool big : {true, false}) {
-    DpxHeaderRecipe recipe;
-    recipe.big = big;
-    recipe.width = 0x01020304;
-    recipe.height = 0x00000A0B;
-    recipe.elements = {El(50, 10, 1)};
-    recipe.elements[0].offset = 0x00012345;
-    recipe.elements[0].eolPadding = 12;
-    auto b = dpxtest::MakeDpxHeader(recipe);
+    auto b = dpxtest::MakeDpxHeader({.big = big,
+                                     .width = 0x01020304,
+                                     .height = 0x0A0B,
+                                     .elements = {{.offset = 0x12345, .eolPadding = 12}}});
     b.U32(1920, 0x01020304);
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s)) << big;
@@ -257,12 +253,8 @@ TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
 
 TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
   for (bool big : {true, false}) {
-    dpxtest::CineonRecipe recipe;
-    recipe.big = big;
-    recipe.width = 0x0102;
-    recipe.height = 0x0304;
-    recipe.dataOffset = 0x8000;
-    auto b = dpxtest::MakeCineonHeader(recipe);
+    auto b = dpxtest::MakeCineonHeader(
+        {.big = big, .width = 0x0102, .height = 0x0304, .dataOffset = 0x8000});
     b.U32(684, 8);
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s)) << big;
@@ -291,11 +283,8 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
       // clang-format on
   };
   for (auto c : ok) {
-    dpxtest::CineonRecipe recipe;
-    recipe.channels = c.channels;
-    recipe.bits = c.bits;
-    recipe.packing = c.packing;
-    auto b = dpxtest::MakeCineonHeader(recipe);
+    auto b =
+        dpxtest::MakeCineonHeader({.channels = c.channels, .bits = c.bits, .packing = c.packing});
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
     EXPECT_EQ(s.elements[0].descriptor, c.desc);
@@ -308,30 +297,20 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
 }
 
 TEST(CineonHeader, FaultsFail) {
-  struct Case {
+  const struct Case {
     const char* what;
     dpxtest::CineonRecipe recipe;
-    std::size_t at = 0;
+    std::size_t at = 0;  // a byte set to `value`
     std::uint8_t value = 0;
     std::size_t size = 2048;
+  } cases[] = {
+      // clang-format off
+      {"packing 1", {.packing = 1}}, {"two channels", {.channels = 2}}, {"twelve bits", {.bits = 12}},
+      {"sixteen bits", {.bits = 16}}, {"orientation 8", {.orientation = 8}},
+      {"interleave", {}, 680, 1}, {"signed", {}, 682, 1}, {"negative sense", {}, 683, 1},
+      {"bad magic", {}, 3, 0xD6}, {"cut short", {}, 0, 0, 2047}, {"first read cut", {}, 0, 0, 191}
+      // clang-format on
   };
-  std::vector<Case> cases;
-  auto add = [&](const char* what, auto tweak) {
-    Case c{what, {}};
-    tweak(c);
-    cases.push_back(c);
-  };
-  add("packing 1", [](Case& c) { c.recipe.packing = 1; });
-  add("two channels", [](Case& c) { c.recipe.channels = 2; });
-  add("twelve bits", [](Case& c) { c.recipe.bits = 12; });
-  add("sixteen bits", [](Case& c) { c.recipe.bits = 16; });
-  add("orientation 8", [](Case& c) { c.recipe.orientation = 8; });
-  add("interleave", [](Case& c) { c.at = 680, c.value = 1; });
-  add("signed", [](Case& c) { c.at = 682, c.value = 1; });
-  add("negative sense", [](Case& c) { c.at = 683, c.value = 1; });
-  add("bad magic", [](Case& c) { c.at = 3, c.value = 0xD6; });
-  add("cut short", [](Case& c) { c.size = 2047; });
-  add("first read cut", [](Case& c) { c.size = 191; });
   for (const Case& c : cases) {
     auto b = dpxtest::MakeCineonHeader(c.recipe);
     if (c.at) b.U8(c.at, c.value);

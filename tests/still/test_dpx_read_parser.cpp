@@ -301,17 +301,17 @@ TEST(DpxReadFaults, BadFilesFailAndKeepNothing) {
     bool headerFails;
     std::size_t dataBytes = 32, cut = 0;
     const char* magic = nullptr;
-  } cases[] = {{"magic", [](Recipe&) {}, true, 32, 0, "ABCD"},
-               {"no blue",
-                [](Recipe& r) {
-                  r.elements = {{1}, {2}};
-                },
-                true},
-               {"film header cut", [](Recipe&) {}, true, 0, 1800},
-               {"data a byte short", [](Recipe&) {}, false, 31},
-               {"offset past the end", [](Recipe& r) { r.elements[0].offset = 0x7FFFFFF0; }, false},
-               {"huge", [](Recipe& r) { r.width = r.height = 0x40000000; }, false},
-               {"absent", nullptr, true}};
+  } cases[] = {
+      // clang-format off
+      {"magic", [](Recipe&) {}, true, 32, 0, "ABCD"},
+      {"no blue", [](Recipe& r) { r.elements = {{1}, {2}}; }, true},
+      {"film header cut", [](Recipe&) {}, true, 0, 1800},
+      {"data a byte short", [](Recipe&) {}, false, 31},
+      {"offset past the end", [](Recipe& r) { r.elements[0].offset = 0x7FFFFFF0; }, false},
+      {"huge", [](Recipe& r) { r.width = r.height = 0x40000000; }, false},
+      {"absent", nullptr, true}
+      // clang-format on
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto bad = dir / (std::string(c.name) + ".dpx");
@@ -595,41 +595,39 @@ TEST(DpxReadParser, WriterTakesNothingFromTheLastReadHeader) {
   EXPECT_EQ(cineon->WriteImage(nullptr, 0), E_POINTER);
 }
 
-TEST(DpxReadParser, ImposedAlphaGivesOpaqueChannel) {
+// An imposed alpha gives an opaque channel; column orientation turns the reported size.
+TEST(DpxReadParser, ImposedAlphaAndColumnOrientation) {
   vxtest::TempDir dir;
-  const auto p = WriteDpx(
-      dir / "rgb.dpx", dpxtest::MakeDpxHeader({.width = 2, .height = 1, .elements = {{50, 16, 0}}}),
-      dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
-  Parser parser;
-  ASSERT_EQ(parser.Open(p), S_OK);
-  tagVxImageStreamFormat f{};
-  f.cbSize = sizeof f;
-  f.hasAlpha = 1;
-  ASSERT_EQ(parser->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
-  Image img;
-  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  ASSERT_EQ(img.p->GetPixelFormat(), VX_PF_RGBA16);
-  EXPECT_EQ(img.At(1, 0, 0), 4);
-  EXPECT_EQ(img.At(1, 0, 3), 65535);
-}
-
-TEST(DpxReadParser, ColumnOrientationReportsTurnedSize) {
-  vxtest::TempDir dir;
-  // 3 samples a line: the picture's height.
-  const auto p = WriteDpx(
-      dir / "turned.dpx",
-      dpxtest::MakeDpxHeader({.width = 3, .height = 2, .orientation = 5, .elements = {{6, 16, 0}}}),
-      dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
-  Parser parser;
-  ASSERT_EQ(parser.Open(p), S_OK);
-  HRESULT hr;
-  const auto f = Format(parser, &hr);
-  ASSERT_EQ(hr, S_OK);
-  EXPECT_EQ(f.width, 2u);
-  EXPECT_EQ(f.height, 3u);
-  Image img;
-  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  // Lines right to left, each top to bottom: the first line is the right column.
-  EXPECT_EQ(img.At(1, 0, 0), 1);
-  EXPECT_EQ(img.At(0, 2, 0), 6);
+  for (const bool turned : {false, true}) {
+    SCOPED_TRACE(turned ? "turned" : "alpha");
+    // Turned: 3 samples a line, the picture's height.
+    const auto header =
+        turned ? dpxtest::MakeDpxHeader(
+                     {.width = 3, .height = 2, .orientation = 5, .elements = {{6, 16, 0}}})
+               : dpxtest::MakeDpxHeader({.width = 2, .height = 1, .elements = {{50, 16, 0}}});
+    Parser parser;
+    ASSERT_EQ(
+        parser.Open(WriteDpx(dir / "x.dpx", header, dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true))),
+        S_OK);
+    tagVxImageStreamFormat f{};
+    f.cbSize = sizeof f;
+    f.hasAlpha = 1;
+    ASSERT_EQ(turned ? S_OK : parser->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
+    HRESULT hr;
+    f = Format(parser, &hr);
+    ASSERT_EQ(hr, S_OK);
+    EXPECT_EQ(f.width, 2u);
+    EXPECT_EQ(f.height, turned ? 3u : 1u);
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+    if (turned) {
+      // Lines right to left, each top to bottom: the first line is the right column.
+      EXPECT_EQ(img.At(1, 0, 0), 1);
+      EXPECT_EQ(img.At(0, 2, 0), 6);
+    } else {
+      ASSERT_EQ(img.p->GetPixelFormat(), VX_PF_RGBA16);
+      EXPECT_EQ(img.At(1, 0, 0), 4);
+      EXPECT_EQ(img.At(1, 0, 3), 65535);
+    }
+  }
 }

@@ -113,13 +113,9 @@ TEST(DpxSettings, BadAndUnknownOptions) {
   DpxImportSettings im;
   const DpxExportSettings before = ex;
   EXPECT_EQ(ApplyDpxOption(VXT("quality=3"), &ex, &im), S_FALSE);
-  EXPECT_EQ(ApplyDpxOption(VXT("depth=11"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("depth=10x"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("layout=yuv"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("packing=c"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("endian=middle"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("transfer=-2"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("depth"), &ex, &im), E_INVALIDARG);
+  for (const VxChar* bad : {VXT("depth=11"), VXT("depth=10x"), VXT("layout=yuv"), VXT("packing=c"),
+                            VXT("endian=middle"), VXT("transfer=-2"), VXT("depth")})
+    EXPECT_EQ(ApplyDpxOption(bad, &ex, &im), E_INVALIDARG) << vx::ToUtf8(bad);
   EXPECT_EQ(ApplyDpxOption(nullptr, &ex, &im), E_POINTER);
   EXPECT_EQ(ApplyDpxOption(VXT("depth=8"), nullptr, &im), E_POINTER);
   EXPECT_EQ(ex.bitDepth, before.bitDepth);
