@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <tuple>
 
 #include "dpx_read_test_util.h"
 #include "still/dpx/dpx_header.h"
@@ -52,15 +53,11 @@ TEST(DpxHeader, ReadsBothByteOrders) {
     b.U32(1920, 0x01020304);
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s)) << big;
-    EXPECT_EQ(s.bigEndian, big);
-    EXPECT_EQ(s.width, 0x01020304u);
-    EXPECT_EQ(s.height, 0x0A0Bu);
-    EXPECT_EQ(s.elements[0].dataOffset, 0x12345u);
-    EXPECT_EQ(s.elements[0].eolPadding, 12u);
-    EXPECT_EQ(s.elements[0].components, 3u);
-    EXPECT_EQ(s.elements[0].packing, 1u);
-    EXPECT_EQ(s.timeCode, 0x01020304u);
-    EXPECT_EQ(s.maxBits, 10u);
+    const auto& e = s.elements[0];
+    EXPECT_EQ(std::tuple(s.bigEndian, s.width, s.height, s.timeCode, s.maxBits),
+              std::tuple(big, 0x01020304u, 0x0A0Bu, 0x01020304u, 10u));
+    EXPECT_EQ(std::tuple(e.dataOffset, e.eolPadding, e.components, e.packing),
+              std::tuple(0x12345u, 12u, 3u, 1u));
   }
 }
 
@@ -127,15 +124,13 @@ TEST(DpxHeader, ElementsToSlots) {
     DpxHeaderState s;
     ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
     EXPECT_EQ(s.orientation, 7u);
-    EXPECT_EQ(s.elementCount, c.accepted);
-    EXPECT_EQ(s.maxBits, c.maxBits);
     EXPECT_EQ(s.redSeen + s.greenOrLumaSeen + s.blueSeen, 3);
-    EXPECT_EQ(s.elements[0].components, c.components0);
-    EXPECT_EQ(s.elements[1].descriptor, c.slot1);
-    EXPECT_EQ(s.hasAlpha != 0, c.alpha);
-    EXPECT_EQ(s.reversedOrder != 0, c.reversed);
-    EXPECT_EQ(s.Planar(), c.planar);
-    EXPECT_EQ(s.SeparateAlpha() != nullptr, c.separateAlpha);
+    EXPECT_EQ(std::tuple(s.elementCount, s.maxBits, s.elements[0].components,
+                         std::uint32_t{s.elements[1].descriptor}),
+              std::tuple(c.accepted, c.maxBits, c.components0, c.slot1));
+    EXPECT_EQ(
+        std::tuple(s.hasAlpha != 0, s.reversedOrder != 0, s.Planar(), s.SeparateAlpha() != nullptr),
+        std::tuple(c.alpha, c.reversed, c.planar, c.separateAlpha));
     if (c.separateAlpha) {
       EXPECT_EQ(s.elements[3].dataOffset, 9999u);
     }
@@ -227,13 +222,11 @@ TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
   b.U8(1883, '3');
   DpxHeaderState s;
   ASSERT_TRUE(Parse(b, &s));
-  EXPECT_TRUE(s.edgeCode.IsValid());
-  EXPECT_EQ(s.edgeCode.manufacturer, "KU");
-  EXPECT_EQ(s.edgeCode.filmType, "34");
-  EXPECT_EQ(s.edgeCode.prefix, "123456");
-  EXPECT_EQ(s.edgeCode.count, "7890");
-  EXPECT_EQ(s.edgeCode.perfOffset, "07");
-  EXPECT_EQ(s.edgeCode.perfType, 4);
+  const auto& ec = s.edgeCode;
+  EXPECT_TRUE(ec.IsValid());
+  EXPECT_EQ(std::tuple(ec.manufacturer, ec.filmType, ec.prefix, ec.count, ec.perfOffset),
+            std::tuple("KU", "34", "123456", "7890", "07"));
+  EXPECT_EQ(ec.perfType, 4);
   EXPECT_STREQ(s.inputDevice, "Scanner 9");
 
   const struct {
@@ -258,16 +251,13 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
     b.U32(684, 8);
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s)) << big;
-    EXPECT_FALSE(s.isDpx);
-    EXPECT_EQ(s.bigEndian, big);
-    EXPECT_EQ(s.width, 0x0102u);
-    EXPECT_EQ(s.height, 0x0304u);
-    EXPECT_EQ(s.elements[0].dataOffset, 0x8000u);
-    EXPECT_EQ(s.elements[0].eolPadding, 8u);
-    EXPECT_EQ(s.elements[0].packing, 1u);  // Cineon 5 is method A
-    EXPECT_EQ(s.elements[0].descriptor, 50u);
-    EXPECT_EQ(s.elements[0].transfer, 3u);
-    EXPECT_EQ(s.fieldMode, 3);
+    const auto& e = s.elements[0];
+    EXPECT_EQ(std::tuple(s.isDpx, s.bigEndian, s.width, s.height, s.fieldMode),
+              std::tuple(false, big, 0x0102u, 0x0304u, 3));
+    // Cineon packing 5 is method A.
+    EXPECT_EQ(std::tuple(e.dataOffset, e.eolPadding, e.packing, std::uint32_t{e.descriptor},
+                         std::uint32_t{e.transfer}),
+              std::tuple(0x8000u, 8u, 1u, 50u, 3u));
     EXPECT_DOUBLE_EQ(s.frameRate, 24.0);
     EXPECT_DOUBLE_EQ(s.whiteLevel, 1023.0);
   }
@@ -287,11 +277,10 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
         dpxtest::MakeCineonHeader({.channels = c.channels, .bits = c.bits, .packing = c.packing});
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
-    EXPECT_EQ(s.elements[0].descriptor, c.desc);
-    EXPECT_EQ(s.elements[0].components, c.components);
-    EXPECT_EQ(s.elements[0].packing, c.packingCode);
-    EXPECT_EQ(s.elements[0].transfer, c.transfer);
-    EXPECT_EQ(bool(s.hasAlpha), c.alpha);
+    const auto& e = s.elements[0];
+    EXPECT_EQ(std::tuple(std::uint32_t{e.descriptor}, e.components, e.packing,
+                         std::uint32_t{e.transfer}, bool(s.hasAlpha)),
+              std::tuple(c.desc, c.components, c.packingCode, c.transfer, c.alpha));
     EXPECT_DOUBLE_EQ(s.whiteLevel, c.white);
   }
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <tuple>
 #include <nlohmann/json.hpp>
 
 #include "base/bytes.h"
@@ -363,17 +364,12 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
   HRESULT hr;
   auto f = Format(parser, &hr);
   ASSERT_EQ(hr, S_OK);
-  EXPECT_EQ(f.frameCount, 1u);
-  EXPECT_EQ(f.width, 3u);
-  EXPECT_EQ(f.height, 1u);
-  EXPECT_EQ(f.channels, 3u);
-  EXPECT_EQ(f.bitsPerPixel, 30u);
-  EXPECT_EQ(f.planes, 1u);
-  EXPECT_EQ(f.hasAlpha, 0u);
+  // frame count, size, channels, bits a pixel, planes, alpha, field mode, format
+  EXPECT_EQ(std::tuple(f.frameCount, f.width, f.height, f.channels, f.bitsPerPixel, f.planes,
+                       f.hasAlpha, f.fieldMode, f.pixelFormat),
+            std::tuple(1u, 3u, 1u, 3u, 30u, 1u, 0u, 1, VX_PF_RGB16));
   EXPECT_DOUBLE_EQ(f.frameRate, 25.0);
   EXPECT_DOUBLE_EQ(f.pixelAspect, 16.0 / 15.0);
-  EXPECT_EQ(f.fieldMode, 1);
-  EXPECT_EQ(f.pixelFormat, VX_PF_RGB16);
 
   tagVxImageStreamFormat wrong{};
   wrong.cbSize = 55;
