@@ -32,9 +32,19 @@ double CpuMs(std::clock_t c0) {
 #endif
 }
 
+// The calls below take null handles quietly, so a failed launch or create fails the test's later
+// expectations instead of crashing it.
 ProcessHandle LaunchChild(const std::string& args) {
-  return LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("vx_platform_child"),
-                       U(args).c_str());
+  ProcessHandle p = LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(),
+                                  VXT("vx_platform_child"), U(args).c_str());
+  EXPECT_NE(p, nullptr) << args;
+  return p;
+}
+
+EventHandle NewEvent(const std::string& name, bool initial = false) {
+  EventHandle e = CreateEvent(U(name).c_str(), initial);
+  EXPECT_NE(e, nullptr) << name;
+  return e;
 }
 
 // Waits for the child and hands back its exit code; -1 if it would not end.
@@ -119,8 +129,7 @@ TEST(SharedMemory, DistinctNamesStayApart) {
 
 TEST(Events, AutoResetTakesOneSetPerWait) {
   const std::string name = UniqueName("ev");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(e, nullptr);
+  EventHandle e = NewEvent(name);
   EXPECT_EQ(WaitEvent(e, 0), Wait::Timeout);
   ASSERT_TRUE(SetEvent(e));
   ASSERT_TRUE(SetEvent(e));  // sets do not count up
@@ -140,15 +149,13 @@ TEST(Events, AutoResetTakesOneSetPerWait) {
 TEST(Events, InitialStateAndOpeningByName) {
   const std::string name = UniqueName("ev");
   EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);
-  EventHandle a = CreateEvent(U(name).c_str(), true);
-  ASSERT_NE(a, nullptr);
+  EventHandle a = NewEvent(name, true);
   EventHandle b = OpenEvent(U(name).c_str());
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(WaitEvent(b, 0), Wait::Signaled);  // the other handle sees the initial set
   EXPECT_EQ(WaitEvent(a, 0), Wait::Timeout);
   // Creating an existing event opens it; its state is not reset by the initial flag.
-  EventHandle c = CreateEvent(U(name).c_str(), true);
-  ASSERT_NE(c, nullptr);
+  EventHandle c = NewEvent(name, true);
   EXPECT_EQ(WaitEvent(a, 0), Wait::Timeout);
   SetEvent(c);
   EXPECT_EQ(WaitEvent(a, 0), Wait::Signaled);
@@ -163,8 +170,7 @@ TEST(Events, InitialStateAndOpeningByName) {
 
 TEST(Events, OneSetReleasesExactlyOneOfTwoWaiters) {
   const std::string name = UniqueName("ev");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(e, nullptr);
+  EventHandle e = NewEvent(name);
   std::atomic<int> signalled{0}, timedOut{0};
   auto waiter = [&] {
     const Wait w = WaitEvent(e, 600);
@@ -186,10 +192,8 @@ TEST(Events, OneSetReleasesExactlyOneOfTwoWaiters) {
 
 // Every kind of wait honours its timeout and sleeps in the kernel meanwhile.
 TEST(Events, TimeoutsAreHonouredAsleep) {
-  EventHandle e = CreateEvent(U(UniqueName("ev")).c_str(), false);
-  ASSERT_NE(e, nullptr);
-  ProcessHandle p = LaunchChild("sleep 5000");
-  ASSERT_NE(p, nullptr);
+  EventHandle e = NewEvent(UniqueName("ev"));
+  ProcessHandle p = LaunchChild("exit 0 5000");
   const std::pair<const char*, std::function<Wait()>> waits[] = {
       {"event", [&] { return WaitEvent(e, 200); }},
       {"process", [&] { return WaitProcess(p, 200); }},
@@ -214,7 +218,6 @@ TEST(Events, TimeoutsAreHonouredAsleep) {
 
 TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
   ProcessHandle p = LaunchChild("exit 7 150");
-  ASSERT_NE(p, nullptr);
   EXPECT_NE(ProcessIdOf(p), 0u);
   EXPECT_NE(ProcessIdOf(p), CurrentProcessId());
   int code = -1;
@@ -228,8 +231,7 @@ TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
 }
 
 TEST(Processes, TerminateReportsTheGivenCode) {
-  ProcessHandle p = LaunchChild("sleep 30000");
-  ASSERT_NE(p, nullptr);
+  ProcessHandle p = LaunchChild("exit 0 30000");
   const auto t0 = Clock::now();
   ASSERT_TRUE(TerminateProcess(p, 3));
   EXPECT_EQ(WaitProcess(p, 5000), Wait::Signaled);
@@ -262,9 +264,7 @@ TEST(Processes, ArgumentsAreSplitLikeAShellAndFolderIsTheWorkingDirectory) {
 }
 
 TEST(Processes, StandardInputIsEmpty) {
-  ProcessHandle p = LaunchChild("stdin");
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(Finish(p), 0);
+  EXPECT_EQ(Finish(LaunchChild("stdin")), 0);
 }
 
 // ---- Between two processes ----------------------------------------------------------------
@@ -273,13 +273,10 @@ TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
   const std::string prefix = UniqueName("pp");
   SharedMemory shm;
   ASSERT_TRUE(CreateSharedMemory(U(prefix + "_map").c_str(), 8, &shm));
-  EventHandle request = CreateEvent(U(prefix + "_req").c_str(), false);
-  EventHandle reply = CreateEvent(U(prefix + "_rep").c_str(), false);
-  ASSERT_NE(request, nullptr);
-  ASSERT_NE(reply, nullptr);
+  EventHandle request = NewEvent(prefix + "_req");
+  EventHandle reply = NewEvent(prefix + "_rep");
   constexpr int kRounds = 300;
   ProcessHandle p = LaunchChild("pingpong " + prefix + " " + std::to_string(kRounds));
-  ASSERT_NE(p, nullptr);
   auto* words = static_cast<volatile std::uint32_t*>(shm.view);
   int good = 0;
   for (int i = 0; i < kRounds; ++i) {
@@ -302,17 +299,14 @@ TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
 
 TEST(CrossProcess, EventSetBeforeExitWinsAndExitEndsTheWait) {
   const std::string name = UniqueName("ev");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(e, nullptr);
+  EventHandle e = NewEvent(name);
   ProcessHandle p = LaunchChild("signal-exit " + name + " 5");
-  ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitProcess(p, 10000), Wait::Signaled);
   EXPECT_EQ(WaitEventOrProcess(e, p, 1000), Wait::Signaled);
   EXPECT_EQ(WaitEventOrProcess(e, p, 1000), Wait::ProcessExited);
   EXPECT_EQ(Finish(p), 5);
   // A child that ends while the wait is on ends it.
   p = LaunchChild("exit 0 100");
-  ASSERT_NE(p, nullptr);
   const auto t0 = Clock::now();
   EXPECT_EQ(WaitEventOrProcess(e, p, kInfinite), Wait::ProcessExited);
   EXPECT_LT(MsSince(t0), 5000);
@@ -324,10 +318,8 @@ TEST(CrossProcess, FileLockExcludesAnotherProcess) {
   vxtest::TempDir dir;
   vxtest::WriteFile(dir / "lock", {0});
   const std::string name = UniqueName("locked");
-  EventHandle locked = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(locked, nullptr);
+  EventHandle locked = NewEvent(name);
   ProcessHandle p = LaunchChild("lock " + (dir / "lock").string() + " " + name + " 500");
-  ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitEventOrProcess(locked, p, 10000), Wait::Signaled);
   FileHandle f = OpenReadWrite(vxtest::Wide(dir / "lock").c_str());
   ASSERT_NE(f, kNoFile);
@@ -343,12 +335,9 @@ TEST(CrossProcess, FileLockExcludesAnotherProcess) {
 TEST(CrossProcess, AWaiterKilledMidWaitNeitherSwallowsSetsNorKeepsTheName) {
   const std::string name = UniqueName("ev");
   const std::string readyName = UniqueName("ready");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  EventHandle ready = CreateEvent(U(readyName).c_str(), false);
-  ASSERT_NE(e, nullptr);
-  ASSERT_NE(ready, nullptr);
+  EventHandle e = NewEvent(name);
+  EventHandle ready = NewEvent(readyName);
   ProcessHandle p = LaunchChild("wait " + name + " " + readyName);
-  ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitEventOrProcess(ready, p, 10000), Wait::Signaled);
   SleepMs(100);  // let it settle inside the wait
   ASSERT_TRUE(TerminateProcess(p, 9));

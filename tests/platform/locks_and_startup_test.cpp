@@ -9,16 +9,11 @@
 #include "platform_test_util.h"
 
 using namespace vx::os;
+using vxtest::File;
 using vxtest::TempDir;
 using vxtest::Wide;
 
 namespace {
-
-struct File {
-  FileHandle h;
-  explicit File(FileHandle f) : h(f) {}
-  ~File() { Close(h); }
-};
 
 // The lock only serialises lockers: the registry is read and rewritten through other handles
 // while one writer holds it, so a lock that covered the data would break those transfers.

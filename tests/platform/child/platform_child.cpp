@@ -2,7 +2,6 @@
 //   pingpong <prefix> <rounds>   answer each request value v with 2v+1 in the mapping
 //   signal-exit <event> <code>   set the event, then exit with code
 //   exit <code> [delay ms]       exit with code, optionally after a pause
-//   sleep <ms>                   pause, exit 0
 //   args                         write the arguments, one a line, to args.txt in the cwd
 //   stdin                        exit 0 when standard input is at its end at once
 //   lock <file> <event> <ms>     lock the file, set the event, hold the lock for ms
@@ -84,10 +83,6 @@ int Main(int argc, char** argv) {
   if (mode == "exit") {
     if (argc > 3) SleepMs(static_cast<std::uint32_t>(std::atoi(arg(3).c_str())));
     return std::atoi(arg(2).c_str());
-  }
-  if (mode == "sleep") {
-    SleepMs(static_cast<std::uint32_t>(std::atoi(arg(2).c_str())));
-    return 0;
   }
   if (mode == "args") return WriteArgs(argc, argv);
   if (mode == "stdin") return std::fgetc(stdin) == EOF ? 0 : 1;
