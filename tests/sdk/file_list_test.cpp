@@ -75,6 +75,9 @@ TEST(FileList, PlainMemberExpandsToItsSequenceOfSameWidth) {
   EXPECT_EQ(l4.frames, (std::vector<int>{7, 9, 12, 100}));
   const Listed l5 = Expand(dir / "w5_00007.dpx");
   EXPECT_EQ(l5.frames, (std::vector<int>{7, 9, 12, 100}));
+  Touch(dir / "scan.001");  // a numeric extension is the frame
+  Touch(dir / "scan.002");
+  EXPECT_EQ(Expand(dir / "scan.001").names, (Names{"scan.001", "scan.002"}));
 }
 
 TEST(FileList, PrintfPatterns) {
@@ -89,11 +92,8 @@ TEST(FileList, PrintfPatterns) {
 
 TEST(FileList, NamesWithoutASequenceStandForThemselves) {
   vxtest::TempDir dir;
-  Touch(dir / "plate.dpx");
-  Touch(dir / "single.0042.dpx");
-  Touch(dir / "single.0042.tif");
-  Touch(dir / "clip.mp4");
-  Touch(dir / "clip.mp3");
+  for (const char* n : {"plate.dpx", "single.0042.dpx", "single.0042.tif", "clip.mp4", "clip.mp3"})
+    Touch(dir / n);
   for (const char* n :
        {"plate.dpx", "missing.dpx", "single.0042.dpx", "gone.0001.dpx", "clip.mp4"}) {
     const Listed l = Expand(dir / n);
@@ -117,13 +117,6 @@ TEST(FileList, DigitsInTheFolderAreNotTheFrame) {
   Touch(dir / "reel##7" / "s.0001.dpx");
   Touch(dir / "reel##7" / "s.0002.dpx");
   EXPECT_EQ(Expand(dir / "reel##7" / "s.0002.dpx").frames, (std::vector<int>{1, 2}));
-}
-
-TEST(FileList, NumericExtensionIsTheFrame) {
-  vxtest::TempDir dir;
-  Touch(dir / "scan.001");
-  Touch(dir / "scan.002");
-  EXPECT_EQ(Expand(dir / "scan.001").names, (Names{"scan.001", "scan.002"}));
 }
 
 TEST(FileList, FileNameForFrame) {

@@ -261,13 +261,11 @@ TEST(Registry, TwoProcessesRegisteringAtOnceLoseNothing) {
   ASSERT_EQ(RegisterParser(1, "Before", {VXT("pre")}), S_OK);
   const VxString bin = vxtest::Wide(vxtest::BinDir());
   constexpr int kEach = 30;
-  vx::os::ProcessHandle a =
-      vx::os::LaunchProcess(bin.c_str(), VXT("vx_sdk_registry_child"), VXT("1000 30"));
-  vx::os::ProcessHandle b =
-      vx::os::LaunchProcess(bin.c_str(), VXT("vx_sdk_registry_child"), VXT("2000 30"));
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  for (auto p : {a, b}) {
+  std::vector<vx::os::ProcessHandle> children;
+  for (const VxChar* args : {VXT("1000 30"), VXT("2000 30")})
+    children.push_back(vx::os::LaunchProcess(bin.c_str(), VXT("vx_sdk_registry_child"), args));
+  for (auto p : children) {
+    ASSERT_NE(p, nullptr);
     ASSERT_EQ(vx::os::WaitProcess(p, 60000), vx::os::Wait::Signaled);
     int code = -1;
     ASSERT_TRUE(vx::os::ProcessExitCode(p, &code));

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -88,10 +89,7 @@ TEST(TimeCode, BcdWordsRoundTrip) {
     EXPECT_EQ(VxConstructLTCInBCD(h, m, s, f), word);
   }
   ASSERT_TRUE(VxParseLTCInBCD(0x01020304u, &h, &m, &s, &f));
-  EXPECT_EQ(h, 1);
-  EXPECT_EQ(m, 2);
-  EXPECT_EQ(s, 3);
-  EXPECT_EQ(f, 4);
+  EXPECT_EQ((std::array{h, m, s, f}), (std::array{1, 2, 3, 4}));
   EXPECT_FALSE(VxParseLTCInBCD(0xFFFFFFFFu, &h, &m, &s, &f));
   EXPECT_FALSE(VxParseLTCInBCD(0x1000000Au, &h, &m, &s, &f));  // units nibble of frames
   EXPECT_FALSE(VxParseLTCInBCD(0xA0000000u, &h, &m, &s, &f));  // tens nibble of hours
