@@ -86,16 +86,6 @@ void Fill(std::vector<std::uint8_t>& v, std::mt19937_64& rng) {
   }
 }
 
-std::vector<std::uint8_t> Contents(const std::filesystem::path& p) {
-  std::vector<std::uint8_t> out(std::filesystem::file_size(p));
-  vx::os::FileHandle h = vx::os::OpenRead(vxtest::Wide(p).c_str());
-  std::uint32_t done = 0;
-  EXPECT_TRUE(vx::os::ReadAt(h, 0, out.data(), static_cast<std::uint32_t>(out.size()), &done));
-  EXPECT_EQ(done, out.size());
-  vx::os::Close(h);
-  return out;
-}
-
 // Index of the first of `n` bytes that differs from the model at `pos`, or n.
 std::uint64_t FirstDifference(const std::uint8_t* got, const ModelFile& m, std::uint64_t pos,
                               std::uint64_t n) {
@@ -118,13 +108,15 @@ class CacheModel : public ::testing::Test {
     vx::os::FileHandle h = OpenRW(m.path);
     ASSERT_NE(h, vx::os::kNoFile);
     m.reversed = rng() & 1;
-    if (m.reversed) {
-      m.open = std::make_unique<CReverseChunkFile>(h, TRUE);
-    } else {
-      m.open = std::make_unique<CChunkFile>(h, TRUE);
-    }
+    m.open = m.reversed ? std::make_unique<CReverseChunkFile>(h, TRUE)
+                        : std::make_unique<CChunkFile>(h, TRUE);
+    ASSERT_NO_FATAL_FAILURE(OnDisk(m));
+  }
+
+  // Everything so far is on disk: the file's size is the new lower bound of what reads return.
+  void OnDisk(ModelFile& m) {
     std::uint64_t size = 0;
-    ASSERT_TRUE(vx::os::Size(h, &size));
+    ASSERT_TRUE(vx::os::Size(m.open->Handle(), &size));
     m.sizeAtOpen = size;
     m.writeEnd.clear();
   }
@@ -133,7 +125,7 @@ class CacheModel : public ::testing::Test {
   // whole block; those zeros become part of the model.
   void CloseAndCheck(ModelFile& m) {
     m.open.reset();
-    auto disk = Contents(m.path);
+    auto disk = vxtest::ReadFile(m.path);
     ASSERT_GE(disk.size(), m.bytes.size());
     ASSERT_LE(disk.size(), std::max<std::uint64_t>(m.sizeAtOpen, RoundUp(m.bytes.size())));
     ASSERT_EQ(FirstDifference(disk.data(), m, 0, disk.size()), disk.size()) << m.path;
@@ -219,16 +211,12 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
           b[i] = static_cast<std::uint8_t>(v >> (m.reversed ? 24 - 8 * i : 8 * i));
         m.Wrote(pos, b, 4);
       } else {
-        std::uint32_t v = f.ReadLong();
-        if (m.ReadAtLeast(pos, 4) == 4) {
-          ASSERT_EQ(f.position, pos + 4);
-        }
+        std::uint32_t v = f.ReadLong(), expect = 0;
+        if (m.ReadAtLeast(pos, 4) == 4) ASSERT_EQ(f.position, pos + 4);
         if (f.position == pos + 4) {
-          std::uint32_t expect = 0;
-          for (int i = 0; i < 4; ++i) {
-            int shift = m.reversed ? 24 - 8 * i : 8 * i;
-            expect |= static_cast<std::uint32_t>(m.At(pos + i)) << shift;
-          }
+          for (int i = 0; i < 4; ++i)
+            expect |= static_cast<std::uint32_t>(m.At(pos + i))
+                      << (m.reversed ? 24 - 8 * i : 8 * i);
           ASSERT_EQ(v, expect);
         } else {
           ASSERT_EQ(f.position, pos);
@@ -238,11 +226,7 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
     } else if (op < 99) {  // flush: the disk now holds the model; nothing is cached
       CacheManager().FlushFile(f.Handle());
       ASSERT_FALSE(CacheManager().IsCached(f.Handle(), 0));
-      vx::os::FileHandle h = f.Handle();
-      std::uint64_t size = 0;
-      ASSERT_TRUE(vx::os::Size(h, &size));
-      m.sizeAtOpen = size;
-      m.writeEnd.clear();
+      ASSERT_NO_FATAL_FAILURE(OnDisk(m));
     } else {
       ASSERT_NO_FATAL_FAILURE(CloseAndCheck(m));
       if (pick(4) == 0) {  // sometimes let every file go, which frees the pool
