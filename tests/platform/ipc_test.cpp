@@ -57,9 +57,7 @@ int Finish(ProcessHandle p) {
   return code;
 }
 
-// ---- Shared memory ------------------------------------------------------------------------
-
-TEST(SharedMemory, CreateThenOpenSeeTheSameBytes) {
+TEST(SharedMemory, CreateOpenSizesAndRefusals) {
   const std::string name = UniqueName("shm");
   SharedMemory a, b;
   ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 100, &a));
@@ -85,19 +83,17 @@ TEST(SharedMemory, CreateThenOpenSeeTheSameBytes) {
   CloseSharedMemory(&a);  // the creator takes the name with it
   SharedMemory d;
   EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), 100, &d));
-}
 
-// Sizes: an open without one takes the whole mapping, an open asking for more than there is
-// fails, and so do absent names, empty names and empty mappings.
-TEST(SharedMemory, SizesAndRefusals) {
-  const std::string name = UniqueName("any");
-  SharedMemory a, b, m;
-  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 3 * PageSize() + 1, &a));
-  ASSERT_TRUE(OpenSharedMemory(U(name).c_str(), 0, &b));
+  // An open without a size takes the whole mapping, one asking for more than there is fails,
+  // and so do absent names, empty names and empty mappings.
+  const std::string any = UniqueName("any");
+  SharedMemory m;  // a and b again, closed above
+  ASSERT_TRUE(CreateSharedMemory(U(any).c_str(), 3 * PageSize() + 1, &a));
+  ASSERT_TRUE(OpenSharedMemory(U(any).c_str(), 0, &b));
   EXPECT_EQ(b.size, 4 * PageSize());
   static_cast<unsigned char*>(a.view)[a.size - 1] = 0x5A;  // last byte is shared too
   EXPECT_EQ(static_cast<unsigned char*>(b.view)[b.size - 1], 0x5A);
-  EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), a.size + 1, &m));
+  EXPECT_FALSE(OpenSharedMemory(U(any).c_str(), a.size + 1, &m));
   CloseSharedMemory(&b);
   CloseSharedMemory(&a);
   EXPECT_FALSE(OpenSharedMemory(U(UniqueName("absent")).c_str(), 10, &m));
@@ -119,17 +115,12 @@ TEST(SharedMemory, DistinctNamesStayApart) {
     static_cast<char*>(a.view)[0] = 'a';
     EXPECT_EQ(static_cast<char*>(c.view)[0], 'a');
     EXPECT_EQ(static_cast<char*>(b.view)[0], 0);
-    CloseSharedMemory(&c);
-    CloseSharedMemory(&b);
-    CloseSharedMemory(&a);
+    for (SharedMemory* m : {&c, &b, &a}) CloseSharedMemory(m);
   }
 }
 
-// ---- Events within one process -------------------------------------------------------------
-
 TEST(Events, AutoResetTakesOneSetPerWait) {
-  const std::string name = UniqueName("ev");
-  EventHandle e = NewEvent(name);
+  EventHandle e = NewEvent(UniqueName("ev"));
   EXPECT_EQ(WaitEvent(e, 0), Wait::Timeout);
   ASSERT_TRUE(SetEvent(e));
   ASSERT_TRUE(SetEvent(e));  // sets do not count up
@@ -162,15 +153,12 @@ TEST(Events, InitialStateAndOpeningByName) {
   CloseEvent(a);  // the first handle going does not take the name while others hold it
   EventHandle d = OpenEvent(U(name).c_str());
   EXPECT_NE(d, nullptr);
-  CloseEvent(b);
-  CloseEvent(c);
-  CloseEvent(d);
+  for (EventHandle h : {b, c, d}) CloseEvent(h);
   EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);  // the last handle removed it
 }
 
 TEST(Events, OneSetReleasesExactlyOneOfTwoWaiters) {
-  const std::string name = UniqueName("ev");
-  EventHandle e = NewEvent(name);
+  EventHandle e = NewEvent(UniqueName("ev"));
   std::atomic<int> signalled{0}, timedOut{0};
   auto waiter = [&] {
     const Wait w = WaitEvent(e, 600);
@@ -214,9 +202,7 @@ TEST(Events, TimeoutsAreHonouredAsleep) {
   CloseEvent(e);
 }
 
-// ---- Processes ----------------------------------------------------------------------------
-
-TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
+TEST(Processes, ExitAndTerminationCodesAreReportedOnlyAfterTheEnd) {
   ProcessHandle p = LaunchChild("exit 7 150");
   EXPECT_NE(ProcessIdOf(p), 0u);
   EXPECT_NE(ProcessIdOf(p), CurrentProcessId());
@@ -228,29 +214,21 @@ TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
   EXPECT_EQ(code, 7);
   EXPECT_EQ(WaitProcess(p, 0), Wait::Signaled);  // stays signalled
   CloseProcess(p);
-}
 
-TEST(Processes, TerminateReportsTheGivenCode) {
-  ProcessHandle p = LaunchChild("exit 0 30000");
+  // A terminated process reports the given code.
+  p = LaunchChild("exit 0 30000");
   const auto t0 = Clock::now();
   ASSERT_TRUE(TerminateProcess(p, 3));
   EXPECT_EQ(WaitProcess(p, 5000), Wait::Signaled);
   EXPECT_LT(MsSince(t0), 5000);
-  int code = -1;
   ASSERT_TRUE(ProcessExitCode(p, &code));
   EXPECT_EQ(code, 3);
   EXPECT_FALSE(TerminateProcess(p, 4));  // already gone
   CloseProcess(p);
+  EXPECT_EQ(Finish(LaunchChild("stdin")), 0);  // a child's standard input is at its end at once
 }
 
-TEST(Processes, MissingProgramFailsToLaunch) {
-  EXPECT_EQ(
-      LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("no-such-program"), VXT("")),
-      nullptr);
-  EXPECT_EQ(LaunchProcess(VXT("/nonexistent-folder"), VXT("vx_platform_child"), VXT("")), nullptr);
-}
-
-TEST(Processes, ArgumentsAreSplitLikeAShellAndFolderIsTheWorkingDirectory) {
+TEST(Processes, ArgumentsFolderAndMissingPrograms) {
   vxtest::TempDir dir;
   const std::string child = std::string("vx_platform_child") + vxtest::kExeSuffix;
   std::filesystem::copy_file(vxtest::ChildDir() / child, dir / child);
@@ -261,13 +239,13 @@ TEST(Processes, ArgumentsAreSplitLikeAShellAndFolderIsTheWorkingDirectory) {
   std::ifstream in(dir / "args.txt");
   std::string all((std::istreambuf_iterator<char>(in)), {});
   EXPECT_EQ(all, "one\ntwo words\n\nthree\n\xC3\xA9\n");
-}
 
-TEST(Processes, StandardInputIsEmpty) {
-  EXPECT_EQ(Finish(LaunchChild("stdin")), 0);
+  // A missing program or folder launches nothing.
+  EXPECT_EQ(
+      LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("no-such-program"), VXT("")),
+      nullptr);
+  EXPECT_EQ(LaunchProcess(VXT("/nonexistent-folder"), VXT("vx_platform_child"), VXT("")), nullptr);
 }
-
-// ---- Between two processes ----------------------------------------------------------------
 
 TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
   const std::string prefix = UniqueName("pp");
@@ -292,8 +270,7 @@ TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
   }
   EXPECT_EQ(good, kRounds);
   EXPECT_EQ(Finish(p), 0);
-  CloseEvent(request);
-  CloseEvent(reply);
+  for (EventHandle h : {request, reply}) CloseEvent(h);
   CloseSharedMemory(&shm);
 }
 
@@ -353,8 +330,7 @@ TEST(CrossProcess, AWaiterKilledMidWaitNeitherSwallowsSetsNorKeepsTheName) {
   EXPECT_EQ(result.load(), static_cast<int>(Wait::Signaled));
   EXPECT_LT(MsSince(t0), 500);  // woken by the set, not by a later poll
 
-  CloseEvent(e);
-  CloseEvent(ready);
+  for (EventHandle h : {e, ready}) CloseEvent(h);
   // The dead child's handle does not keep the object alive.
   EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);
   EXPECT_EQ(OpenEvent(U(readyName).c_str()), nullptr);

@@ -5,7 +5,7 @@
 namespace {
 
 // UTF-8 and UTF-16 spellings of the same text, each converting into the other.
-TEST(Text, ValidTextConvertsBothWays) {
+TEST(Text, ValidTextConvertsBothWaysAndInvalidUnitsAreReplaced) {
   struct Row {
     std::string utf8;
     VxString utf16;
@@ -21,10 +21,8 @@ TEST(Text, ValidTextConvertsBothWays) {
     EXPECT_EQ(vx::ToUtf8(r.utf16), r.utf8);
     EXPECT_EQ(vx::FromUtf8(r.utf8), r.utf16);
   }
-}
 
-// What cannot be converted becomes U+FFFD, one per bad unit, and the rest survives.
-TEST(Text, InvalidTextBecomesReplacementCharacters) {
+  // What cannot be converted becomes U+FFFD, one per bad unit, and the rest survives.
   const VxChar R = 0xFFFD;
   const std::pair<VxString, std::string> badUtf16[] = {
       {{0xD800, 0x41}, "\xEF\xBF\xBD\x41"},  // lone high surrogate
