@@ -13,9 +13,7 @@ namespace {
 struct Img {
   IVxImage* p = nullptr;
   Img(int w, int h, VxPixelFormat f) { EXPECT_EQ(VxCreateImage(w, h, f, &p), S_OK); }
-  Img(Img&& o) noexcept : p(o.p) { o.p = nullptr; }
-  Img(const Img&) = delete;
-  Img& operator=(const Img&) = delete;
+  Img(Img&& o) noexcept : p(o.p) { o.p = nullptr; }  // and so not copyable
   ~Img() {
     if (p) p->Release();
   }
@@ -33,7 +31,7 @@ Img Convert(const Img& src, VxPixelFormat to) {
   return dst;
 }
 
-TEST(Image, LayoutAndFailedAllocateKeepsThePicture) {
+TEST(Image, LayoutFailedAllocateAndRefusedConversions) {
   Img img(3, 2, VX_PF_RGB8);
   EXPECT_EQ(img->GetRowStride(), 12);  // 9 bytes padded to 4
   EXPECT_EQ(img->GetPixelFormat(), VX_PF_RGB8);
@@ -55,9 +53,16 @@ TEST(Image, LayoutAndFailedAllocateKeepsThePicture) {
   EXPECT_EQ(empty->Release(), 0u);
   EXPECT_EQ(VxCreateImage(2, 2, static_cast<VxPixelFormat>(42), &empty), E_INVALIDARG);
   EXPECT_EQ(empty, nullptr);
+
+  // Conversion refuses mismatched sizes and nulls.
+  Img a(2, 2, VX_PF_RGB8), b(2, 3, VX_PF_RGB8);
+  EXPECT_EQ(VxConvertImage(a.p, b.p), E_INVALIDARG);
+  EXPECT_EQ(VxConvertImage(nullptr, b.p), E_POINTER);
+  EXPECT_EQ(VxConvertImage(a.p, nullptr), E_POINTER);
+  EXPECT_EQ(VxConvertImage(a.p, a.p), S_OK);
 }
 
-TEST(Convert, EightToSixteenAndBackForEveryValue) {
+TEST(Convert, IntegerDepthsScaleRoundAndRoundTripEveryValue) {
   Img g8(256, 1, VX_PF_GRAY8);
   for (int v = 0; v < 256; ++v) g8.Row<std::uint8_t>(0)[v] = static_cast<std::uint8_t>(v);
   Img g16 = Convert(g8, VX_PF_GRAY16);
@@ -66,16 +71,15 @@ TEST(Convert, EightToSixteenAndBackForEveryValue) {
   EXPECT_EQ(std::memcmp(again.Row<std::uint8_t>(0), g8.Row<std::uint8_t>(0), 256), 0);
   Img viaFloat = Convert(Convert(g8, VX_PF_GRAYF32), VX_PF_GRAY8);
   EXPECT_EQ(std::memcmp(viaFloat.Row<std::uint8_t>(0), g8.Row<std::uint8_t>(0), 256), 0);
-}
 
-TEST(Convert, SixteenToEightRoundsAndFloatRoundTripsEveryValue) {
-  Img g16(65536, 1, VX_PF_GRAY16);
-  for (int v = 0; v < 65536; ++v) g16.Row<std::uint16_t>(0)[v] = static_cast<std::uint16_t>(v);
-  Img g8 = Convert(g16, VX_PF_GRAY8);
+  // Sixteen to eight rounds; float keeps every sixteen-bit value.
+  Img all16(65536, 1, VX_PF_GRAY16);
+  for (int v = 0; v < 65536; ++v) all16.Row<std::uint16_t>(0)[v] = static_cast<std::uint16_t>(v);
+  Img down = Convert(all16, VX_PF_GRAY8);
   for (int v = 0; v < 65536; ++v)
-    ASSERT_EQ(g8.Row<std::uint8_t>(0)[v], (v * 255 + 32767) / 65535) << v;
-  Img back = Convert(Convert(g16, VX_PF_GRAYF32), VX_PF_GRAY16);
-  EXPECT_EQ(std::memcmp(back.Row<std::uint16_t>(0), g16.Row<std::uint16_t>(0), 65536 * 2), 0);
+    ASSERT_EQ(down.Row<std::uint8_t>(0)[v], (v * 255 + 32767) / 65535) << v;
+  Img back = Convert(Convert(all16, VX_PF_GRAYF32), VX_PF_GRAY16);
+  EXPECT_EQ(std::memcmp(back.Row<std::uint16_t>(0), all16.Row<std::uint16_t>(0), 65536 * 2), 0);
 }
 
 TEST(Convert, FloatClampsRoundsAndMapsNanToZero) {
@@ -151,14 +155,6 @@ TEST(Convert, RespectsRowPaddingAndCopiesPictureProperties) {
   Img same = Convert(src, VX_PF_RGB8);
   for (int y = 0; y < 3; ++y)
     EXPECT_EQ(std::memcmp(same.Row<std::uint8_t>(y), src.Row<std::uint8_t>(y), 9), 0);
-}
-
-TEST(Convert, RefusesMismatchedSizesAndNulls) {
-  Img a(2, 2, VX_PF_RGB8), b(2, 3, VX_PF_RGB8);
-  EXPECT_EQ(VxConvertImage(a.p, b.p), E_INVALIDARG);
-  EXPECT_EQ(VxConvertImage(nullptr, b.p), E_POINTER);
-  EXPECT_EQ(VxConvertImage(a.p, nullptr), E_POINTER);
-  EXPECT_EQ(VxConvertImage(a.p, a.p), S_OK);
 }
 
 TEST(AudioBuffer, HoldsFormatAndBoundsItsLength) {

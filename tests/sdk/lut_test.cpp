@@ -32,9 +32,11 @@ void Identity(float r, float g, float b, float* o) {
   o[0] = r, o[1] = g, o[2] = b;
 }
 
-// Applies `lut` to RGB pixels and compares each channel with `want`.
-void ExpectApplied(VxLUT3D* lut, std::vector<float> px, const std::vector<float>& want) {
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px.data(), static_cast<int>(px.size() / 3), 3), S_OK);
+// Applies `lut` to pixels of `channels` floats and compares each one with `want`.
+void ExpectApplied(VxLUT3D* lut, std::vector<float> px, const std::vector<float>& want,
+                   int channels = 3) {
+  const int n = static_cast<int>(px.size()) / channels;
+  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px.data(), n, channels), S_OK);
   for (std::size_t i = 0; i < px.size(); ++i) EXPECT_NEAR(px[i], want[i], 1e-6f) << i;
 }
 
@@ -45,24 +47,16 @@ HRESULT Load(const vxtest::TempDir& dir, const std::string& name, const std::str
   return VxGetPresetLUT(vxtest::Wide(path).c_str(), lut);
 }
 
-TEST(Lut, IdentityLeavesColoursAndAlphaAlone) {
+TEST(Lut, KnownMappingsInterpolateTrilinearly) {
   vxtest::TempDir dir;
   VxLUT3D* lut = nullptr;
   ASSERT_EQ(Load(dir, "id.cube", Cube(17, Identity), &lut), S_OK);
-  float px[8] = {0.25f, 0.5f, 0.75f, 0.3f, 0.0f, 1.0f, 0.123f, 7.0f};
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px, 2, 4), S_OK);
-  const float want[8] = {0.25f, 0.5f, 0.75f, 0.3f, 0.0f, 1.0f, 0.123f, 7.0f};
-  for (int i = 0; i < 8; ++i) EXPECT_NEAR(px[i], want[i], 1e-6f) << i;
-  EXPECT_EQ(px[3], 0.3f);
-  EXPECT_EQ(px[7], 7.0f);
+  const std::vector<float> rgba = {0.25f, 0.5f, 0.75f, 0.3f, 0.0f, 1.0f, 0.123f, 7.0f};
+  ExpectApplied(lut, rgba, rgba, 4);  // the identity leaves colours and alpha alone
   VxFreeLUT(lut);
-}
 
-TEST(Lut, KnownMappingInterpolatesTrilinearly) {
-  vxtest::TempDir dir;
   // Rotating the channels shows whether red really varies fastest in the file; an affine
   // mapping is reproduced exactly by trilinear interpolation between lattice points.
-  VxLUT3D* lut = nullptr;
   auto rotate = [](float r, float g, float b, float* o) {
     o[0] = g, o[1] = 0.5f * b + 0.25f, o[2] = 1.0f - r;
   };

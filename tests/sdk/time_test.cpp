@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <string>
 
 #include "vx/sdk.h"
 
@@ -32,7 +33,7 @@ TEST(TimeFormat, SnapsNtscRatesAndReducesOthers) {
     ExpectRate(bad, 0, 1);
 }
 
-TEST(Time, FramesAtCommonRatesAreExactTicks) {
+TEST(Time, FramesAreExactTicksAndToFrameIsTheirFloor) {
   const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
   const VxTimeFormat ntsc = VxGetTimeFormatFromSampleRate(29.97);
   EXPECT_EQ(CVxTime(1, f24).Ticks(), 29400000);
@@ -43,10 +44,8 @@ TEST(Time, FramesAtCommonRatesAreExactTicks) {
   const VxTimeFormat audio = VxGetTimeFormatFromSampleRate(44100.0);
   EXPECT_EQ(CVxTime(44100, audio).Ticks(), kVxTicksPerSecond);
   EXPECT_DOUBLE_EQ(CVxTime(12, f24).Seconds(), 0.5);
-}
 
-TEST(Time, ToFrameIsFloorAndInvertsFrameStarts) {
-  const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
+  // ToFrame is the floor and inverts frame starts.
   EXPECT_EQ(CVxTime(29399999).ToFrame(f24), 0);
   EXPECT_EQ(CVxTime(29400000).ToFrame(f24), 1);
   EXPECT_EQ(CVxTime(-1).ToFrame(f24), -1);
@@ -66,12 +65,10 @@ TEST(Time, ToFrameIsFloorAndInvertsFrameStarts) {
 
 TEST(Time, ExtremesSaturateAndInvalidFormatsGiveZero) {
   const VxTimeFormat slow{1, 1000};
-  EXPECT_EQ(CVxTime(std::numeric_limits<std::int64_t>::max(), slow).Ticks(),
-            std::numeric_limits<std::int64_t>::max());
-  EXPECT_EQ(CVxTime(std::numeric_limits<std::int64_t>::min(), slow).Ticks(),
-            std::numeric_limits<std::int64_t>::min());
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min(), kMax = -(kMin + 1);
+  EXPECT_EQ(CVxTime(kMax, slow).Ticks(), kMax);
+  EXPECT_EQ(CVxTime(kMin, slow).Ticks(), kMin);
   // 120 fps is 5,880,000 ticks a frame: floor division, not truncation, of the most negative time.
-  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   const std::int64_t expected = kMin / 5880000 - (kMin % 5880000 != 0 ? 1 : 0);
   EXPECT_EQ(CVxTime(kMin).ToFrame(VxTimeFormat{120, 1}), expected);
   EXPECT_EQ(CVxTime(5, VxTimeFormat{0, 1}).Ticks(), 0);
@@ -114,12 +111,9 @@ TEST(EdgeCodeText, ParsesWhatTheFilmHeaderBuilds) {
   for (const Row& r : rows) {
     SCOPED_TRACE(r.text);
     ASSERT_TRUE(e.InitFromString(r.text));
-    EXPECT_EQ(e.manufacturer, r.manufacturer);
-    EXPECT_EQ(e.filmType, r.type);
-    EXPECT_EQ(e.perfOffset, r.perf);
-    EXPECT_EQ(e.prefix, r.prefix);
-    EXPECT_EQ(e.count, r.count);
-    EXPECT_EQ(e.ToString(), r.back);
+    using Six = std::array<std::string, 6>;
+    EXPECT_EQ((Six{e.manufacturer, e.filmType, e.perfOffset, e.prefix, e.count, e.ToString()}),
+              (Six{r.manufacturer, r.type, r.perf, r.prefix, r.count, r.back}));
   }
   // Nothing usable is invalid, with nothing left over from the earlier text.
   EXPECT_FALSE(e.InitFromString("  -+"));
