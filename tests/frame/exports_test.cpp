@@ -89,8 +89,6 @@ class Exports : public ::testing::Test {
   LoadedModule module;
 };
 
-// ---- Registration ---------------------------------------------------------------------------
-
 // One test walks the whole life of the registry: the tests of this area share one registry file.
 TEST_F(Exports, RegistrationRoundTrip) {
   if (!std::getenv("VXHOST_REGISTRY")) GTEST_SKIP() << "needs a test registry (run via ctest)";
@@ -166,8 +164,6 @@ TEST_F(Exports, RegistrationRoundTrip) {
   EXPECT_EQ(module.unreg(), S_OK);
 }
 
-// ---- Class objects --------------------------------------------------------------------------
-
 TEST_F(Exports, FactoryInterfaces) {
   for (const char* id :
        {kAdf, kQtManager, kCacheManager, kRedHelper, "{B980120D-CF7D-49D4-933F-467E7B541111}"}) {
@@ -185,8 +181,7 @@ TEST_F(Exports, FactoryInterfaces) {
     EXPECT_EQ(other, nullptr);
 #ifdef _WIN32
     // The free-threaded marshaler, made once and aggregated: its references are the factory's.
-    void* marshal = nullptr;
-    void* again = nullptr;
+    void *marshal = nullptr, *again = nullptr;
     ASSERT_EQ(unk->QueryInterface(IID_IMarshal, &marshal), S_OK);
     ASSERT_EQ(unk->QueryInterface(IID_IMarshal, &again), S_OK);
     EXPECT_EQ(marshal, again);
@@ -213,24 +208,6 @@ TEST_F(Exports, FactoryInterfaces) {
   EXPECT_EQ(p, nullptr);
   f->Release();
   EXPECT_EQ(module.canUnloadNow(), S_OK);
-}
-
-TEST_F(Exports, CacheManagerIsOnePerProcess) {
-  IClassFactory* f1 = module.Factory(Guid(kCacheManager));
-  IClassFactory* f2 = module.Factory(Guid(kCacheManager));
-  ASSERT_TRUE(f1 && f2);
-  EXPECT_NE(f1, f2);  // a fresh factory per call
-  void *a = nullptr, *b = nullptr;
-  ASSERT_EQ(f1->CreateInstance(nullptr, IID_IUnknown, &a), S_OK);
-  ASSERT_EQ(f2->CreateInstance(nullptr, IID_IUnknown, &b), S_OK);
-  EXPECT_EQ(a, b);
-  f1->Release();
-  f2->Release();
-  EXPECT_EQ(module.canUnloadNow(), S_FALSE);  // the cache manager is referenced
-  static_cast<IUnknown*>(a)->Release();
-  EXPECT_EQ(module.canUnloadNow(), S_FALSE);
-  static_cast<IUnknown*>(b)->Release();
-  EXPECT_EQ(module.canUnloadNow(), S_OK);  // a cached singleton does not pin the module
 }
 
 // Every class id either builds an object or answers E_NOINTERFACE; an interface the object
@@ -269,7 +246,7 @@ TEST_F(Exports, CreateInstanceLeavesNothingBehind) {
   VxSetVideoHALInstantiated(FALSE);
 }
 
-TEST_F(Exports, CanUnloadNowFollowsObjectsAndLocks) {
+TEST_F(Exports, CanUnloadNowFollowsObjectsLocksAndTheCacheManager) {
   EXPECT_EQ(module.canUnloadNow(), S_OK);
   IClassFactory* f = module.Factory(Guid(kAdf));
   ASSERT_NE(f, nullptr);
@@ -287,9 +264,24 @@ TEST_F(Exports, CanUnloadNowFollowsObjectsAndLocks) {
   EXPECT_EQ(module.canUnloadNow(), S_FALSE);  // the factory still lives
   f->Release();
   EXPECT_EQ(module.canUnloadNow(), S_OK);
-}
 
-// ---- The module's symbol table --------------------------------------------------------------
+  // One cache manager per process, whatever factory made it.
+  IClassFactory* f1 = module.Factory(Guid(kCacheManager));
+  IClassFactory* f2 = module.Factory(Guid(kCacheManager));
+  ASSERT_TRUE(f1 && f2);
+  EXPECT_NE(f1, f2);  // a fresh factory per call
+  void *a = nullptr, *b = nullptr;
+  ASSERT_EQ(f1->CreateInstance(nullptr, IID_IUnknown, &a), S_OK);
+  ASSERT_EQ(f2->CreateInstance(nullptr, IID_IUnknown, &b), S_OK);
+  EXPECT_EQ(a, b);
+  f1->Release();
+  f2->Release();
+  EXPECT_EQ(module.canUnloadNow(), S_FALSE);  // the cache manager is referenced
+  static_cast<IUnknown*>(a)->Release();
+  EXPECT_EQ(module.canUnloadNow(), S_FALSE);
+  static_cast<IUnknown*>(b)->Release();
+  EXPECT_EQ(module.canUnloadNow(), S_OK);  // a cached singleton does not pin the module
+}
 
 TEST_F(Exports, ExportsExactlyTheFourEntryPoints) {
 #ifdef _WIN32
