@@ -308,7 +308,7 @@ std::string Take(char* s) {
   return out;
 }
 
-TEST(Strings, CStringNeedsTerminatorWithin512Bytes) {
+TEST(Strings, TerminatedCountedAndFixed) {
   vxtest::TempDir dir;
   std::vector<std::uint8_t> bytes(512, 'x');
   bytes.push_back(0);
@@ -325,11 +325,9 @@ TEST(Strings, CStringNeedsTerminatorWithin512Bytes) {
   EXPECT_EQ(Take(f->ReadCString()), "ab");
   EXPECT_EQ(Take(f->ReadCString()), "<null>");  // the file ends before a terminator
   EXPECT_EQ(f->position, 3u);
-}
 
-TEST(Strings, CountedAndFixedStrings) {
-  vxtest::TempDir dir;
-  auto f = OpenWith<CReverseChunkFile>(
+  // Counted strings, with the count in the file's order, and fixed lengths.
+  f = OpenWith<CReverseChunkFile>(
       dir / "c.bin",
       Bytes({3, 'a', 'b', 'c', 0, 2, 'h', 'i', 3, 'x', 'y', 'z', 'w', 0, 4, 'd', 'o', 'n'}), false);
   std::uint8_t len8 = 0;

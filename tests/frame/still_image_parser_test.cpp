@@ -108,9 +108,8 @@ TEST_F(StillTest, OpenLiteralOrAsASequence) {
 
   // A numbered pattern opens as its sequence.
   vxtest::TempDir dir;
-  for (int i = 1; i <= 3; ++i) {
+  for (int i = 1; i <= 3; ++i)
     vxtest::WriteFile(dir / ("shot.000" + std::to_string(i) + ".dpx"), {1, 2, 3});
-  }
   VxString pattern = vxtest::Wide(dir / "shot.####.dpx");
   EXPECT_EQ(p->OpenEx(pattern.c_str(), 0x20000000u | 0x40u, 12345), S_OK);
   ASSERT_NE(p->FileList(), nullptr);
@@ -232,9 +231,8 @@ TEST(StillCopyName, TruncatesAndTerminates) {
   EXPECT_EQ(VxString(buf), VXT("AB"));
   EXPECT_EQ(Still::CopyName(VXT("A"), buf, 1), S_OK);
   EXPECT_EQ(buf[0], 0);
-  EXPECT_EQ(Still::CopyName(VXT("A"), nullptr, 4), E_INVALIDARG);
-  EXPECT_EQ(Still::CopyName(VXT("A"), buf, 0), E_INVALIDARG);
-  EXPECT_EQ(Still::CopyName(VXT("A"), buf, -1), E_INVALIDARG);
+  for (auto [to, size] : {std::pair<VxChar*, int>{nullptr, 4}, {buf, 0}, {buf, -1}})
+    EXPECT_EQ(Still::CopyName(VXT("A"), to, size), E_INVALIDARG) << size;
 }
 
 }  // namespace

@@ -68,8 +68,7 @@ class GenericObjects : public ::testing::Test {
 
 TEST_F(GenericObjects, OneStartedInstancePerProcessUntilReleased) {
   ASSERT_EQ(VxRegisterGenericObj(kObject, VXT("Test object"), 1, module_.instance()), S_OK);
-  IVxGeneric* a = nullptr;
-  IVxGeneric* b = nullptr;
+  IVxGeneric *a = nullptr, *b = nullptr;
   ASSERT_EQ(VxQueryGenericObject(kObject, &a), S_OK);
   ASSERT_EQ(VxQueryGenericObject(kObject, &b), S_OK);
   EXPECT_EQ(a, b);

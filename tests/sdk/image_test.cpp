@@ -110,14 +110,11 @@ TEST(Convert, ChannelOrderAlphaAndGrey) {
   Img rgba16 = Convert(bgra, VX_PF_RGBA16);
   const std::uint16_t wantRgba16[8] = {2570, 5140, 7710, 65535, 0, 65535, 0, 65535};
   EXPECT_EQ(std::memcmp(rgba16.Row<std::uint16_t>(0), wantRgba16, 16), 0);
-  Img rgbaf = Convert(rgb, VX_PF_RGBAF32);
-  EXPECT_EQ(rgbaf.Row<float>(0)[3], 1.0f);
+  EXPECT_EQ(Convert(rgb, VX_PF_RGBAF32).Row<float>(0)[3], 1.0f);
 
   // Rec. 709 weights: pure green is 0.7152.
-  Img grey = Convert(rgb, VX_PF_GRAY8);
-  EXPECT_EQ(grey.Row<std::uint8_t>(0)[1], 182);
-  Img greyF = Convert(rgb, VX_PF_GRAYF32);
-  EXPECT_NEAR(greyF.Row<float>(0)[1], 0.7152f, 1e-6f);
+  EXPECT_EQ(Convert(rgb, VX_PF_GRAY8).Row<std::uint8_t>(0)[1], 182);
+  EXPECT_NEAR(Convert(rgb, VX_PF_GRAYF32).Row<float>(0)[1], 0.7152f, 1e-6f);
 
   Img white(1, 1, VX_PF_RGBF32);
   for (int i = 0; i < 3; ++i) white.Row<float>(0)[i] = 1.0f;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "vx/sdk.h"
 
@@ -11,11 +12,10 @@ namespace {
 
 void ExpectRate(double rate, int num, int den) {
   const VxTimeFormat f = VxGetTimeFormatFromSampleRate(rate);
-  EXPECT_EQ(f.rateNum, num) << rate;
-  EXPECT_EQ(f.rateDen, den) << rate;
+  EXPECT_EQ(std::pair(f.rateNum, f.rateDen), std::pair(num, den)) << rate;
 }
 
-TEST(TimeFormat, SnapsNtscRatesAndReducesOthers) {
+TEST(Time, RatesSnapFramesAreExactTicksAndToFrameIsTheirFloor) {
   ExpectRate(23.976, 24000, 1001);
   ExpectRate(23.9759, 24000, 1001);
   ExpectRate(24000.0 / 1001.0, 24000, 1001);
@@ -31,9 +31,8 @@ TEST(TimeFormat, SnapsNtscRatesAndReducesOthers) {
   ExpectRate(44100.0, 44100, 1);
   for (double bad : {0.0, -24.0, std::nan(""), std::numeric_limits<double>::infinity(), 1e12, 1e-5})
     ExpectRate(bad, 0, 1);
-}
 
-TEST(Time, FramesAreExactTicksAndToFrameIsTheirFloor) {
+  // Frames at common rates are exact ticks; ToFrame is their floor.
   const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
   const VxTimeFormat ntsc = VxGetTimeFormatFromSampleRate(29.97);
   EXPECT_EQ(CVxTime(1, f24).Ticks(), 29400000);

@@ -30,19 +30,15 @@ int PingPong(const std::string& prefix, int rounds) {
   EventHandle reply = OpenEvent(W(prefix + "_rep").c_str());
   if (!request || !reply) return 11;
   auto* words = static_cast<volatile std::uint32_t*>(shm.view);
-  int rc = 0;
   for (int i = 0; i < rounds; ++i) {
-    if (WaitEvent(request, 10000) != Wait::Signaled) {
-      rc = 12;
-      break;
-    }
+    if (WaitEvent(request, 10000) != Wait::Signaled) return 12;  // exiting closes the rest
     words[1] = words[0] * 2 + 1;
     SetEvent(reply);
   }
   CloseEvent(request);
   CloseEvent(reply);
   CloseSharedMemory(&shm);
-  return rc;
+  return 0;
 }
 
 int WriteArgs(int argc, char** argv) {
