@@ -256,17 +256,17 @@ TEST(Extended, StoredBytesInBothOrders) {
   struct Row {
     double value;
     std::vector<std::uint8_t> bigEndian;
-    bool readsBack;  // NaN is stored as infinity, -0 as +0
+    double back;  // what reads back: NaN is stored as infinity, -0 as +0
   };
   const Row rows[] = {
-      {44100.0, Bytes({0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0}), true},
-      {1.0, Bytes({0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}), true},
-      {-2.5, Bytes({0xC0, 0x00, 0xA0, 0, 0, 0, 0, 0, 0, 0}), true},
-      {HUGE_VAL, Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}), true},
-      {-HUGE_VAL, Bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}), true},
-      {-0.0, Bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), false},
+      {44100.0, Bytes({0x40, 0x0E, 0xAC, 0x44, 0, 0, 0, 0, 0, 0}), 44100.0},
+      {1.0, Bytes({0x3F, 0xFF, 0x80, 0, 0, 0, 0, 0, 0, 0}), 1.0},
+      {-2.5, Bytes({0xC0, 0x00, 0xA0, 0, 0, 0, 0, 0, 0, 0}), -2.5},
+      {HUGE_VAL, Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}), HUGE_VAL},
+      {-HUGE_VAL, Bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}), -HUGE_VAL},
+      {-0.0, Bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), 0.0},
       {std::numeric_limits<double>::quiet_NaN(), Bytes({0x7F, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0}),
-       false},
+       HUGE_VAL},
   };
   vxtest::TempDir dir;
   for (bool reversed : {false, true}) {
@@ -281,7 +281,7 @@ TEST(Extended, StoredBytesInBothOrders) {
       EXPECT_EQ(f->position, 10u);
       EXPECT_EQ(vxtest::ReadFile(dir / "x.bin"), want);  // uncached: on disk at once
       f->position = 0;
-      if (row.readsBack) EXPECT_EQ(f->ReadExtended(), row.value);
+      EXPECT_EQ(f->ReadExtended(), row.back);
     }
     // Values no 64-bit double loses in 80 bits, subnormals included.
     using L = std::numeric_limits<double>;

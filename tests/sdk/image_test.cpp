@@ -155,12 +155,7 @@ TEST(Convert, RespectsRowPaddingAndCopiesPictureProperties) {
 }
 
 TEST(AudioBuffer, HoldsFormatAndBoundsItsLength) {
-  const WAVEFORMATEX fmt{.wFormatTag = WAVE_FORMAT_PCM,
-                         .nChannels = 2,
-                         .nSamplesPerSec = 48000,
-                         .nAvgBytesPerSec = 288000,
-                         .nBlockAlign = 6,
-                         .wBitsPerSample = 24};
+  const WAVEFORMATEX fmt{WAVE_FORMAT_PCM, 2, 48000, 288000, 6, 24, 0};  // 48 kHz 24-bit stereo
   IVxAudioBuffer* buf = nullptr;
   ASSERT_EQ(VxCreateAudioBuffer(&fmt, 600, &buf), S_OK);
   WAVEFORMATEX got{};

@@ -37,6 +37,15 @@ class Unknown : public I {
   std::atomic<ULONG> refs_{0};
 };
 
+// Answers `riid` from a new object, which dies at once when it has no such interface.
+template <typename T>
+HRESULT HandOut(T* object, REFIID riid, void** ppv) {
+  object->AddRef();
+  const HRESULT hr = object->QueryInterface(riid, ppv);
+  object->Release();
+  return hr;
+}
+
 class Generic final : public Unknown<IVxGeneric> {
  public:
   Generic() : Unknown(IID_IVxGeneric) {
@@ -61,11 +70,7 @@ class Factory final : public Unknown<IClassFactory> {
     if (!ppv) return E_POINTER;
     *ppv = nullptr;
     if (outer) return CLASS_E_NOAGGREGATION;
-    auto* g = new Generic;
-    g->AddRef();
-    const HRESULT hr = g->QueryInterface(riid, ppv);
-    g->Release();
-    return hr;
+    return HandOut(new Generic, riid, ppv);
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
 };
@@ -77,11 +82,7 @@ VX_EXPORT HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID riid, 
   *ppv = nullptr;
   if (clsid == kRefused) return E_OUTOFMEMORY;
   if (clsid != kObject) return CLASS_E_CLASSNOTAVAILABLE;
-  auto* f = new Factory;
-  f->AddRef();
-  const HRESULT hr = f->QueryInterface(riid, ppv);
-  f->Release();
-  return hr;
+  return HandOut(new Factory, riid, ppv);
 }
 
 // Counters for the tests: objects created, Start and Stop calls, objects alive.
