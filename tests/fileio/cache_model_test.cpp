@@ -38,6 +38,17 @@ struct ModelFile {
 
   std::uint8_t At(std::uint64_t i) const { return i < bytes.size() ? bytes[i] : 0; }
 
+  // Records a write of `n` bytes at `pos`: the content and each touched block's written end.
+  void Wrote(std::uint64_t pos, const std::uint8_t* data, std::uint32_t n) {
+    if (bytes.size() < pos + n) bytes.resize(pos + n, 0);
+    std::copy(data, data + n, bytes.begin() + static_cast<std::ptrdiff_t>(pos));
+    for (std::uint64_t at = pos; at < pos + n;) {
+      const std::uint64_t block = at / kBlock, end = std::min(pos + n, (block + 1) * kBlock);
+      writeEnd[block] = std::max(writeEnd[block], static_cast<std::uint32_t>(end - block * kBlock));
+      at = end;
+    }
+  }
+
   // Lower bound of a block's valid bytes: what the file held at open, or what was written.
   std::uint32_t ValidAtLeast(std::uint64_t block) const {
     std::uint64_t start = block * kBlock;
@@ -75,16 +86,6 @@ void Fill(std::vector<std::uint8_t>& v, std::mt19937_64& rng) {
   }
 }
 
-std::vector<std::uint8_t> Contents(const std::filesystem::path& p) {
-  std::vector<std::uint8_t> out(std::filesystem::file_size(p));
-  vx::os::FileHandle h = vx::os::OpenRead(vxtest::Wide(p).c_str());
-  std::uint32_t done = 0;
-  EXPECT_TRUE(vx::os::ReadAt(h, 0, out.data(), static_cast<std::uint32_t>(out.size()), &done));
-  EXPECT_EQ(done, out.size());
-  vx::os::Close(h);
-  return out;
-}
-
 // Index of the first of `n` bytes that differs from the model at `pos`, or n.
 std::uint64_t FirstDifference(const std::uint8_t* got, const ModelFile& m, std::uint64_t pos,
                               std::uint64_t n) {
@@ -107,13 +108,15 @@ class CacheModel : public ::testing::Test {
     vx::os::FileHandle h = OpenRW(m.path);
     ASSERT_NE(h, vx::os::kNoFile);
     m.reversed = rng() & 1;
-    if (m.reversed) {
-      m.open = std::make_unique<CReverseChunkFile>(h, TRUE);
-    } else {
-      m.open = std::make_unique<CChunkFile>(h, TRUE);
-    }
+    m.open = m.reversed ? std::make_unique<CReverseChunkFile>(h, TRUE)
+                        : std::make_unique<CChunkFile>(h, TRUE);
+    ASSERT_NO_FATAL_FAILURE(OnDisk(m));
+  }
+
+  // Everything so far is on disk: the file's size is the new lower bound of what reads return.
+  void OnDisk(ModelFile& m) {
     std::uint64_t size = 0;
-    ASSERT_TRUE(vx::os::Size(h, &size));
+    ASSERT_TRUE(vx::os::Size(m.open->Handle(), &size));
     m.sizeAtOpen = size;
     m.writeEnd.clear();
   }
@@ -122,7 +125,7 @@ class CacheModel : public ::testing::Test {
   // whole block; those zeros become part of the model.
   void CloseAndCheck(ModelFile& m) {
     m.open.reset();
-    auto disk = Contents(m.path);
+    auto disk = vxtest::ReadFile(m.path);
     ASSERT_GE(disk.size(), m.bytes.size());
     ASSERT_LE(disk.size(), std::max<std::uint64_t>(m.sizeAtOpen, RoundUp(m.bytes.size())));
     ASSERT_EQ(FirstDifference(disk.data(), m, 0, disk.size()), disk.size()) << m.path;
@@ -148,28 +151,15 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
 
   // Positions cluster on block edges and the current ends, where the faults live.
   auto position = [&](const ModelFile& m) -> std::uint64_t {
-    switch (pick(4)) {
-      case 0:
-        return pick(kSpan);
-      case 1: {
-        std::uint64_t edge = pick(kSpan / kBlock) * kBlock, d = pick(17);
-        return edge + d >= 8 ? edge + d - 8 : 0;
-      }
-      case 2:
-        return m.bytes.size() + pick(64) - std::min<std::uint64_t>(32, m.bytes.size());
-      default:
-        return pick(m.bytes.size() + 1);
-    }
+    const std::uint64_t edge = pick(kSpan / kBlock) * kBlock + pick(17), size = m.bytes.size();
+    const std::uint64_t choices[] = {pick(kSpan), edge >= 8 ? edge - 8 : 0,
+                                     size + pick(64) - std::min<std::uint64_t>(32, size),
+                                     pick(size + 1)};
+    return choices[pick(4)];
   };
-  auto length = [&]() -> std::uint32_t {
-    switch (pick(3)) {
-      case 0:
-        return static_cast<std::uint32_t>(pick(16));
-      case 1:
-        return static_cast<std::uint32_t>(pick(kBlock + 300));
-      default:
-        return static_cast<std::uint32_t>(pick(3 * kBlock));
-    }
+  auto length = [&]() {
+    const std::uint64_t choices[] = {pick(16), pick(kBlock + 300), pick(3 * kBlock)};
+    return static_cast<std::uint32_t>(choices[pick(3)]);
   };
 
   const std::uint64_t evictionsBefore = CacheManager().EvictionCount();
@@ -208,16 +198,7 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
       std::uint32_t done = 0;
       ASSERT_TRUE(f.Write(buf.data(), n, &done));
       ASSERT_EQ(done, n);
-      if (n == 0) continue;
-      if (m.bytes.size() < pos + n) m.bytes.resize(pos + n, 0);
-      std::copy(buf.begin(), buf.end(), m.bytes.begin() + static_cast<std::ptrdiff_t>(pos));
-      for (std::uint64_t at = pos; at < pos + n;) {
-        std::uint64_t block = at / kBlock;
-        std::uint64_t end = std::min(pos + n, (block + 1) * kBlock);
-        auto inEnd = static_cast<std::uint32_t>(end - block * kBlock);
-        m.writeEnd[block] = std::max(m.writeEnd[block], inEnd);
-        at = end;
-      }
+      if (n > 0) m.Wrote(pos, buf.data(), n);
     } else if (op < 98) {  // typed values in the file's own order
       std::uint64_t pos = position(m);
       f.position = pos;
@@ -225,26 +206,17 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
         std::uint32_t v = static_cast<std::uint32_t>(rng());
         ASSERT_TRUE(f.WriteLong(v));
         ASSERT_EQ(f.position, pos + 4);
-        if (m.bytes.size() < pos + 4) m.bytes.resize(pos + 4, 0);
-        for (int i = 0; i < 4; ++i) {
-          int shift = m.reversed ? 24 - 8 * i : 8 * i;
-          m.bytes[pos + i] = static_cast<std::uint8_t>(v >> shift);
-        }
-        for (std::uint64_t at = pos; at < pos + 4; ++at) {
-          auto& e = m.writeEnd[at / kBlock];
-          e = std::max(e, static_cast<std::uint32_t>(at % kBlock + 1));
-        }
+        std::uint8_t b[4];
+        for (int i = 0; i < 4; ++i)
+          b[i] = static_cast<std::uint8_t>(v >> (m.reversed ? 24 - 8 * i : 8 * i));
+        m.Wrote(pos, b, 4);
       } else {
-        std::uint32_t v = f.ReadLong();
-        if (m.ReadAtLeast(pos, 4) == 4) {
-          ASSERT_EQ(f.position, pos + 4);
-        }
+        std::uint32_t v = f.ReadLong(), expect = 0;
+        ASSERT_EQ(m.ReadAtLeast(pos, 4) == 4 ? f.position : pos + 4, pos + 4);  // must succeed
         if (f.position == pos + 4) {
-          std::uint32_t expect = 0;
-          for (int i = 0; i < 4; ++i) {
-            int shift = m.reversed ? 24 - 8 * i : 8 * i;
-            expect |= static_cast<std::uint32_t>(m.At(pos + i)) << shift;
-          }
+          for (int i = 0; i < 4; ++i)
+            expect |= static_cast<std::uint32_t>(m.At(pos + i))
+                      << (m.reversed ? 24 - 8 * i : 8 * i);
           ASSERT_EQ(v, expect);
         } else {
           ASSERT_EQ(f.position, pos);
@@ -254,11 +226,7 @@ TEST_F(CacheModel, RandomTrafficMatchesPlainFiles) {
     } else if (op < 99) {  // flush: the disk now holds the model; nothing is cached
       CacheManager().FlushFile(f.Handle());
       ASSERT_FALSE(CacheManager().IsCached(f.Handle(), 0));
-      vx::os::FileHandle h = f.Handle();
-      std::uint64_t size = 0;
-      ASSERT_TRUE(vx::os::Size(h, &size));
-      m.sizeAtOpen = size;
-      m.writeEnd.clear();
+      ASSERT_NO_FATAL_FAILURE(OnDisk(m));
     } else {
       ASSERT_NO_FATAL_FAILURE(CloseAndCheck(m));
       if (pick(4) == 0) {  // sometimes let every file go, which frees the pool

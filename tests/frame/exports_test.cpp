@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -35,50 +36,42 @@ struct ExpectedRow {
   const char* name;
   std::uint32_t kind;
   std::uint32_t caps;
-  std::vector<std::string> extensions;
+  const char* extensions;  // separated by blanks
 };
 
 const std::vector<ExpectedRow>& ExpectedCatalogue() {
   static const std::vector<ExpectedRow> rows = {
-      {"{32D3C204-0E3B-11CF-AFA9-00AA00629284}", "AVI", 3, 0x30003, {"AVI"}},
-      {"{32D3C205-0E3B-11CF-AFA9-00AA00629284}", "QUILLON", 1, 3, {"PIC"}},
-      {"{7F24B2C8-7C42-11CE-BC0E-00AA006C289C}", "TIFF", 1, 3, {"TIF", "TIFF"}},
-      {"{32D3C212-0E3B-11CF-AFA9-00AA00629284}", "JFIF (JPEG)", 1, 3, {"JPEG", "JFIF", "JPG"}},
-      {"{32D3C207-0E3B-11CF-AFA9-00AA00629284}", "TARGA", 1, 3, {"TGA"}},
-      {"{32D3C208-0E3B-11CF-AFA9-00AA00629284}", "YUV", 1, 3, {"YUV"}},
-      {"{A7359818-CA04-44F0-BA31-1BF97CF9AAD5}", "YUV16", 1, 3, {"YUV16"}},
-      {"{32D3C209-0E3B-11CF-AFA9-00AA00629284}", "SGI", 1, 3, {"SGI", "RGB"}},
-      {"{32D3C20A-0E3B-11CF-AFA9-00AA00629284}", "WAVEFRONT", 1, 3, {"RLA"}},
-      {"{32D3C20B-0E3B-11CF-AFA9-00AA00629284}", "PICT", 1, 3, {"PCT", "PICT"}},
-      {"{32D3C20C-0E3B-11CF-AFA9-00AA00629284}", "PCX", 1, 3, {"PCX"}},
-      {"{32D3C20D-0E3B-11CF-AFA9-00AA00629284}", "BMP", 1, 3, {"BMP"}},
-      {"{32D3C20E-0E3B-11CF-AFA9-00AA00629284}", "PPM", 1, 3, {"PPM"}},
-      {"{32D3C20F-0E3B-11CF-AFA9-00AA00629284}", "PGM", 1, 3, {"PGM"}},
-      {"{FD2CEC1C-49F1-4ECA-8C46-C208CC55BDE4}", "PNG", 1, 3, {"PNG"}},
-      {"{32D3C210-0E3B-11CF-AFA9-00AA00629284}", "GIF", 1, 1, {"GIF"}},
-      {"{32D3C211-0E3B-11CF-AFA9-00AA00629284}", "ALIAS", 1, 3, {"ALS"}},
-      {"{32D3C216-0E3B-11CF-AFA9-00AA00629284}", "CINEON", 1, 3, {"CIN", "FIDO"}},
-      {"{B980120D-CF7D-49D4-933F-467E7B541111}", "DPX", 1, 3, {"DPX"}},
-      {"{32D3C213-0E3B-11CF-AFA9-00AA00629284}", "PHOTOSHOP", 1, 3, {"PSD"}},
-      {"{7F24B2C9-7C42-11CE-BC0E-00AA006C289C}", "WAV", 2, 0x30003, {"WAV"}},
-      {"{C855EFC1-92EA-4048-82EE-33AC85C3EE89}", "BWF", 2, 0x30001, {"BWF"}},
-      {"{6C82FD9D-5D87-4E97-B2E5-0916B13DC636}", "MXF", 3, 0x30003, {"MXF"}},
-      {"{47BE3252-DAFA-11D1-9E34-00A0C982CCE4}", "MAP", 1, 3, {"MAP"}},
-      {"{18829291-03F0-11D4-922B-009027BC38C0}",
-       "HALDEN VX (VIDEO HAL)",
-       1,
-       0x30003,
-       {"GEN", "OMF"}},
-      {"{0724CB7B-60E3-478F-982A-9367EAEAEBC9}", "CHYRON", 1, 3, {"CHR"}},
-      {"{3F0215AA-FDEE-441A-9499-CA80A36EB74E}",
-       "MPG",
-       3,
-       0x30001,
-       {"MPG", "MPEG", "MP3", "M4A", "M4V", "M2V", "MP4"}},
-      {"{655AADEC-D238-11D0-B5F0-00A0C906817C}", "AIFF", 2, 0x30003, {"AIF", "AIFF", "AIFC"}},
-      {"{FE7C267F-B78C-4FCC-8F6A-D7D3441D26B5}", "RED", 3, 0x30001, {"R3D"}},
-      {"{4ADF0901-C8F1-4947-8461-A1999547859F}", "HDR", 1, 3, {"HDR"}},
-      {"{70BA3112-9E70-11D1-80C8-00A0C906818F}", "QUICKTIME", 3, 0x30003, {"MOV", "QT", "HDMOV"}},
+      {"{32D3C204-0E3B-11CF-AFA9-00AA00629284}", "AVI", 3, 0x30003, "AVI"},
+      {"{32D3C205-0E3B-11CF-AFA9-00AA00629284}", "QUILLON", 1, 3, "PIC"},
+      {"{7F24B2C8-7C42-11CE-BC0E-00AA006C289C}", "TIFF", 1, 3, "TIF TIFF"},
+      {"{32D3C212-0E3B-11CF-AFA9-00AA00629284}", "JFIF (JPEG)", 1, 3, "JPEG JFIF JPG"},
+      {"{32D3C207-0E3B-11CF-AFA9-00AA00629284}", "TARGA", 1, 3, "TGA"},
+      {"{32D3C208-0E3B-11CF-AFA9-00AA00629284}", "YUV", 1, 3, "YUV"},
+      {"{A7359818-CA04-44F0-BA31-1BF97CF9AAD5}", "YUV16", 1, 3, "YUV16"},
+      {"{32D3C209-0E3B-11CF-AFA9-00AA00629284}", "SGI", 1, 3, "SGI RGB"},
+      {"{32D3C20A-0E3B-11CF-AFA9-00AA00629284}", "WAVEFRONT", 1, 3, "RLA"},
+      {"{32D3C20B-0E3B-11CF-AFA9-00AA00629284}", "PICT", 1, 3, "PCT PICT"},
+      {"{32D3C20C-0E3B-11CF-AFA9-00AA00629284}", "PCX", 1, 3, "PCX"},
+      {"{32D3C20D-0E3B-11CF-AFA9-00AA00629284}", "BMP", 1, 3, "BMP"},
+      {"{32D3C20E-0E3B-11CF-AFA9-00AA00629284}", "PPM", 1, 3, "PPM"},
+      {"{32D3C20F-0E3B-11CF-AFA9-00AA00629284}", "PGM", 1, 3, "PGM"},
+      {"{FD2CEC1C-49F1-4ECA-8C46-C208CC55BDE4}", "PNG", 1, 3, "PNG"},
+      {"{32D3C210-0E3B-11CF-AFA9-00AA00629284}", "GIF", 1, 1, "GIF"},
+      {"{32D3C211-0E3B-11CF-AFA9-00AA00629284}", "ALIAS", 1, 3, "ALS"},
+      {"{32D3C216-0E3B-11CF-AFA9-00AA00629284}", "CINEON", 1, 3, "CIN FIDO"},
+      {"{B980120D-CF7D-49D4-933F-467E7B541111}", "DPX", 1, 3, "DPX"},
+      {"{32D3C213-0E3B-11CF-AFA9-00AA00629284}", "PHOTOSHOP", 1, 3, "PSD"},
+      {"{7F24B2C9-7C42-11CE-BC0E-00AA006C289C}", "WAV", 2, 0x30003, "WAV"},
+      {"{C855EFC1-92EA-4048-82EE-33AC85C3EE89}", "BWF", 2, 0x30001, "BWF"},
+      {"{6C82FD9D-5D87-4E97-B2E5-0916B13DC636}", "MXF", 3, 0x30003, "MXF"},
+      {"{47BE3252-DAFA-11D1-9E34-00A0C982CCE4}", "MAP", 1, 3, "MAP"},
+      {"{18829291-03F0-11D4-922B-009027BC38C0}", "HALDEN VX (VIDEO HAL)", 1, 0x30003, "GEN OMF"},
+      {"{0724CB7B-60E3-478F-982A-9367EAEAEBC9}", "CHYRON", 1, 3, "CHR"},
+      {"{3F0215AA-FDEE-441A-9499-CA80A36EB74E}", "MPG", 3, 0x30001, "MPG MPEG MP3 M4A M4V M2V MP4"},
+      {"{655AADEC-D238-11D0-B5F0-00A0C906817C}", "AIFF", 2, 0x30003, "AIF AIFF AIFC"},
+      {"{FE7C267F-B78C-4FCC-8F6A-D7D3441D26B5}", "RED", 3, 0x30001, "R3D"},
+      {"{4ADF0901-C8F1-4947-8461-A1999547859F}", "HDR", 1, 3, "HDR"},
+      {"{70BA3112-9E70-11D1-80C8-00A0C906818F}", "QUICKTIME", 3, 0x30003, "MOV QT HDMOV"},
   };
   return rows;
 }
@@ -95,8 +88,6 @@ class Exports : public ::testing::Test {
   void SetUp() override { ASSERT_TRUE(module.ok()) << module.path() << ": " << module.error(); }
   LoadedModule module;
 };
-
-// ---- Registration ---------------------------------------------------------------------------
 
 // One test walks the whole life of the registry: the tests of this area share one registry file.
 TEST_F(Exports, RegistrationRoundTrip) {
@@ -118,7 +109,9 @@ TEST_F(Exports, RegistrationRoundTrip) {
     EXPECT_EQ(parsers[i].name, expected[i].name);
     EXPECT_EQ(parsers[i].mediaKind, expected[i].kind);
     EXPECT_EQ(parsers[i].capabilities, expected[i].caps);
-    EXPECT_EQ(parsers[i].extensions, expected[i].extensions);
+    std::istringstream words(expected[i].extensions);
+    EXPECT_EQ(parsers[i].extensions,
+              (std::vector<std::string>{std::istream_iterator<std::string>(words), {}}));
     EXPECT_EQ(std::filesystem::canonical(parsers[i].module).string(), modulePath);
   }
 
@@ -149,13 +142,6 @@ TEST_F(Exports, RegistrationRoundTrip) {
     }
   }
 
-  // The host finds parsers by extension; two rows share the QuickTime class.
-  Entry found;
-  ASSERT_TRUE(vx::registry::FindByExtension("m4v", &found));
-  EXPECT_EQ(found.name, "MPG");
-  ASSERT_TRUE(vx::registry::FindByExtension(".hdmov", &found));
-  EXPECT_EQ(found.name, "QUICKTIME");
-
   // Unregistration carries on past a failure and reports it: TIFF is missing, everything
   // after it is still undone.
   const GUID tiff = Guid(expected[2].clsid);
@@ -170,8 +156,6 @@ TEST_F(Exports, RegistrationRoundTrip) {
   EXPECT_EQ(module.reg(), S_OK);
   EXPECT_EQ(module.unreg(), S_OK);
 }
-
-// ---- Class objects --------------------------------------------------------------------------
 
 TEST_F(Exports, FactoryInterfaces) {
   for (const char* id :
@@ -190,8 +174,7 @@ TEST_F(Exports, FactoryInterfaces) {
     EXPECT_EQ(other, nullptr);
 #ifdef _WIN32
     // The free-threaded marshaler, made once and aggregated: its references are the factory's.
-    void* marshal = nullptr;
-    void* again = nullptr;
+    void *marshal = nullptr, *again = nullptr;
     ASSERT_EQ(unk->QueryInterface(IID_IMarshal, &marshal), S_OK);
     ASSERT_EQ(unk->QueryInterface(IID_IMarshal, &again), S_OK);
     EXPECT_EQ(marshal, again);
@@ -218,24 +201,6 @@ TEST_F(Exports, FactoryInterfaces) {
   EXPECT_EQ(p, nullptr);
   f->Release();
   EXPECT_EQ(module.canUnloadNow(), S_OK);
-}
-
-TEST_F(Exports, CacheManagerIsOnePerProcess) {
-  IClassFactory* f1 = module.Factory(Guid(kCacheManager));
-  IClassFactory* f2 = module.Factory(Guid(kCacheManager));
-  ASSERT_TRUE(f1 && f2);
-  EXPECT_NE(f1, f2);  // a fresh factory per call
-  void *a = nullptr, *b = nullptr;
-  ASSERT_EQ(f1->CreateInstance(nullptr, IID_IUnknown, &a), S_OK);
-  ASSERT_EQ(f2->CreateInstance(nullptr, IID_IUnknown, &b), S_OK);
-  EXPECT_EQ(a, b);
-  f1->Release();
-  f2->Release();
-  EXPECT_EQ(module.canUnloadNow(), S_FALSE);  // the cache manager is referenced
-  static_cast<IUnknown*>(a)->Release();
-  EXPECT_EQ(module.canUnloadNow(), S_FALSE);
-  static_cast<IUnknown*>(b)->Release();
-  EXPECT_EQ(module.canUnloadNow(), S_OK);  // a cached singleton does not pin the module
 }
 
 // Every class id either builds an object or answers E_NOINTERFACE; an interface the object
@@ -274,7 +239,7 @@ TEST_F(Exports, CreateInstanceLeavesNothingBehind) {
   VxSetVideoHALInstantiated(FALSE);
 }
 
-TEST_F(Exports, CanUnloadNowFollowsObjectsAndLocks) {
+TEST_F(Exports, CanUnloadNowFollowsObjectsLocksAndTheCacheManager) {
   EXPECT_EQ(module.canUnloadNow(), S_OK);
   IClassFactory* f = module.Factory(Guid(kAdf));
   ASSERT_NE(f, nullptr);
@@ -292,9 +257,24 @@ TEST_F(Exports, CanUnloadNowFollowsObjectsAndLocks) {
   EXPECT_EQ(module.canUnloadNow(), S_FALSE);  // the factory still lives
   f->Release();
   EXPECT_EQ(module.canUnloadNow(), S_OK);
-}
 
-// ---- The module's symbol table --------------------------------------------------------------
+  // One cache manager per process, whatever factory made it.
+  IClassFactory* f1 = module.Factory(Guid(kCacheManager));
+  IClassFactory* f2 = module.Factory(Guid(kCacheManager));
+  ASSERT_TRUE(f1 && f2);
+  EXPECT_NE(f1, f2);  // a fresh factory per call
+  void *a = nullptr, *b = nullptr;
+  ASSERT_EQ(f1->CreateInstance(nullptr, IID_IUnknown, &a), S_OK);
+  ASSERT_EQ(f2->CreateInstance(nullptr, IID_IUnknown, &b), S_OK);
+  EXPECT_EQ(a, b);
+  f1->Release();
+  f2->Release();
+  EXPECT_EQ(module.canUnloadNow(), S_FALSE);  // the cache manager is referenced
+  static_cast<IUnknown*>(a)->Release();
+  EXPECT_EQ(module.canUnloadNow(), S_FALSE);
+  static_cast<IUnknown*>(b)->Release();
+  EXPECT_EQ(module.canUnloadNow(), S_OK);  // a cached singleton does not pin the module
+}
 
 TEST_F(Exports, ExportsExactlyTheFourEntryPoints) {
 #ifdef _WIN32

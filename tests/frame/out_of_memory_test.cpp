@@ -84,9 +84,8 @@ HRESULT OpenThroughTheFactory(const VxString& pattern) {
 
 TEST(OutOfMemory, EveryAllocationFailureComesOutAsAStatus) {
   vxtest::TempDir dir;
-  for (int i = 1; i <= 3; ++i) {
+  for (int i = 1; i <= 3; ++i)
     vxtest::WriteFile(dir / ("shot.000" + std::to_string(i) + ".dpx"), {0});
-  }
   const VxString pattern = vxtest::Wide(dir / "shot.####.dpx");
   const std::int32_t objects = vx::module::ObjectCount();
 

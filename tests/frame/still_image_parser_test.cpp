@@ -16,17 +16,11 @@ namespace {
 // The base with its helpers in reach.
 class Still : public CVxStillImageParser {
  public:
-  using CVxStillImageParser::AlphaImposed;
-  using CVxStillImageParser::AspectImposed;
-  using CVxStillImageParser::CopyName;
-  using CVxStillImageParser::CurrentFileName;
-  using CVxStillImageParser::FileList;
-  using CVxStillImageParser::Flags;
-  using CVxStillImageParser::FrameCount;
-  using CVxStillImageParser::IsWriting;
-  using CVxStillImageParser::OutputFileName;
-  using CVxStillImageParser::PixelAspect;
-  using CVxStillImageParser::SelectFile;
+  using CVxStillImageParser::AlphaImposed, CVxStillImageParser::AspectImposed,
+      CVxStillImageParser::CopyName, CVxStillImageParser::CurrentFileName,
+      CVxStillImageParser::FileList, CVxStillImageParser::Flags, CVxStillImageParser::FrameCount,
+      CVxStillImageParser::IsWriting, CVxStillImageParser::OutputFileName,
+      CVxStillImageParser::PixelAspect, CVxStillImageParser::SelectFile;
 };
 
 // Holds one reference for the test's lifetime, as the factory hands objects out.
@@ -43,17 +37,14 @@ class StillTest : public ::testing::Test {
     EXPECT_EQ(vx::module::ObjectCount(), before_);
   }
 
-  static std::vector<std::uint8_t> Record(double aspect, DWORD alpha, DWORD size = 56) {
+  // Hands the parser a host record that is deliberately misaligned for its double.
+  HRESULT Impose(double aspect, DWORD alpha, DWORD size, DWORD kind) {
     tagVxImageStreamFormat f{};
     f.cbSize = size;
     f.pixelAspect = aspect;
     f.hasAlpha = alpha;
     std::vector<std::uint8_t> bytes(sizeof f + 1);
-    std::memcpy(bytes.data() + 1, &f, sizeof f);  // deliberately misaligned for a double
-    return bytes;
-  }
-  HRESULT Impose(double aspect, DWORD alpha, DWORD size = 56, DWORD kind = 1) {
-    auto bytes = Record(aspect, alpha, size);
+    std::memcpy(bytes.data() + 1, &f, sizeof f);
     return p->SetStreamFormat(kind, 0, bytes.data() + 1);
   }
 
@@ -71,12 +62,8 @@ class StillTest : public ::testing::Test {
   std::int32_t before_ = 0;
 };
 
-// ---- Identity and lifetime ------------------------------------------------------------------
-
 TEST_F(StillTest, InterfacesShareOneObject) {
-  void* unk = nullptr;
-  void* media = nullptr;
-  void* image = nullptr;
+  void *unk = nullptr, *media = nullptr, *image = nullptr;
   ASSERT_EQ(p->QueryInterface(IID_IUnknown, &unk), S_OK);
   ASSERT_EQ(p->QueryInterface(IID_IVxMediaFileParser, &media), S_OK);
   ASSERT_EQ(p->QueryInterface(IID_IVxImageStreamParser, &image), S_OK);
@@ -106,9 +93,7 @@ TEST_F(StillTest, InterfacesShareOneObject) {
   p->Release();
 }
 
-// ---- Opening --------------------------------------------------------------------------------
-
-TEST_F(StillTest, OpenLiteralKeepsNoListAndDropsHostBits) {
+TEST_F(StillTest, OpenLiteralOrAsASequence) {
   EXPECT_EQ(p->Open(VXT("/nowhere/shot.0001.dpx"), 0x30000002u), S_OK);
   EXPECT_EQ(p->FileList(), nullptr);
   EXPECT_EQ(p->Flags(), 2u);
@@ -120,13 +105,11 @@ TEST_F(StillTest, OpenLiteralKeepsNoListAndDropsHostBits) {
   // Reopening on the name it holds (formats do) must not read freed text.
   EXPECT_EQ(p->Open(p->CurrentFileName().c_str(), 0), S_OK);
   EXPECT_EQ(p->CurrentFileName(), VXT("/nowhere/shot.0001.dpx"));
-}
 
-TEST_F(StillTest, OpenExpandsNumberedSequence) {
+  // A numbered pattern opens as its sequence.
   vxtest::TempDir dir;
-  for (int i = 1; i <= 3; ++i) {
+  for (int i = 1; i <= 3; ++i)
     vxtest::WriteFile(dir / ("shot.000" + std::to_string(i) + ".dpx"), {1, 2, 3});
-  }
   VxString pattern = vxtest::Wide(dir / "shot.####.dpx");
   EXPECT_EQ(p->OpenEx(pattern.c_str(), 0x20000000u | 0x40u, 12345), S_OK);
   ASSERT_NE(p->FileList(), nullptr);
@@ -173,8 +156,6 @@ TEST_F(StillTest, OpenFileListHoldsOneReference) {
   EXPECT_EQ(b->Release(), 0u);
 }
 
-// ---- Stream queries -------------------------------------------------------------------------
-
 // What SetStreamFormat takes from the host's record: the aspect only when positive (NaN, 0 and
 // negatives keep what was there), alpha from every accepted call, nothing from refused records.
 TEST_F(StillTest, ImposedAspectAndAlpha) {
@@ -206,31 +187,27 @@ TEST_F(StillTest, ImposedAspectAndAlpha) {
   EXPECT_EQ(p->SetStreamFormat(1, 0, nullptr), E_POINTER);
 }
 
-// ---- Selecting the current file -------------------------------------------------------------
-
-TEST_F(StillTest, SelectFirstExistingSkipsMissingAndFolders) {
+TEST_F(StillTest, SelectFile) {
   vxtest::TempDir dir;
   std::filesystem::create_directory(dir / "f.0002.dpx");
   vxtest::WriteFile(dir / "f.0004.dpx", {0});
   vxtest::WriteFile(dir / "f.0005.dpx", {0});
-  IVxFileList* list = List({vxtest::Wide(dir / "f.0001.dpx"), vxtest::Wide(dir / "f.0002.dpx"),
-                            vxtest::Wide(dir / "f.0003.dpx"), vxtest::Wide(dir / "f.0004.dpx"),
-                            vxtest::Wide(dir / "f.0005.dpx")});
+  std::vector<VxString> names;
+  for (int i = 1; i <= 5; ++i)
+    names.push_back(vxtest::Wide(dir / ("f.000" + std::to_string(i) + ".dpx")));
+  IVxFileList* list = List(names);
   ASSERT_NE(list, nullptr);
   ASSERT_EQ(p->OpenFileList(list, 0), S_OK);
   list->Release();
-  EXPECT_EQ(p->SelectFile(-1), S_OK);
-  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "f.0004.dpx"));
-  EXPECT_EQ(p->SelectFile(0), S_OK);  // explicit indices need not exist
-  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "f.0001.dpx"));
-  EXPECT_EQ(p->SelectFile(4), S_OK);
-  EXPECT_EQ(p->CurrentFileName(), vxtest::Wide(dir / "f.0005.dpx"));
+  // -1 takes the first file there is; explicit indices need not exist.
+  for (auto [index, want] : {std::pair{-1, 3}, {0, 0}, {4, 4}}) {
+    EXPECT_EQ(p->SelectFile(index), S_OK);
+    EXPECT_EQ(p->CurrentFileName(), names[want]) << index;
+  }
   EXPECT_EQ(p->SelectFile(5), E_INVALIDARG);
   EXPECT_EQ(p->SelectFile(-3), E_INVALIDARG);
-}
 
-// Without a list only 0 and -1 select; an empty list selects nothing and keeps the name.
-TEST_F(StillTest, SelectWithoutListOrOnAnEmptyOne) {
+  // Without a list only 0 and -1 select; an empty list selects nothing and keeps the name.
   ASSERT_EQ(p->Open(VXT("keep.dpx"), VX_OPEN_NO_PATTERN), S_OK);
   EXPECT_EQ(p->SelectFile(0), S_OK);
   EXPECT_EQ(p->SelectFile(-1), S_OK);
@@ -246,8 +223,6 @@ TEST_F(StillTest, SelectWithoutListOrOnAnEmptyOne) {
   EXPECT_EQ(p->CurrentFileName(), VXT("keep.dpx"));
 }
 
-// ---- Names into host buffers ----------------------------------------------------------------
-
 TEST(StillCopyName, TruncatesAndTerminates) {
   VxChar buf[4] = {'x', 'x', 'x', 'x'};
   EXPECT_EQ(Still::CopyName(VXT("ABCDEF"), buf, 4), S_OK);
@@ -256,9 +231,8 @@ TEST(StillCopyName, TruncatesAndTerminates) {
   EXPECT_EQ(VxString(buf), VXT("AB"));
   EXPECT_EQ(Still::CopyName(VXT("A"), buf, 1), S_OK);
   EXPECT_EQ(buf[0], 0);
-  EXPECT_EQ(Still::CopyName(VXT("A"), nullptr, 4), E_INVALIDARG);
-  EXPECT_EQ(Still::CopyName(VXT("A"), buf, 0), E_INVALIDARG);
-  EXPECT_EQ(Still::CopyName(VXT("A"), buf, -1), E_INVALIDARG);
+  for (auto [to, size] : {std::pair<VxChar*, int>{nullptr, 4}, {buf, 0}, {buf, -1}})
+    EXPECT_EQ(Still::CopyName(VXT("A"), to, size), E_INVALIDARG) << size;
 }
 
 }  // namespace

@@ -32,9 +32,19 @@ double CpuMs(std::clock_t c0) {
 #endif
 }
 
+// The calls below take null handles quietly, so a failed launch or create fails the test's later
+// expectations instead of crashing it.
 ProcessHandle LaunchChild(const std::string& args) {
-  return LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("vx_platform_child"),
-                       U(args).c_str());
+  ProcessHandle p = LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(),
+                                  VXT("vx_platform_child"), U(args).c_str());
+  EXPECT_NE(p, nullptr) << args;
+  return p;
+}
+
+EventHandle NewEvent(const std::string& name, bool initial = false) {
+  EventHandle e = CreateEvent(U(name).c_str(), initial);
+  EXPECT_NE(e, nullptr) << name;
+  return e;
 }
 
 // Waits for the child and hands back its exit code; -1 if it would not end.
@@ -47,9 +57,7 @@ int Finish(ProcessHandle p) {
   return code;
 }
 
-// ---- Shared memory ------------------------------------------------------------------------
-
-TEST(SharedMemory, CreateThenOpenSeeTheSameBytes) {
+TEST(SharedMemory, CreateOpenSizesAndRefusals) {
   const std::string name = UniqueName("shm");
   SharedMemory a, b;
   ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 100, &a));
@@ -75,19 +83,17 @@ TEST(SharedMemory, CreateThenOpenSeeTheSameBytes) {
   CloseSharedMemory(&a);  // the creator takes the name with it
   SharedMemory d;
   EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), 100, &d));
-}
 
-// Sizes: an open without one takes the whole mapping, an open asking for more than there is
-// fails, and so do absent names, empty names and empty mappings.
-TEST(SharedMemory, SizesAndRefusals) {
-  const std::string name = UniqueName("any");
-  SharedMemory a, b, m;
-  ASSERT_TRUE(CreateSharedMemory(U(name).c_str(), 3 * PageSize() + 1, &a));
-  ASSERT_TRUE(OpenSharedMemory(U(name).c_str(), 0, &b));
+  // An open without a size takes the whole mapping, one asking for more than there is fails,
+  // and so do absent names, empty names and empty mappings.
+  const std::string any = UniqueName("any");
+  SharedMemory m;  // a and b again, closed above
+  ASSERT_TRUE(CreateSharedMemory(U(any).c_str(), 3 * PageSize() + 1, &a));
+  ASSERT_TRUE(OpenSharedMemory(U(any).c_str(), 0, &b));
   EXPECT_EQ(b.size, 4 * PageSize());
   static_cast<unsigned char*>(a.view)[a.size - 1] = 0x5A;  // last byte is shared too
   EXPECT_EQ(static_cast<unsigned char*>(b.view)[b.size - 1], 0x5A);
-  EXPECT_FALSE(OpenSharedMemory(U(name).c_str(), a.size + 1, &m));
+  EXPECT_FALSE(OpenSharedMemory(U(any).c_str(), a.size + 1, &m));
   CloseSharedMemory(&b);
   CloseSharedMemory(&a);
   EXPECT_FALSE(OpenSharedMemory(U(UniqueName("absent")).c_str(), 10, &m));
@@ -109,18 +115,12 @@ TEST(SharedMemory, DistinctNamesStayApart) {
     static_cast<char*>(a.view)[0] = 'a';
     EXPECT_EQ(static_cast<char*>(c.view)[0], 'a');
     EXPECT_EQ(static_cast<char*>(b.view)[0], 0);
-    CloseSharedMemory(&c);
-    CloseSharedMemory(&b);
-    CloseSharedMemory(&a);
+    for (SharedMemory* m : {&c, &b, &a}) CloseSharedMemory(m);
   }
 }
 
-// ---- Events within one process -------------------------------------------------------------
-
 TEST(Events, AutoResetTakesOneSetPerWait) {
-  const std::string name = UniqueName("ev");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(e, nullptr);
+  EventHandle e = NewEvent(UniqueName("ev"));
   EXPECT_EQ(WaitEvent(e, 0), Wait::Timeout);
   ASSERT_TRUE(SetEvent(e));
   ASSERT_TRUE(SetEvent(e));  // sets do not count up
@@ -140,31 +140,25 @@ TEST(Events, AutoResetTakesOneSetPerWait) {
 TEST(Events, InitialStateAndOpeningByName) {
   const std::string name = UniqueName("ev");
   EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);
-  EventHandle a = CreateEvent(U(name).c_str(), true);
-  ASSERT_NE(a, nullptr);
+  EventHandle a = NewEvent(name, true);
   EventHandle b = OpenEvent(U(name).c_str());
   ASSERT_NE(b, nullptr);
   EXPECT_EQ(WaitEvent(b, 0), Wait::Signaled);  // the other handle sees the initial set
   EXPECT_EQ(WaitEvent(a, 0), Wait::Timeout);
   // Creating an existing event opens it; its state is not reset by the initial flag.
-  EventHandle c = CreateEvent(U(name).c_str(), true);
-  ASSERT_NE(c, nullptr);
+  EventHandle c = NewEvent(name, true);
   EXPECT_EQ(WaitEvent(a, 0), Wait::Timeout);
   SetEvent(c);
   EXPECT_EQ(WaitEvent(a, 0), Wait::Signaled);
   CloseEvent(a);  // the first handle going does not take the name while others hold it
   EventHandle d = OpenEvent(U(name).c_str());
   EXPECT_NE(d, nullptr);
-  CloseEvent(b);
-  CloseEvent(c);
-  CloseEvent(d);
+  for (EventHandle h : {b, c, d}) CloseEvent(h);
   EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);  // the last handle removed it
 }
 
 TEST(Events, OneSetReleasesExactlyOneOfTwoWaiters) {
-  const std::string name = UniqueName("ev");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(e, nullptr);
+  EventHandle e = NewEvent(UniqueName("ev"));
   std::atomic<int> signalled{0}, timedOut{0};
   auto waiter = [&] {
     const Wait w = WaitEvent(e, 600);
@@ -186,10 +180,8 @@ TEST(Events, OneSetReleasesExactlyOneOfTwoWaiters) {
 
 // Every kind of wait honours its timeout and sleeps in the kernel meanwhile.
 TEST(Events, TimeoutsAreHonouredAsleep) {
-  EventHandle e = CreateEvent(U(UniqueName("ev")).c_str(), false);
-  ASSERT_NE(e, nullptr);
-  ProcessHandle p = LaunchChild("sleep 5000");
-  ASSERT_NE(p, nullptr);
+  EventHandle e = NewEvent(UniqueName("ev"));
+  ProcessHandle p = LaunchChild("exit 0 5000");
   const std::pair<const char*, std::function<Wait()>> waits[] = {
       {"event", [&] { return WaitEvent(e, 200); }},
       {"process", [&] { return WaitProcess(p, 200); }},
@@ -210,11 +202,8 @@ TEST(Events, TimeoutsAreHonouredAsleep) {
   CloseEvent(e);
 }
 
-// ---- Processes ----------------------------------------------------------------------------
-
-TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
+TEST(Processes, ExitAndTerminationCodesAreReportedOnlyAfterTheEnd) {
   ProcessHandle p = LaunchChild("exit 7 150");
-  ASSERT_NE(p, nullptr);
   EXPECT_NE(ProcessIdOf(p), 0u);
   EXPECT_NE(ProcessIdOf(p), CurrentProcessId());
   int code = -1;
@@ -225,30 +214,21 @@ TEST(Processes, ExitCodeIsReportedOnlyAfterExit) {
   EXPECT_EQ(code, 7);
   EXPECT_EQ(WaitProcess(p, 0), Wait::Signaled);  // stays signalled
   CloseProcess(p);
-}
 
-TEST(Processes, TerminateReportsTheGivenCode) {
-  ProcessHandle p = LaunchChild("sleep 30000");
-  ASSERT_NE(p, nullptr);
+  // A terminated process reports the given code.
+  p = LaunchChild("exit 0 30000");
   const auto t0 = Clock::now();
   ASSERT_TRUE(TerminateProcess(p, 3));
   EXPECT_EQ(WaitProcess(p, 5000), Wait::Signaled);
   EXPECT_LT(MsSince(t0), 5000);
-  int code = -1;
   ASSERT_TRUE(ProcessExitCode(p, &code));
   EXPECT_EQ(code, 3);
   EXPECT_FALSE(TerminateProcess(p, 4));  // already gone
   CloseProcess(p);
+  EXPECT_EQ(Finish(LaunchChild("stdin")), 0);  // a child's standard input is at its end at once
 }
 
-TEST(Processes, MissingProgramFailsToLaunch) {
-  EXPECT_EQ(
-      LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("no-such-program"), VXT("")),
-      nullptr);
-  EXPECT_EQ(LaunchProcess(VXT("/nonexistent-folder"), VXT("vx_platform_child"), VXT("")), nullptr);
-}
-
-TEST(Processes, ArgumentsAreSplitLikeAShellAndFolderIsTheWorkingDirectory) {
+TEST(Processes, ArgumentsFolderAndMissingPrograms) {
   vxtest::TempDir dir;
   const std::string child = std::string("vx_platform_child") + vxtest::kExeSuffix;
   std::filesystem::copy_file(vxtest::ChildDir() / child, dir / child);
@@ -259,27 +239,22 @@ TEST(Processes, ArgumentsAreSplitLikeAShellAndFolderIsTheWorkingDirectory) {
   std::ifstream in(dir / "args.txt");
   std::string all((std::istreambuf_iterator<char>(in)), {});
   EXPECT_EQ(all, "one\ntwo words\n\nthree\n\xC3\xA9\n");
-}
 
-TEST(Processes, StandardInputIsEmpty) {
-  ProcessHandle p = LaunchChild("stdin");
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(Finish(p), 0);
+  // A missing program or folder launches nothing.
+  EXPECT_EQ(
+      LaunchProcess(vxtest::Wide(vxtest::ChildDir()).c_str(), VXT("no-such-program"), VXT("")),
+      nullptr);
+  EXPECT_EQ(LaunchProcess(VXT("/nonexistent-folder"), VXT("vx_platform_child"), VXT("")), nullptr);
 }
-
-// ---- Between two processes ----------------------------------------------------------------
 
 TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
   const std::string prefix = UniqueName("pp");
   SharedMemory shm;
   ASSERT_TRUE(CreateSharedMemory(U(prefix + "_map").c_str(), 8, &shm));
-  EventHandle request = CreateEvent(U(prefix + "_req").c_str(), false);
-  EventHandle reply = CreateEvent(U(prefix + "_rep").c_str(), false);
-  ASSERT_NE(request, nullptr);
-  ASSERT_NE(reply, nullptr);
+  EventHandle request = NewEvent(prefix + "_req");
+  EventHandle reply = NewEvent(prefix + "_rep");
   constexpr int kRounds = 300;
   ProcessHandle p = LaunchChild("pingpong " + prefix + " " + std::to_string(kRounds));
-  ASSERT_NE(p, nullptr);
   auto* words = static_cast<volatile std::uint32_t*>(shm.view);
   int good = 0;
   for (int i = 0; i < kRounds; ++i) {
@@ -295,24 +270,20 @@ TEST(CrossProcess, PingPongThroughSharedMemoryAndEvents) {
   }
   EXPECT_EQ(good, kRounds);
   EXPECT_EQ(Finish(p), 0);
-  CloseEvent(request);
-  CloseEvent(reply);
+  for (EventHandle h : {request, reply}) CloseEvent(h);
   CloseSharedMemory(&shm);
 }
 
 TEST(CrossProcess, EventSetBeforeExitWinsAndExitEndsTheWait) {
   const std::string name = UniqueName("ev");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(e, nullptr);
+  EventHandle e = NewEvent(name);
   ProcessHandle p = LaunchChild("signal-exit " + name + " 5");
-  ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitProcess(p, 10000), Wait::Signaled);
   EXPECT_EQ(WaitEventOrProcess(e, p, 1000), Wait::Signaled);
   EXPECT_EQ(WaitEventOrProcess(e, p, 1000), Wait::ProcessExited);
   EXPECT_EQ(Finish(p), 5);
   // A child that ends while the wait is on ends it.
   p = LaunchChild("exit 0 100");
-  ASSERT_NE(p, nullptr);
   const auto t0 = Clock::now();
   EXPECT_EQ(WaitEventOrProcess(e, p, kInfinite), Wait::ProcessExited);
   EXPECT_LT(MsSince(t0), 5000);
@@ -324,10 +295,8 @@ TEST(CrossProcess, FileLockExcludesAnotherProcess) {
   vxtest::TempDir dir;
   vxtest::WriteFile(dir / "lock", {0});
   const std::string name = UniqueName("locked");
-  EventHandle locked = CreateEvent(U(name).c_str(), false);
-  ASSERT_NE(locked, nullptr);
+  EventHandle locked = NewEvent(name);
   ProcessHandle p = LaunchChild("lock " + (dir / "lock").string() + " " + name + " 500");
-  ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitEventOrProcess(locked, p, 10000), Wait::Signaled);
   FileHandle f = OpenReadWrite(vxtest::Wide(dir / "lock").c_str());
   ASSERT_NE(f, kNoFile);
@@ -343,12 +312,9 @@ TEST(CrossProcess, FileLockExcludesAnotherProcess) {
 TEST(CrossProcess, AWaiterKilledMidWaitNeitherSwallowsSetsNorKeepsTheName) {
   const std::string name = UniqueName("ev");
   const std::string readyName = UniqueName("ready");
-  EventHandle e = CreateEvent(U(name).c_str(), false);
-  EventHandle ready = CreateEvent(U(readyName).c_str(), false);
-  ASSERT_NE(e, nullptr);
-  ASSERT_NE(ready, nullptr);
+  EventHandle e = NewEvent(name);
+  EventHandle ready = NewEvent(readyName);
   ProcessHandle p = LaunchChild("wait " + name + " " + readyName);
-  ASSERT_NE(p, nullptr);
   ASSERT_EQ(WaitEventOrProcess(ready, p, 10000), Wait::Signaled);
   SleepMs(100);  // let it settle inside the wait
   ASSERT_TRUE(TerminateProcess(p, 9));
@@ -364,8 +330,7 @@ TEST(CrossProcess, AWaiterKilledMidWaitNeitherSwallowsSetsNorKeepsTheName) {
   EXPECT_EQ(result.load(), static_cast<int>(Wait::Signaled));
   EXPECT_LT(MsSince(t0), 500);  // woken by the set, not by a later poll
 
-  CloseEvent(e);
-  CloseEvent(ready);
+  for (EventHandle h : {e, ready}) CloseEvent(h);
   // The dead child's handle does not keep the object alive.
   EXPECT_EQ(OpenEvent(U(name).c_str()), nullptr);
   EXPECT_EQ(OpenEvent(U(readyName).c_str()), nullptr);

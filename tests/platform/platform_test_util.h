@@ -30,6 +30,13 @@ inline std::string UniqueName(const std::string& tag) {
          "_" + tag;
 }
 
+// Closes on scope exit so a failed assertion does not leak the descriptor.
+struct File {
+  vx::os::FileHandle h;
+  explicit File(vx::os::FileHandle f) : h(f) {}
+  ~File() { vx::os::Close(h); }
+};
+
 inline VxString U(const std::string& s) {
   return vx::FromUtf8(s);
 }

@@ -27,7 +27,7 @@ TEST(Locks, CriticalSectionSerialisesAndIsRecursive) {
   EXPECT_EQ(counter, 200000);
 }
 
-TEST(Atomics, ReturnValuesFollowTheirContracts) {
+TEST(Atomics, ReturnValuesFollowTheirContractsAndNoIncrementIsLost) {
   volatile std::int32_t v = 5;
   EXPECT_EQ(AtomicIncrement(&v), 6);
   EXPECT_EQ(AtomicDecrement(&v), 5);
@@ -36,10 +36,9 @@ TEST(Atomics, ReturnValuesFollowTheirContracts) {
   EXPECT_EQ(AtomicLoad(&v), 9);
   EXPECT_EQ(AtomicCompareExchange(&v, 1, 9), 9);
   EXPECT_EQ(AtomicLoad(&v), 1);
-}
 
-TEST(Atomics, ConcurrentIncrementsAreNotLost) {
-  volatile std::int32_t v = 0;
+  // Concurrent increments are not lost.
+  v = 0;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&] {
@@ -74,7 +73,7 @@ TEST(Pages, RoundingAndZeroedAllocation) {
   FreePages(nullptr, 10);
 }
 
-TEST(Modules, LoadLookUpAndLocate) {
+TEST(Modules, LoadLookUpLocateAndFail) {
 #ifdef _WIN32
   const VxChar* const library = VXT("msvcrt.dll");  // its C library holds the maths too
   const char* const stem = "msvcrt";
@@ -97,9 +96,8 @@ TEST(Modules, LoadLookUpAndLocate) {
 #else
   EXPECT_STREQ(ModuleSuffix(), ".so");
 #endif
-}
 
-TEST(Modules, MainProgramAndFailures) {
+  // The main program is a module too; failures name what failed.
   static int inThisProgram = 0;
   EXPECT_EQ(ModulePathOf(&inThisProgram), ExecutablePath());
   const std::filesystem::path exe = vx::ToUtf8(ExecutablePath());

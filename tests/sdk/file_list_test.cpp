@@ -45,7 +45,7 @@ Listed Expand(const fs::path& pattern) {
 
 using Names = std::vector<std::string>;
 
-TEST(FileList, HashesMatchExactlyThatManyDigitsWithGapsAbsent) {
+TEST(FileList, HashAndPrintfPatternsMatchTheirDigitCounts) {
   vxtest::TempDir dir;
   for (const char* n :
        {"shot.0001.dpx", "shot.0002.dpx", "shot.0004.dpx", "shot.0010.dpx", "shot.00003.dpx",
@@ -56,6 +56,13 @@ TEST(FileList, HashesMatchExactlyThatManyDigitsWithGapsAbsent) {
   EXPECT_EQ(l.names, (Names{"shot.0001.dpx", "shot.0002.dpx", "shot.0004.dpx", "shot.0010.dpx"}));
   EXPECT_EQ(l.frames, (std::vector<int>{1, 2, 4, 10}));
   EXPECT_EQ(l.full[0], (dir / "shot.0001.dpx").string());  // the folder is kept
+
+  for (const char* n : {"a.0001.exr", "a.0020.exr", "a.12345.exr", "a.01234.exr", "a.020.exr",
+                        "b.1.exr", "b.2.exr", "b.10.exr", "b.03.exr"})
+    Touch(dir / n);
+  // %04d is what printf writes: four digits at least, more only without a leading zero.
+  EXPECT_EQ(Expand(dir / "a.%04d.exr").names, (Names{"a.0001.exr", "a.0020.exr", "a.12345.exr"}));
+  EXPECT_EQ(Expand(dir / "b.%d.exr").frames, (std::vector<int>{1, 2, 10}));
 }
 
 TEST(FileList, PlainMemberExpandsToItsSequenceOfSameWidth) {
@@ -75,25 +82,15 @@ TEST(FileList, PlainMemberExpandsToItsSequenceOfSameWidth) {
   EXPECT_EQ(l4.frames, (std::vector<int>{7, 9, 12, 100}));
   const Listed l5 = Expand(dir / "w5_00007.dpx");
   EXPECT_EQ(l5.frames, (std::vector<int>{7, 9, 12, 100}));
+  Touch(dir / "scan.001");  // a numeric extension is the frame
+  Touch(dir / "scan.002");
+  EXPECT_EQ(Expand(dir / "scan.001").names, (Names{"scan.001", "scan.002"}));
 }
 
-TEST(FileList, PrintfPatterns) {
+TEST(FileList, NamesWithoutASequenceStandForThemselvesWhateverTheFolder) {
   vxtest::TempDir dir;
-  for (const char* n : {"a.0001.exr", "a.0020.exr", "a.12345.exr", "a.01234.exr", "a.020.exr",
-                        "b.1.exr", "b.2.exr", "b.10.exr", "b.03.exr"})
+  for (const char* n : {"plate.dpx", "single.0042.dpx", "single.0042.tif", "clip.mp4", "clip.mp3"})
     Touch(dir / n);
-  // %04d is what printf writes: four digits at least, more only without a leading zero.
-  EXPECT_EQ(Expand(dir / "a.%04d.exr").names, (Names{"a.0001.exr", "a.0020.exr", "a.12345.exr"}));
-  EXPECT_EQ(Expand(dir / "b.%d.exr").frames, (std::vector<int>{1, 2, 10}));
-}
-
-TEST(FileList, NamesWithoutASequenceStandForThemselves) {
-  vxtest::TempDir dir;
-  Touch(dir / "plate.dpx");
-  Touch(dir / "single.0042.dpx");
-  Touch(dir / "single.0042.tif");
-  Touch(dir / "clip.mp4");
-  Touch(dir / "clip.mp3");
   for (const char* n :
        {"plate.dpx", "missing.dpx", "single.0042.dpx", "gone.0001.dpx", "clip.mp4"}) {
     const Listed l = Expand(dir / n);
@@ -101,10 +98,8 @@ TEST(FileList, NamesWithoutASequenceStandForThemselves) {
   }
   EXPECT_EQ(Expand(dir / "single.0042.dpx").frames, std::vector<int>{42});
   EXPECT_TRUE(Expand(dir / "none.####.dpx").names.empty());  // a pattern names no file itself
-}
 
-TEST(FileList, DigitsInTheFolderAreNotTheFrame) {
-  vxtest::TempDir dir;
+  // Digits in the folder are not the frame.
   const fs::path take = dir / "take0002";
   fs::create_directory(take);
   fs::create_directory(dir / "take0003");
@@ -117,13 +112,6 @@ TEST(FileList, DigitsInTheFolderAreNotTheFrame) {
   Touch(dir / "reel##7" / "s.0001.dpx");
   Touch(dir / "reel##7" / "s.0002.dpx");
   EXPECT_EQ(Expand(dir / "reel##7" / "s.0002.dpx").frames, (std::vector<int>{1, 2}));
-}
-
-TEST(FileList, NumericExtensionIsTheFrame) {
-  vxtest::TempDir dir;
-  Touch(dir / "scan.001");
-  Touch(dir / "scan.002");
-  EXPECT_EQ(Expand(dir / "scan.001").names, (Names{"scan.001", "scan.002"}));
 }
 
 TEST(FileList, FileNameForFrame) {

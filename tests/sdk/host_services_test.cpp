@@ -41,21 +41,17 @@ TEST(MessageBox, DefaultWritesOneLineToStderrAndHandlersReplaceIt) {
   VxMessageBox(VXT("Error Message"), VXT("Bad file \u00e9"));
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error Message: Bad file \xc3\xa9\n");
 
-  struct Seen {
-    std::vector<VxString> lines;
-  } seen;
+  std::vector<VxString> seen;
   VxSetMessageBoxHandler(
       [](const VxChar* caption, const VxChar* text, void* ctx) {
-        static_cast<Seen*>(ctx)->lines.push_back(VxString(caption) + VXT("|") + text);
+        static_cast<std::vector<VxString>*>(ctx)->push_back(VxString(caption) + VXT("|") + text);
       },
       &seen);
   testing::internal::CaptureStderr();
   VxMessageBox(VXT("Quick Time parser ERROR"), VXT("no decoder"));
   VxMessageBox(nullptr, nullptr);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  ASSERT_EQ(seen.lines.size(), 2u);
-  EXPECT_EQ(seen.lines[0], VxString(VXT("Quick Time parser ERROR|no decoder")));
-  EXPECT_EQ(seen.lines[1], VxString(VXT("|")));
+  EXPECT_EQ(seen, (std::vector<VxString>{VXT("Quick Time parser ERROR|no decoder"), VXT("|")}));
 
   VxSetMessageBoxHandler(nullptr, nullptr);  // back to the default
   testing::internal::CaptureStderr();

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "sdk_test_util.h"
 #include "vx/sdk.h"
@@ -27,6 +28,18 @@ std::string Cube(int n, const std::function<void(float, float, float, float*)>& 
   return text;
 }
 
+void Identity(float r, float g, float b, float* o) {
+  o[0] = r, o[1] = g, o[2] = b;
+}
+
+// Applies `lut` to pixels of `channels` floats and compares each one with `want`.
+void ExpectApplied(VxLUT3D* lut, std::vector<float> px, const std::vector<float>& want,
+                   int channels = 3) {
+  const int n = static_cast<int>(px.size()) / channels;
+  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px.data(), n, channels), S_OK);
+  for (std::size_t i = 0; i < px.size(); ++i) EXPECT_NEAR(px[i], want[i], 1e-6f) << i;
+}
+
 HRESULT Load(const vxtest::TempDir& dir, const std::string& name, const std::string& text,
              VxLUT3D** lut) {
   const auto path = dir / name;
@@ -34,76 +47,37 @@ HRESULT Load(const vxtest::TempDir& dir, const std::string& name, const std::str
   return VxGetPresetLUT(vxtest::Wide(path).c_str(), lut);
 }
 
-TEST(Lut, IdentityLeavesColoursAndAlphaAlone) {
+TEST(Lut, KnownMappingsInterpolateTrilinearly) {
   vxtest::TempDir dir;
   VxLUT3D* lut = nullptr;
-  ASSERT_EQ(
-      Load(dir, "id.cube",
-           Cube(17, [](float r, float g, float b, float* o) { o[0] = r, o[1] = g, o[2] = b; }),
-           &lut),
-      S_OK);
-  float px[8] = {0.25f, 0.5f, 0.75f, 0.3f, 0.0f, 1.0f, 0.123f, 7.0f};
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px, 2, 4), S_OK);
-  const float want[8] = {0.25f, 0.5f, 0.75f, 0.3f, 0.0f, 1.0f, 0.123f, 7.0f};
-  for (int i = 0; i < 8; ++i) EXPECT_NEAR(px[i], want[i], 1e-6f) << i;
-  EXPECT_EQ(px[3], 0.3f);
-  EXPECT_EQ(px[7], 7.0f);
+  ASSERT_EQ(Load(dir, "id.cube", Cube(17, Identity), &lut), S_OK);
+  const std::vector<float> rgba = {0.25f, 0.5f, 0.75f, 0.3f, 0.0f, 1.0f, 0.123f, 7.0f};
+  ExpectApplied(lut, rgba, rgba, 4);  // the identity leaves colours and alpha alone
   VxFreeLUT(lut);
-}
 
-TEST(Lut, KnownMappingInterpolatesTrilinearly) {
-  vxtest::TempDir dir;
   // Rotating the channels shows whether red really varies fastest in the file; an affine
   // mapping is reproduced exactly by trilinear interpolation between lattice points.
-  VxLUT3D* lut = nullptr;
-  ASSERT_EQ(Load(dir, "rot.CUBE",
-                 Cube(5, [](float r, float g, float b,
-                            float* o) { o[0] = g, o[1] = 0.5f * b + 0.25f, o[2] = 1.0f - r; }),
-                 &lut),
-            S_OK);
-  float px[3] = {0.1f, 0.6f, 0.35f};
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px, 1, 3), S_OK);
-  EXPECT_NEAR(px[0], 0.6f, 1e-6f);
-  EXPECT_NEAR(px[1], 0.425f, 1e-6f);
-  EXPECT_NEAR(px[2], 0.9f, 1e-6f);
-
+  auto rotate = [](float r, float g, float b, float* o) {
+    o[0] = g, o[1] = 0.5f * b + 0.25f, o[2] = 1.0f - r;
+  };
+  ASSERT_EQ(Load(dir, "rot.CUBE", Cube(5, rotate), &lut), S_OK);
+  ExpectApplied(lut, {0.1f, 0.6f, 0.35f}, {0.6f, 0.425f, 0.9f});
   // Outside the domain, and NaN, take the nearest edge.
-  float edge[6] = {-3.0f, 2.0f, std::nanf(""), 1.0f, 1.0f, 1.0f};
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, edge, 2, 3), S_OK);
-  EXPECT_NEAR(edge[0], 1.0f, 1e-6f);
-  EXPECT_NEAR(edge[1], 0.25f, 1e-6f);
-  EXPECT_NEAR(edge[2], 1.0f, 1e-6f);
-  EXPECT_NEAR(edge[3], 1.0f, 1e-6f);
-  EXPECT_NEAR(edge[4], 0.75f, 1e-6f);
-  EXPECT_NEAR(edge[5], 0.0f, 1e-6f);
+  ExpectApplied(lut, {-3.0f, 2.0f, std::nanf(""), 1.0f, 1.0f, 1.0f},
+                {1.0f, 0.25f, 1.0f, 1.0f, 0.75f, 0.0f});
   VxFreeLUT(lut);
 
   // A curved table is interpolated between its lattice points, not fitted.
-  ASSERT_EQ(
-      Load(dir, "sq.cube",
-           Cube(2, [](float r, float g, float b, float* o) { o[0] = r * g, o[1] = g, o[2] = b; }),
-           &lut),
-      S_OK);
-  float mid[3] = {0.5f, 0.5f, 0.0f};
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, mid, 1, 3), S_OK);
-  EXPECT_NEAR(mid[0], 0.25f, 1e-6f);
+  auto square = [](float r, float g, float b, float* o) { o[0] = r * g, o[1] = g, o[2] = b; };
+  ASSERT_EQ(Load(dir, "sq.cube", Cube(2, square), &lut), S_OK);
+  ExpectApplied(lut, {0.5f, 0.5f, 0.0f}, {0.25f, 0.5f, 0.0f});
   VxFreeLUT(lut);
-}
 
-TEST(Lut, DomainScalesTheInput) {
-  vxtest::TempDir dir;
-  VxLUT3D* lut = nullptr;
-  ASSERT_EQ(Load(dir, "d.cube",
-                 Cube(
-                     3, [](float r, float g, float b, float* o) { o[0] = r, o[1] = g, o[2] = b; },
-                     "DOMAIN_MIN 0 0 -1\nDOMAIN_MAX 2 4 1\n"),
-                 &lut),
+  // A domain scales the input before the lookup.
+  ASSERT_EQ(Load(dir, "d.cube", Cube(3, Identity, "DOMAIN_MIN 0 0 -1\nDOMAIN_MAX 2 4 1\n"), &lut),
             S_OK);
-  float px[3] = {1.0f, 1.0f, 0.0f};
-  ASSERT_EQ(VxLUTHelperApply3DLut(lut, px, 1, 3), S_OK);
-  EXPECT_NEAR(px[0], 0.5f, 1e-6f);
-  EXPECT_NEAR(px[1], 0.25f, 1e-6f);
-  EXPECT_NEAR(px[2], 0.5f, 1e-6f);
+  ExpectApplied(lut, {1.0f, 1.0f, 0.0f}, {0.5f, 0.25f, 0.5f});
+  float px[3] = {};
   EXPECT_EQ(VxLUTHelperApply3DLut(lut, px, 1, 2), E_INVALIDARG);
   EXPECT_EQ(VxLUTHelperApply3DLut(nullptr, px, 1, 3), E_POINTER);
   VxFreeLUT(lut);
@@ -111,25 +85,24 @@ TEST(Lut, DomainScalesTheInput) {
 
 TEST(Lut, MalformedFilesFailAndOtherKindsAreNotImplemented) {
   vxtest::TempDir dir;
-  const std::string good =
-      Cube(2, [](float r, float g, float b, float* o) { o[0] = r, o[1] = g, o[2] = b; });
-  const std::string lastLine = "1 1 1\n";
+  const std::string good = Cube(2, Identity);
+  const std::string cut = good.substr(0, good.size() - std::string("1 1 1\n").size());
   struct Case {
     const char* what;
     std::string text;
   } cases[] = {
-      {"one point short", good.substr(0, good.size() - lastLine.size())},
+      {"one point short", cut},
       {"one point extra", good + "0 0 0\n"},
-      {"not a number", good.substr(0, good.size() - lastLine.size()) + "1 x 1\n"},
-      {"two values", good.substr(0, good.size() - lastLine.size()) + "1 1\n"},
-      {"four values", good.substr(0, good.size() - lastLine.size()) + "1 1 1 1\n"},
+      {"not a number", cut + "1 x 1\n"},
+      {"two values", cut + "1 1\n"},
+      {"four values", cut + "1 1 1 1\n"},
       {"no size", "0 0 0\n1 1 1\n"},
       {"size one", "LUT_3D_SIZE 1\n0 0 0\n"},
       {"huge size", "LUT_3D_SIZE 100000\n"},
       {"size twice", "LUT_3D_SIZE 2\n" + good},
       {"empty domain", "DOMAIN_MIN 1 1 1\nDOMAIN_MAX 1 1 1\n" + good},
       {"unknown keyword", "FOO 1\n" + good},
-      {"infinite value", good.substr(0, good.size() - lastLine.size()) + "1 inf 1\n"},
+      {"infinite value", cut + "1 inf 1\n"},
       {"empty", ""},
   };
   for (const Case& c : cases) {

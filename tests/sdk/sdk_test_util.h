@@ -40,7 +40,6 @@ class ScopedRegistry {
  public:
   ScopedRegistry() : env_("VXHOST_REGISTRY", (dir_ / "registry.json").string()) {}
   std::filesystem::path path() const { return dir_ / "registry.json"; }
-  const vxtest::TempDir& dir() const { return dir_; }
 
  private:
   vxtest::TempDir dir_;

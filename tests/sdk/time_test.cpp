@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
+#include <string>
+#include <utility>
 
 #include "vx/sdk.h"
 
@@ -9,11 +12,10 @@ namespace {
 
 void ExpectRate(double rate, int num, int den) {
   const VxTimeFormat f = VxGetTimeFormatFromSampleRate(rate);
-  EXPECT_EQ(f.rateNum, num) << rate;
-  EXPECT_EQ(f.rateDen, den) << rate;
+  EXPECT_EQ(std::pair(f.rateNum, f.rateDen), std::pair(num, den)) << rate;
 }
 
-TEST(TimeFormat, SnapsNtscRatesAndReducesOthers) {
+TEST(Time, RatesSnapFramesAreExactTicksAndToFrameIsTheirFloor) {
   ExpectRate(23.976, 24000, 1001);
   ExpectRate(23.9759, 24000, 1001);
   ExpectRate(24000.0 / 1001.0, 24000, 1001);
@@ -29,9 +31,8 @@ TEST(TimeFormat, SnapsNtscRatesAndReducesOthers) {
   ExpectRate(44100.0, 44100, 1);
   for (double bad : {0.0, -24.0, std::nan(""), std::numeric_limits<double>::infinity(), 1e12, 1e-5})
     ExpectRate(bad, 0, 1);
-}
 
-TEST(Time, FramesAtCommonRatesAreExactTicks) {
+  // Frames at common rates are exact ticks; ToFrame is their floor.
   const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
   const VxTimeFormat ntsc = VxGetTimeFormatFromSampleRate(29.97);
   EXPECT_EQ(CVxTime(1, f24).Ticks(), 29400000);
@@ -42,10 +43,8 @@ TEST(Time, FramesAtCommonRatesAreExactTicks) {
   const VxTimeFormat audio = VxGetTimeFormatFromSampleRate(44100.0);
   EXPECT_EQ(CVxTime(44100, audio).Ticks(), kVxTicksPerSecond);
   EXPECT_DOUBLE_EQ(CVxTime(12, f24).Seconds(), 0.5);
-}
 
-TEST(Time, ToFrameIsFloorAndInvertsFrameStarts) {
-  const VxTimeFormat f24 = VxGetTimeFormatFromSampleRate(24.0);
+  // ToFrame is the floor and inverts frame starts.
   EXPECT_EQ(CVxTime(29399999).ToFrame(f24), 0);
   EXPECT_EQ(CVxTime(29400000).ToFrame(f24), 1);
   EXPECT_EQ(CVxTime(-1).ToFrame(f24), -1);
@@ -65,12 +64,10 @@ TEST(Time, ToFrameIsFloorAndInvertsFrameStarts) {
 
 TEST(Time, ExtremesSaturateAndInvalidFormatsGiveZero) {
   const VxTimeFormat slow{1, 1000};
-  EXPECT_EQ(CVxTime(std::numeric_limits<std::int64_t>::max(), slow).Ticks(),
-            std::numeric_limits<std::int64_t>::max());
-  EXPECT_EQ(CVxTime(std::numeric_limits<std::int64_t>::min(), slow).Ticks(),
-            std::numeric_limits<std::int64_t>::min());
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min(), kMax = -(kMin + 1);
+  EXPECT_EQ(CVxTime(kMax, slow).Ticks(), kMax);
+  EXPECT_EQ(CVxTime(kMin, slow).Ticks(), kMin);
   // 120 fps is 5,880,000 ticks a frame: floor division, not truncation, of the most negative time.
-  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   const std::int64_t expected = kMin / 5880000 - (kMin % 5880000 != 0 ? 1 : 0);
   EXPECT_EQ(CVxTime(kMin).ToFrame(VxTimeFormat{120, 1}), expected);
   EXPECT_EQ(CVxTime(5, VxTimeFormat{0, 1}).Ticks(), 0);
@@ -88,10 +85,7 @@ TEST(TimeCode, BcdWordsRoundTrip) {
     EXPECT_EQ(VxConstructLTCInBCD(h, m, s, f), word);
   }
   ASSERT_TRUE(VxParseLTCInBCD(0x01020304u, &h, &m, &s, &f));
-  EXPECT_EQ(h, 1);
-  EXPECT_EQ(m, 2);
-  EXPECT_EQ(s, 3);
-  EXPECT_EQ(f, 4);
+  EXPECT_EQ((std::array{h, m, s, f}), (std::array{1, 2, 3, 4}));
   EXPECT_FALSE(VxParseLTCInBCD(0xFFFFFFFFu, &h, &m, &s, &f));
   EXPECT_FALSE(VxParseLTCInBCD(0x1000000Au, &h, &m, &s, &f));  // units nibble of frames
   EXPECT_FALSE(VxParseLTCInBCD(0xA0000000u, &h, &m, &s, &f));  // tens nibble of hours
@@ -116,12 +110,9 @@ TEST(EdgeCodeText, ParsesWhatTheFilmHeaderBuilds) {
   for (const Row& r : rows) {
     SCOPED_TRACE(r.text);
     ASSERT_TRUE(e.InitFromString(r.text));
-    EXPECT_EQ(e.manufacturer, r.manufacturer);
-    EXPECT_EQ(e.filmType, r.type);
-    EXPECT_EQ(e.perfOffset, r.perf);
-    EXPECT_EQ(e.prefix, r.prefix);
-    EXPECT_EQ(e.count, r.count);
-    EXPECT_EQ(e.ToString(), r.back);
+    using Six = std::array<std::string, 6>;
+    EXPECT_EQ((Six{e.manufacturer, e.filmType, e.perfOffset, e.prefix, e.count, e.ToString()}),
+              (Six{r.manufacturer, r.type, r.perf, r.prefix, r.count, r.back}));
   }
   // Nothing usable is invalid, with nothing left over from the earlier text.
   EXPECT_FALSE(e.InitFromString("  -+"));

@@ -18,6 +18,15 @@ std::vector<std::uint8_t> WordsToBytes(const std::vector<std::uint32_t>& words, 
 
 }  // namespace
 
+std::vector<std::uint8_t> Encode16(const std::vector<std::uint32_t>& s, bool big) {
+  std::vector<std::uint8_t> out;
+  for (std::uint32_t v : s) {
+    out.push_back(static_cast<std::uint8_t>(big ? v >> 8 : v & 0xFF));
+    out.push_back(static_cast<std::uint8_t>(big ? v & 0xFF : v >> 8));
+  }
+  return out;
+}
+
 Bytes MakeDpxHeader(const DpxHeaderRecipe& recipe) {
   Bytes b(2048, recipe.big);
   b.Text(0, recipe.big ? "SDPX" : "XPDS");
@@ -100,25 +109,9 @@ std::vector<std::uint8_t> EncodeFilled10(const std::vector<std::uint32_t>& s, bo
 
 std::vector<std::uint8_t> EncodeFilled12(const std::vector<std::uint32_t>& s, bool methodA,
                                          bool big) {
-  std::vector<std::uint8_t> out;
-  for (std::uint32_t v : s) {
-    std::uint16_t w = 0;
-    for (int j = 0; j < 12; ++j) {
-      if (v >> j & 1) w = static_cast<std::uint16_t>(w | 1u << (j + (methodA ? 4 : 0)));
-    }
-    out.push_back(static_cast<std::uint8_t>(big ? w >> 8 : w & 0xFF));
-    out.push_back(static_cast<std::uint8_t>(big ? w & 0xFF : w >> 8));
-  }
-  return out;
-}
-
-std::vector<std::uint8_t> Encode16(const std::vector<std::uint32_t>& s, bool big) {
-  std::vector<std::uint8_t> out;
-  for (std::uint32_t v : s) {
-    out.push_back(static_cast<std::uint8_t>(big ? v >> 8 : v & 0xFF));
-    out.push_back(static_cast<std::uint8_t>(big ? v & 0xFF : v >> 8));
-  }
-  return out;
+  std::vector<std::uint32_t> words;
+  for (std::uint32_t v : s) words.push_back((v & 0xFFF) << (methodA ? 4 : 0));
+  return Encode16(words, big);
 }
 
 std::vector<std::uint8_t> Encode1(const std::vector<std::uint32_t>& s) {

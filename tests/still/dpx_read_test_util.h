@@ -13,14 +13,8 @@ class Bytes {
  public:
   Bytes(std::size_t size, bool big) : data(size, 0), big_(big) {}
   void U8(std::size_t off, std::uint8_t v) { data.at(off) = v; }
-  void U16(std::size_t off, std::uint16_t v) {
-    for (int i = 0; i < 2; ++i)
-      data.at(off + i) = static_cast<std::uint8_t>(v >> (big_ ? 8 - 8 * i : 8 * i));
-  }
-  void U32(std::size_t off, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-      data.at(off + i) = static_cast<std::uint8_t>(v >> (big_ ? 24 - 8 * i : 8 * i));
-  }
+  void U16(std::size_t off, std::uint16_t v) { Put(off, v, 2); }
+  void U32(std::size_t off, std::uint32_t v) { Put(off, v, 4); }
   void F32(std::size_t off, float f) {
     std::uint32_t u;
     std::memcpy(&u, &f, 4);
@@ -35,6 +29,10 @@ class Bytes {
   std::vector<std::uint8_t> data;
 
  private:
+  void Put(std::size_t off, std::uint32_t v, int n) {
+    for (int i = 0; i < n; ++i)
+      data.at(off + i) = static_cast<std::uint8_t>(v >> (big_ ? 8 * (n - 1 - i) : 8 * i));
+  }
   bool big_;
 };
 

@@ -15,18 +15,8 @@ bool ReadElement(const std::vector<std::uint8_t>& file, std::uint32_t index, Ele
   out->descriptor = e[kElDescriptor];
   out->bits = e[kElBitSize];
   out->packing = Load16(e + kElPacking, big);
-  switch (out->descriptor) {
-    case kDescRGBA:
-    case kDescABGR:
-      out->components = 4;
-      break;
-    case kDescRGB:
-    case kDescBGR:
-      out->components = 3;
-      break;
-    default:
-      out->components = 1;
-  }
+  const std::uint32_t d = out->descriptor;
+  out->components = d == kDescRGBA || d == kDescABGR ? 4 : d == kDescRGB || d == kDescBGR ? 3 : 1;
   const std::uint64_t offset = Load32(e + kElDataOffset, big);
   const std::uint64_t line =
       WrittenLine(out->bits, out->packing, std::uint64_t{width} * out->components) +

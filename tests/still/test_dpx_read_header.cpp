@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <tuple>
 
 #include "dpx_read_test_util.h"
 #include "still/dpx/dpx_header.h"
@@ -45,26 +46,18 @@ Element El(std::uint8_t desc, std::uint8_t bits = 10, std::uint16_t packing = 1)
 
 TEST(DpxHeader, ReadsBothByteOrders) {
   for (bool big : {true, false}) {
-    DpxHeaderRecipe recipe;
-    recipe.big = big;
-    recipe.width = 0x01020304;
-    recipe.height = 0x00000A0B;
-    recipe.elements = {El(50, 10, 1)};
-    recipe.elements[0].offset = 0x00012345;
-    recipe.elements[0].eolPadding = 12;
-    auto b = dpxtest::MakeDpxHeader(recipe);
+    auto b = dpxtest::MakeDpxHeader({.big = big,
+                                     .width = 0x01020304,
+                                     .height = 0x0A0B,
+                                     .elements = {{.offset = 0x12345, .eolPadding = 12}}});
     b.U32(1920, 0x01020304);
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s)) << big;
-    EXPECT_EQ(s.bigEndian, big);
-    EXPECT_EQ(s.width, 0x01020304u);
-    EXPECT_EQ(s.height, 0x0A0Bu);
-    EXPECT_EQ(s.elements[0].dataOffset, 0x12345u);
-    EXPECT_EQ(s.elements[0].eolPadding, 12u);
-    EXPECT_EQ(s.elements[0].components, 3u);
-    EXPECT_EQ(s.elements[0].packing, 1u);
-    EXPECT_EQ(s.timeCode, 0x01020304u);
-    EXPECT_EQ(s.maxBits, 10u);
+    const auto& e = s.elements[0];
+    EXPECT_EQ(std::tuple(s.bigEndian, s.width, s.height, s.timeCode, s.maxBits),
+              std::tuple(big, 0x01020304u, 0x0A0Bu, 0x01020304u, 10u));
+    EXPECT_EQ(std::tuple(e.dataOffset, e.eolPadding, e.components, e.packing),
+              std::tuple(0x12345u, 12u, 3u, 1u));
   }
 }
 
@@ -114,39 +107,15 @@ TEST(DpxHeader, ElementsToSlots) {
     std::uint32_t accepted, maxBits, components0, slot1;  // slot1: descriptor in slot 1
     bool alpha, reversed, planar, separateAlpha;
   } cases[] = {
-      {"eight, five of kinds that are skipped",
-       {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)},
-       3,
-       10,
-       1,
-       2,
-       false,
-       false,
-       true,
-       false},
-      {"64-bit and packing-3 reds skipped",
-       {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)},
-       1,
-       12,
-       3,
-       0,
-       false,
-       false,
-       false,
-       false},
+      // clang-format off
+      {"eight, five of kinds that are skipped", {El(1), El(2), El(3), El(100), El(8), El(0), El(9), El(7)}, 3, 10, 1, 2, false, false, true, false},
+      {"64-bit and packing-3 reds skipped", {El(1, 64, 0), El(50, 12, 0), El(1, 10, 3)}, 1, 12, 3, 0, false, false, false, false},
       {"luma counts all colours", {El(6, 16, 0)}, 1, 16, 1, 0, false, false, false, false},
       {"BGR, alpha follows in slot 1", {El(53), alpha}, 2, 10, 3, 4, true, true, false, true},
-      {"planar keeps green in slot 1",
-       {El(1), El(2), El(3), alpha},
-       4,
-       10,
-       1,
-       2,
-       true,
-       false,
-       true,
-       true},
-      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false}};
+      {"planar keeps green in slot 1", {El(1), El(2), El(3), alpha}, 4, 10, 1, 2, true, false, true, true},
+      {"ABGR", {El(52)}, 1, 10, 4, 0, true, true, false, false}
+      // clang-format on
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     DpxHeaderRecipe recipe;
@@ -155,65 +124,60 @@ TEST(DpxHeader, ElementsToSlots) {
     DpxHeaderState s;
     ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
     EXPECT_EQ(s.orientation, 7u);
-    EXPECT_EQ(s.elementCount, c.accepted);
-    EXPECT_EQ(s.maxBits, c.maxBits);
     EXPECT_EQ(s.redSeen + s.greenOrLumaSeen + s.blueSeen, 3);
-    EXPECT_EQ(s.elements[0].components, c.components0);
-    EXPECT_EQ(s.elements[1].descriptor, c.slot1);
-    EXPECT_EQ(s.hasAlpha != 0, c.alpha);
-    EXPECT_EQ(s.reversedOrder != 0, c.reversed);
-    EXPECT_EQ(s.Planar(), c.planar);
-    EXPECT_EQ(s.SeparateAlpha() != nullptr, c.separateAlpha);
+    EXPECT_EQ(std::tuple(s.elementCount, s.maxBits, s.elements[0].components,
+                         std::uint32_t{s.elements[1].descriptor}),
+              std::tuple(c.accepted, c.maxBits, c.components0, c.slot1));
+    EXPECT_EQ(
+        std::tuple(s.hasAlpha != 0, s.reversedOrder != 0, s.Planar(), s.SeparateAlpha() != nullptr),
+        std::tuple(c.alpha, c.reversed, c.planar, c.separateAlpha));
     if (c.separateAlpha) {
       EXPECT_EQ(s.elements[3].dataOffset, 9999u);
     }
   }
 }
 
-TEST(DpxHeader, EndOfLinePaddingAtOrAboveLimitIsZero) {
-  const std::pair<std::uint32_t, std::uint32_t> cases[] = {
-      {0x7FFFFFFF, 0}, {0xFFFFFFFF, 0}, {0x7FFFFFFE, 0x7FFFFFFE}};
-  for (const auto& [stored, read] : cases) {
+// Optional fields as stored and as read: padding at or above 2^31 - 1 is none, an empty element
+// offset falls back to the image offset, an aspect needs both parts, rates outside (0, 8000) are
+// unknown (-1) and 23.976 is 24000/1001, interlace 0 is progressive (2) whatever the field.
+TEST(DpxHeader, OptionalFields) {
+  enum Field { Padding, Offset, Aspect, Rate, Fields };
+  const struct {
+    Field field;
+    std::uint32_t a, b;  // stored value(s); a float's bits for Rate
+    double want;
+    bool known = true;  // Aspect only
+  } cases[] = {
+      // clang-format off
+      {Padding, 0x7FFFFFFF, 0, 0}, {Padding, 0xFFFFFFFF, 0, 0}, {Padding, 0x7FFFFFFE, 0, 0x7FFFFFFE},
+      {Offset, 0, 0, 8192}, {Offset, 0xFFFFFFFF, 0, 8192},
+      {Aspect, 0xFFFFFFFF, 0xFFFFFFFF, 1.0, false}, {Aspect, 4, 0xFFFFFFFF, 1.0, false},
+      {Aspect, 0xFFFFFFFF, 3, 1.0, false}, {Aspect, 0, 3, 1.0, false}, {Aspect, 4, 0, 1.0, false},
+      {Aspect, 4, 3, 4.0 / 3.0}, {Aspect, 0x80000000u, 0x40000000u, 2.0},
+      {Rate, 0, 0, -1.0}, {Rate, 0x45FA0000 /* 8000 */, 0, -1.0}, {Rate, 0xFFFFFFFF, 0, -1.0},
+      {Rate, 0xC1C00000 /* -24 */, 0, -1.0}, {Rate, 0x41C00000, 0, 24.0}, {Rate, 0x41C80000, 0, 25.0},
+      {Rate, 0x41BFCED9 /* 23.976 */, 0, 24000.0 / 1001.0}, {Rate, 0x45F9F800 /* 7999 */, 0, 7999.0},
+      {Fields, 0, 0, 2}, {Fields, 0, 1, 2}, {Fields, 1, 1, 1}, {Fields, 1, 2, 0}, {Fields, 1, 0, 2},
+      {Fields, 1, 3, 1}, {Fields, 255, 1, 3}
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.field) + ": " + std::to_string(c.a) + "/" + std::to_string(c.b));
     DpxHeaderRecipe recipe;
-    recipe.elements[0].eolPadding = stored;
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(dpxtest::MakeDpxHeader(recipe), &s));
-    EXPECT_EQ(s.elements[0].eolPadding, read) << stored;
-  }
-}
-
-TEST(DpxHeader, EmptyElementOffsetFallsBackToImageOffset) {
-  for (std::uint32_t stored : {0u, 0xFFFFFFFFu}) {
-    DpxHeaderRecipe recipe;
-    recipe.elements[0].offset = stored;
+    if (c.field == Padding) recipe.elements[0].eolPadding = c.a;
+    if (c.field == Offset) recipe.elements[0].offset = c.a;
     auto b = dpxtest::MakeDpxHeader(recipe);
     b.U32(4, 8192);
+    if (c.field == Aspect) b.U32(1628, c.a), b.U32(1632, c.b);
+    if (c.field == Rate) b.U32(1940, c.a);
+    if (c.field == Fields)
+      b.U8(1928, static_cast<std::uint8_t>(c.a)), b.U8(1929, static_cast<std::uint8_t>(c.b));
     DpxHeaderState s;
     ASSERT_TRUE(Parse(b, &s));
-    EXPECT_EQ(s.elements[0].dataOffset, 8192u) << stored;
-  }
-}
-
-TEST(DpxHeader, PixelAspect) {
-  struct Case {
-    std::uint32_t h, v;
-    bool known;
-    double aspect;
-  } cases[] = {{0xFFFFFFFF, 0xFFFFFFFF, false, 1.0},
-               {4, 0xFFFFFFFF, false, 1.0},
-               {0xFFFFFFFF, 3, false, 1.0},
-               {0, 3, false, 1.0},
-               {4, 0, false, 1.0},
-               {4, 3, true, 4.0 / 3.0},
-               {0x80000000u, 0x40000000u, true, 2.0}};
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader({});
-    b.U32(1628, c.h);
-    b.U32(1632, c.v);
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(b, &s));
-    EXPECT_EQ(s.aspectKnown, c.known) << c.h << "/" << c.v;
-    EXPECT_DOUBLE_EQ(s.pixelAspect, c.aspect) << c.h << "/" << c.v;
+    const double got[] = {double(s.elements[0].eolPadding), double(s.elements[0].dataOffset),
+                          s.pixelAspect, s.frameRate, double(s.fieldMode)};
+    EXPECT_NEAR(got[c.field], c.want, 1e-9);
+    EXPECT_EQ(s.aspectKnown, c.field == Aspect ? c.known : false);
   }
 }
 
@@ -246,43 +210,6 @@ TEST(DpxHeader, LevelsDefaultByDepth) {
   EXPECT_DOUBLE_EQ(s.gamma, 1.0);
 }
 
-TEST(DpxHeader, FrameRates) {
-  struct Case {
-    float rate;
-    bool undefined;
-    double expect;
-  } cases[] = {{0.0f, false, -1.0},
-               {8000.0f, false, -1.0},
-               {0.0f, true, -1.0},
-               {-24.0f, false, -1.0},
-               {24.0f, false, 24.0},
-               {25.0f, false, 25.0},
-               {23.976f, false, 24000.0 / 1001.0},
-               {7999.0f, false, 7999.0}};
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader({});
-    if (!c.undefined) b.F32(1940, c.rate);
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(b, &s));
-    EXPECT_NEAR(s.frameRate, c.expect, 1e-9) << c.rate;
-  }
-}
-
-TEST(DpxHeader, FieldModes) {
-  struct Case {
-    std::uint8_t interlace, field;
-    int mode;
-  } cases[] = {{0, 0, 2}, {0, 1, 2}, {1, 1, 1}, {1, 2, 0}, {1, 0, 2}, {1, 3, 1}, {255, 1, 3}};
-  for (const Case& c : cases) {
-    auto b = dpxtest::MakeDpxHeader({});
-    b.U8(1928, c.interlace);
-    b.U8(1929, c.field);
-    DpxHeaderState s;
-    ASSERT_TRUE(Parse(b, &s));
-    EXPECT_EQ(s.fieldMode, c.mode) << int(c.interlace) << "/" << int(c.field);
-  }
-}
-
 TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
   auto b = dpxtest::MakeDpxHeader({});
   b.Text(1664, "KU");
@@ -295,13 +222,11 @@ TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
   b.U8(1883, '3');
   DpxHeaderState s;
   ASSERT_TRUE(Parse(b, &s));
-  EXPECT_TRUE(s.edgeCode.IsValid());
-  EXPECT_EQ(s.edgeCode.manufacturer, "KU");
-  EXPECT_EQ(s.edgeCode.filmType, "34");
-  EXPECT_EQ(s.edgeCode.prefix, "123456");
-  EXPECT_EQ(s.edgeCode.count, "7890");
-  EXPECT_EQ(s.edgeCode.perfOffset, "07");
-  EXPECT_EQ(s.edgeCode.perfType, 4);
+  const auto& ec = s.edgeCode;
+  EXPECT_TRUE(ec.IsValid());
+  EXPECT_EQ(std::tuple(ec.manufacturer, ec.filmType, ec.prefix, ec.count, ec.perfOffset),
+            std::tuple("KU", "34", "123456", "7890", "07"));
+  EXPECT_EQ(ec.perfType, 4);
   EXPECT_STREQ(s.inputDevice, "Scanner 9");
 
   const struct {
@@ -321,25 +246,18 @@ TEST(DpxHeader, EdgeCodeInputDeviceAndPerforation) {
 
 TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
   for (bool big : {true, false}) {
-    dpxtest::CineonRecipe recipe;
-    recipe.big = big;
-    recipe.width = 0x0102;
-    recipe.height = 0x0304;
-    recipe.dataOffset = 0x8000;
-    auto b = dpxtest::MakeCineonHeader(recipe);
+    auto b = dpxtest::MakeCineonHeader(
+        {.big = big, .width = 0x0102, .height = 0x0304, .dataOffset = 0x8000});
     b.U32(684, 8);
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s)) << big;
-    EXPECT_FALSE(s.isDpx);
-    EXPECT_EQ(s.bigEndian, big);
-    EXPECT_EQ(s.width, 0x0102u);
-    EXPECT_EQ(s.height, 0x0304u);
-    EXPECT_EQ(s.elements[0].dataOffset, 0x8000u);
-    EXPECT_EQ(s.elements[0].eolPadding, 8u);
-    EXPECT_EQ(s.elements[0].packing, 1u);  // Cineon 5 is method A
-    EXPECT_EQ(s.elements[0].descriptor, 50u);
-    EXPECT_EQ(s.elements[0].transfer, 3u);
-    EXPECT_EQ(s.fieldMode, 3);
+    const auto& e = s.elements[0];
+    EXPECT_EQ(std::tuple(s.isDpx, s.bigEndian, s.width, s.height, s.fieldMode),
+              std::tuple(false, big, 0x0102u, 0x0304u, 3));
+    // Cineon packing 5 is method A.
+    EXPECT_EQ(std::tuple(e.dataOffset, e.eolPadding, e.packing, std::uint32_t{e.descriptor},
+                         std::uint32_t{e.transfer}),
+              std::tuple(0x8000u, 8u, 1u, 50u, 3u));
     EXPECT_DOUBLE_EQ(s.frameRate, 24.0);
     EXPECT_DOUBLE_EQ(s.whiteLevel, 1023.0);
   }
@@ -355,47 +273,33 @@ TEST(CineonHeader, ReadsBothByteOrdersAndLayouts) {
       // clang-format on
   };
   for (auto c : ok) {
-    dpxtest::CineonRecipe recipe;
-    recipe.channels = c.channels;
-    recipe.bits = c.bits;
-    recipe.packing = c.packing;
-    auto b = dpxtest::MakeCineonHeader(recipe);
+    auto b =
+        dpxtest::MakeCineonHeader({.channels = c.channels, .bits = c.bits, .packing = c.packing});
     DpxHeaderState s;
     ASSERT_TRUE(ParseCineonHeader(b.data.data(), b.data.size(), &s));
-    EXPECT_EQ(s.elements[0].descriptor, c.desc);
-    EXPECT_EQ(s.elements[0].components, c.components);
-    EXPECT_EQ(s.elements[0].packing, c.packingCode);
-    EXPECT_EQ(s.elements[0].transfer, c.transfer);
-    EXPECT_EQ(bool(s.hasAlpha), c.alpha);
+    const auto& e = s.elements[0];
+    EXPECT_EQ(std::tuple(std::uint32_t{e.descriptor}, e.components, e.packing,
+                         std::uint32_t{e.transfer}, bool(s.hasAlpha)),
+              std::tuple(c.desc, c.components, c.packingCode, c.transfer, c.alpha));
     EXPECT_DOUBLE_EQ(s.whiteLevel, c.white);
   }
 }
 
 TEST(CineonHeader, FaultsFail) {
-  struct Case {
+  const struct Case {
     const char* what;
     dpxtest::CineonRecipe recipe;
-    std::size_t at = 0;
+    std::size_t at = 0;  // a byte set to `value`
     std::uint8_t value = 0;
     std::size_t size = 2048;
+  } cases[] = {
+      // clang-format off
+      {"packing 1", {.packing = 1}}, {"two channels", {.channels = 2}}, {"twelve bits", {.bits = 12}},
+      {"sixteen bits", {.bits = 16}}, {"orientation 8", {.orientation = 8}},
+      {"interleave", {}, 680, 1}, {"signed", {}, 682, 1}, {"negative sense", {}, 683, 1},
+      {"bad magic", {}, 3, 0xD6}, {"cut short", {}, 0, 0, 2047}, {"first read cut", {}, 0, 0, 191}
+      // clang-format on
   };
-  std::vector<Case> cases;
-  auto add = [&](const char* what, auto tweak) {
-    Case c{what, {}};
-    tweak(c);
-    cases.push_back(c);
-  };
-  add("packing 1", [](Case& c) { c.recipe.packing = 1; });
-  add("two channels", [](Case& c) { c.recipe.channels = 2; });
-  add("twelve bits", [](Case& c) { c.recipe.bits = 12; });
-  add("sixteen bits", [](Case& c) { c.recipe.bits = 16; });
-  add("orientation 8", [](Case& c) { c.recipe.orientation = 8; });
-  add("interleave", [](Case& c) { c.at = 680, c.value = 1; });
-  add("signed", [](Case& c) { c.at = 682, c.value = 1; });
-  add("negative sense", [](Case& c) { c.at = 683, c.value = 1; });
-  add("bad magic", [](Case& c) { c.at = 3, c.value = 0xD6; });
-  add("cut short", [](Case& c) { c.size = 2047; });
-  add("first read cut", [](Case& c) { c.size = 191; });
   for (const Case& c : cases) {
     auto b = dpxtest::MakeCineonHeader(c.recipe);
     if (c.at) b.U8(c.at, c.value);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <tuple>
 #include <nlohmann/json.hpp>
 
 #include "base/bytes.h"
@@ -34,16 +35,11 @@ struct Image {
   ~Image() {
     if (p) p->Release();
   }
-  std::uint16_t At16(int x, int y, int c) const {
+  template <typename T = std::uint16_t>
+  T At(int x, int y, int c) const {
     const int ch = VxPixelFormatChannels(p->GetPixelFormat());
-    std::uint16_t v;
-    std::memcpy(&v, p->GetBuffer() + y * p->GetRowStride() + (x * ch + c) * 2, 2);
-    return v;
-  }
-  float AtF(int x, int y, int c) const {
-    const int ch = VxPixelFormatChannels(p->GetPixelFormat());
-    float v;
-    std::memcpy(&v, p->GetBuffer() + y * p->GetRowStride() + (x * ch + c) * 4, 4);
+    T v;
+    std::memcpy(&v, p->GetBuffer() + y * p->GetRowStride() + (x * ch + c) * sizeof v, sizeof v);
     return v;
   }
 };
@@ -56,11 +52,12 @@ tagVxImageStreamFormat Format(Parser& parser, HRESULT* hr) {
 }
 
 // A whole file: header, then `data` at offset 2048.
-void WriteDpx(const std::filesystem::path& p, const dpxtest::Bytes& header,
-              const std::vector<std::uint8_t>& data) {
+std::filesystem::path WriteDpx(const std::filesystem::path& p, const dpxtest::Bytes& header,
+                               const std::vector<std::uint8_t>& data) {
   std::vector<std::uint8_t> all = header.data;
   all.insert(all.end(), data.begin(), data.end());
   vxtest::WriteFile(p, all);
+  return p;
 }
 
 bool HaveImageMagick() {
@@ -82,8 +79,8 @@ void ExpectPixels(const std::filesystem::path& dpx, int width, int height, int c
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x)
       for (int k = 0; k < channels; ++k)
-        if (std::abs(img.At16(x, y, k) - want(x, y, k)) > slack && bad++ < 5)
-          ADD_FAILURE() << "at " << x << "," << y << " channel " << k << ": " << img.At16(x, y, k)
+        if (std::abs(img.At(x, y, k) - want(x, y, k)) > slack && bad++ < 5)
+          ADD_FAILURE() << "at " << x << "," << y << " channel " << k << ": " << img.At(x, y, k)
                         << " vs " << want(x, y, k);
   EXPECT_EQ(bad, 0);
 }
@@ -125,7 +122,7 @@ TEST(DpxReadCorpus, MatchesOracle) {
       const int x = s["x"], y = s["y_from_top"];
       for (int c = 0; c < channels; ++c) {
         const double want = s["v"][c];
-        EXPECT_NEAR(img.At16(x, y, c) / 65535.0, want, 0.5 / 1023) << x << "," << y << " c" << c;
+        EXPECT_NEAR(img.At(x, y, c) / 65535.0, want, 0.5 / 1023) << x << "," << y << " c" << c;
       }
     }
     // The float path agrees.
@@ -133,7 +130,7 @@ TEST(DpxReadCorpus, MatchesOracle) {
     ASSERT_EQ(VxCreateImage(0, 0, channels == 4 ? VX_PF_RGBAF32 : VX_PF_RGBF32, &fl.p), S_OK);
     ASSERT_EQ(parser->ReadImage(&fl.p, 0), S_OK);
     const auto& s0 = j["samples"][2];
-    EXPECT_NEAR(fl.AtF(s0["x"], s0["y_from_top"], 1), s0["v"][1].get<double>(), 0.5 / 1023);
+    EXPECT_NEAR(fl.At<float>(s0["x"], s0["y_from_top"], 1), s0["v"][1].get<double>(), 0.5 / 1023);
     ++checked;
   }
   EXPECT_EQ(checked, 3);
@@ -305,17 +302,17 @@ TEST(DpxReadFaults, BadFilesFailAndKeepNothing) {
     bool headerFails;
     std::size_t dataBytes = 32, cut = 0;
     const char* magic = nullptr;
-  } cases[] = {{"magic", [](Recipe&) {}, true, 32, 0, "ABCD"},
-               {"no blue",
-                [](Recipe& r) {
-                  r.elements = {{1}, {2}};
-                },
-                true},
-               {"film header cut", [](Recipe&) {}, true, 0, 1800},
-               {"data a byte short", [](Recipe&) {}, false, 31},
-               {"offset past the end", [](Recipe& r) { r.elements[0].offset = 0x7FFFFFF0; }, false},
-               {"huge", [](Recipe& r) { r.width = r.height = 0x40000000; }, false},
-               {"absent", nullptr, true}};
+  } cases[] = {
+      // clang-format off
+      {"magic", [](Recipe&) {}, true, 32, 0, "ABCD"},
+      {"no blue", [](Recipe& r) { r.elements = {{1}, {2}}; }, true},
+      {"film header cut", [](Recipe&) {}, true, 0, 1800},
+      {"data a byte short", [](Recipe&) {}, false, 31},
+      {"offset past the end", [](Recipe& r) { r.elements[0].offset = 0x7FFFFFF0; }, false},
+      {"huge", [](Recipe& r) { r.width = r.height = 0x40000000; }, false},
+      {"absent", nullptr, true}
+      // clang-format on
+  };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto bad = dir / (std::string(c.name) + ".dpx");
@@ -341,7 +338,7 @@ TEST(DpxReadFaults, BadFilesFailAndKeepNothing) {
     ASSERT_EQ(VxCreateImage(4, 2, VX_PF_RGB16, &img.p), S_OK);
     std::memset(img.p->GetBuffer(), 0x5A, img.p->GetRowStride() * 2);
     EXPECT_EQ(parser->ReadImage(&img.p, 0), E_FAIL);
-    EXPECT_EQ(img.At16(0, 0, 0), 0x5A5A);
+    EXPECT_EQ(img.At(0, 0, 0), 0x5A5A);
     IVxImage* none = nullptr;
     EXPECT_EQ(parser->ReadImage(&none, 0), E_FAIL);
     EXPECT_EQ(none, nullptr);
@@ -352,11 +349,7 @@ TEST(DpxReadFaults, BadFilesFailAndKeepNothing) {
 
 TEST(DpxReadParser, StreamFormatAndQueries) {
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderRecipe recipe;
-  recipe.big = false;
-  recipe.width = 3;
-  recipe.height = 1;
-  auto b = dpxtest::MakeDpxHeader(recipe);
+  auto b = dpxtest::MakeDpxHeader({.big = false, .width = 3, .height = 1});
   b.F32(1940, 25.0f);
   b.U8(1928, 1);
   b.U8(1929, 1);
@@ -364,24 +357,19 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
   b.U32(1632, 15);
   b.U32(1920, 0x10203040);
   b.Text(1556, "Telecine 2");
-  const auto p = dir / "q.dpx";
-  WriteDpx(p, b, dpxtest::EncodeFilled10({1023, 0, 512, 1, 2, 3, 4, 5, 6}, true, false));
+  const auto p = WriteDpx(dir / "q.dpx", b,
+                          dpxtest::EncodeFilled10({1023, 0, 512, 1, 2, 3, 4, 5, 6}, true, false));
   Parser parser;
   ASSERT_EQ(parser.Open(p), S_OK);
   HRESULT hr;
   auto f = Format(parser, &hr);
   ASSERT_EQ(hr, S_OK);
-  EXPECT_EQ(f.frameCount, 1u);
-  EXPECT_EQ(f.width, 3u);
-  EXPECT_EQ(f.height, 1u);
-  EXPECT_EQ(f.channels, 3u);
-  EXPECT_EQ(f.bitsPerPixel, 30u);
-  EXPECT_EQ(f.planes, 1u);
-  EXPECT_EQ(f.hasAlpha, 0u);
+  // frame count, size, channels, bits a pixel, planes, alpha, field mode, format
+  EXPECT_EQ(std::tuple(f.frameCount, f.width, f.height, f.channels, f.bitsPerPixel, f.planes,
+                       f.hasAlpha, f.fieldMode, f.pixelFormat),
+            std::tuple(1u, 3u, 1u, 3u, 30u, 1u, 0u, 1, VX_PF_RGB16));
   EXPECT_DOUBLE_EQ(f.frameRate, 25.0);
   EXPECT_DOUBLE_EQ(f.pixelAspect, 16.0 / 15.0);
-  EXPECT_EQ(f.fieldMode, 1);
-  EXPECT_EQ(f.pixelFormat, VX_PF_RGB16);
 
   tagVxImageStreamFormat wrong{};
   wrong.cbSize = 55;
@@ -434,9 +422,9 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
 
   Image img;
   ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  EXPECT_EQ(img.At16(0, 0, 0), 65535);
-  EXPECT_EQ(img.At16(1, 0, 0), 64);
-  EXPECT_EQ(img.At16(2, 0, 2), 384);  // code 6: 384.37
+  EXPECT_EQ(img.At(0, 0, 0), 65535);
+  EXPECT_EQ(img.At(1, 0, 0), 64);
+  EXPECT_EQ(img.At(2, 0, 2), 384);  // code 6: 384.37
   EXPECT_DOUBLE_EQ(img.p->GetPixelAspect(), 2.0);
   EXPECT_EQ(img.p->GetFieldMode(), VX_FIELD_PROGRESSIVE);
 
@@ -456,36 +444,28 @@ TEST(DpxReadParser, StreamFormatAndQueries) {
 TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
   vxtest::TempDir dir;
   using dpxtest::Element;
-  auto el = [](std::uint8_t d, std::uint8_t bits, std::uint32_t offset) {
-    Element e;
-    e.descriptor = d;
-    e.bits = bits;
-    e.packing = 0;
-    e.offset = offset;
-    return e;
-  };
+  // Descriptor, depth, packing 0; all elements share the data.
   struct Case {
     std::vector<Element> elements;
     const char* name;
     VxPixelFormat native;
-  } cases[] = {{{el(51, 16, 2048)}, "16 bit RGBA", VX_PF_RGBA16},
-               {{el(52, 8, 2048)}, "8 bit BGRA", VX_PF_RGBA16},
-               {{el(53, 8, 2048)}, "8 bit BGR", VX_PF_RGB16},
-               {{el(50, 12, 2048), el(4, 12, 2048)}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
-               {{el(53, 16, 2048), el(4, 16, 2048)}, "16 bit BGR+A", VX_PF_RGBA16},
-               {{el(1, 8, 2048), el(2, 8, 2048), el(3, 8, 2048)}, "8 bit R+G+B", VX_PF_RGB16},
-               {{el(1, 32, 2048), el(2, 32, 2048), el(3, 32, 2048), el(4, 32, 2048)},
-                "32 bit R+G+B+A",
-                VX_PF_RGBAF32},
-               {{el(6, 16, 2048)}, "16 bit Y", VX_PF_GRAY16},
-               {{el(50, 32, 2048)}, "32 bit RGB", VX_PF_RGBF32}};
+  } cases[] = {
+      // clang-format off
+      {{{51, 16, 0}}, "16 bit RGBA", VX_PF_RGBA16}, {{{52, 8, 0}}, "8 bit BGRA", VX_PF_RGBA16},
+      {{{53, 8, 0}}, "8 bit BGR", VX_PF_RGB16},
+      {{{50, 12, 0}, {4, 12, 0}}, "12 bit RGB+A, Packed", VX_PF_RGBA16},
+      {{{53, 16, 0}, {4, 16, 0}}, "16 bit BGR+A", VX_PF_RGBA16},
+      {{{1, 8, 0}, {2, 8, 0}, {3, 8, 0}}, "8 bit R+G+B", VX_PF_RGB16},
+      {{{1, 32, 0}, {2, 32, 0}, {3, 32, 0}, {4, 32, 0}}, "32 bit R+G+B+A", VX_PF_RGBAF32},
+      {{{6, 16, 0}}, "16 bit Y", VX_PF_GRAY16}, {{{50, 32, 0}}, "32 bit RGB", VX_PF_RGBF32}
+      // clang-format on
+  };
   int n = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    dpxtest::DpxHeaderRecipe recipe;
-    recipe.elements = c.elements;
-    const auto p = dir / ("c" + std::to_string(n++) + ".dpx");
-    WriteDpx(p, dpxtest::MakeDpxHeader(recipe), std::vector<std::uint8_t>(4 * 2 * 4 * 4, 0));
+    const auto p = WriteDpx(dir / ("c" + std::to_string(n++) + ".dpx"),
+                            dpxtest::MakeDpxHeader({.elements = c.elements}),
+                            std::vector<std::uint8_t>(4 * 2 * 4 * 4, 0));
     Parser parser;
     ASSERT_EQ(parser.Open(p), S_OK);
     VxChar name[64];
@@ -501,31 +481,20 @@ TEST(DpxReadParser, CompressionNamesAndNativeFormats) {
 TEST(DpxReadParser, PlanarAndConversion) {
   vxtest::TempDir dir;
   // Planar 16-bit big-endian red, green, blue, alpha: 2x1 pixels, four-byte lines.
-  dpxtest::DpxHeaderRecipe recipe;
-  recipe.width = 2;
-  recipe.height = 1;
-  recipe.elements.clear();
-  std::vector<std::uint8_t> data;
+  dpxtest::DpxHeaderRecipe recipe{.width = 2, .height = 1, .elements = {}};
   const std::uint32_t values[4][2] = {{1, 2}, {300, 400}, {65535, 0}, {32768, 16384}};
-  for (int c = 0; c < 4; ++c) {
-    dpxtest::Element e;
-    e.descriptor = static_cast<std::uint8_t>(c + 1);
-    e.bits = 16;
-    e.packing = 0;
-    e.offset = 2048 + 4 * c;
-    recipe.elements.push_back(e);
-    const auto enc = dpxtest::Encode16({values[c][0], values[c][1]}, true);
-    data.insert(data.end(), enc.begin(), enc.end());
-  }
-  const auto p = dir / "planar.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), data);
+  for (std::uint8_t c = 0; c < 4; ++c)
+    recipe.elements.push_back(
+        {.descriptor = std::uint8_t(c + 1), .bits = 16, .packing = 0, .offset = 2048 + 4u * c});
+  const auto p = WriteDpx(dir / "planar.dpx", dpxtest::MakeDpxHeader(recipe),
+                          dpxtest::Encode16({1, 2, 300, 400, 65535, 0, 32768, 16384}, true));
   Parser parser;
   ASSERT_EQ(parser.Open(p), S_OK);
   Image img;
   ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
   for (int c = 0; c < 4; ++c) {
-    EXPECT_EQ(img.At16(0, 0, c), values[c][0]) << c;
-    EXPECT_EQ(img.At16(1, 0, c), values[c][1]) << c;
+    EXPECT_EQ(img.At(0, 0, c), values[c][0]) << c;
+    EXPECT_EQ(img.At(1, 0, c), values[c][1]) << c;
   }
   // An 8-bit caller image goes through the host's conversion.
   Image small;
@@ -537,20 +506,18 @@ TEST(DpxReadParser, PlanarAndConversion) {
   Image rgb;
   ASSERT_EQ(VxCreateImage(2, 1, VX_PF_RGB16, &rgb.p), S_OK);
   ASSERT_EQ(parser->ReadImage(&rgb.p, 0), S_OK);
-  EXPECT_EQ(rgb.At16(1, 0, 1), 400);
+  EXPECT_EQ(rgb.At(1, 0, 1), 400);
 }
 
 TEST(DpxReadParser, SequenceReadsEachFileOnce) {
   vxtest::TempDir dir;
   for (int i = 1; i <= 3; ++i) {
-    dpxtest::DpxHeaderRecipe recipe;
-    recipe.width = static_cast<std::uint32_t>(i);
-    recipe.height = 1;
-    recipe.elements = {dpxtest::Element{50, 8, 0, 2, 2048, 0}};
     char n[32];
     std::snprintf(n, sizeof n, "shot.%04d.dpx", i);
-    WriteDpx(dir / n, dpxtest::MakeDpxHeader(recipe),
-             std::vector<std::uint8_t>(12, static_cast<std::uint8_t>(i * 10)));
+    WriteDpx(
+        dir / n,
+        dpxtest::MakeDpxHeader({.width = std::uint32_t(i), .height = 1, .elements = {{50, 8, 0}}}),
+        std::vector<std::uint8_t>(12, static_cast<std::uint8_t>(i * 10)));
   }
   Parser parser;
   ASSERT_EQ(parser->Open(vxtest::Wide(dir / "shot.####.dpx").c_str(), 0), S_OK);
@@ -565,7 +532,7 @@ TEST(DpxReadParser, SequenceReadsEachFileOnce) {
     Image img;
     ASSERT_EQ(parser->ReadImage(&img.p, frame), S_OK);
     EXPECT_EQ(img.p->GetWidth(), frame + 1);
-    EXPECT_EQ(img.At16(0, 0, 0), (frame + 1) * 10 * 257);
+    EXPECT_EQ(img.At(0, 0, 0), (frame + 1) * 10 * 257);
   }
   Image img;
   EXPECT_EQ(parser->ReadImage(&img.p, 3), E_INVALIDARG);
@@ -573,12 +540,9 @@ TEST(DpxReadParser, SequenceReadsEachFileOnce) {
 
 TEST(CineonReadParser, ReadsAndRefusesWrites) {
   vxtest::TempDir dir;
-  dpxtest::CineonRecipe recipe;
-  recipe.width = 2;
-  recipe.height = 2;
-  auto b = dpxtest::MakeCineonHeader(recipe);
-  const auto p = dir / "a.cin";
-  WriteDpx(p, b, dpxtest::EncodeFilled10({1023, 512, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, true, true));
+  const auto p =
+      WriteDpx(dir / "a.cin", dpxtest::MakeCineonHeader({.width = 2, .height = 2}),
+               dpxtest::EncodeFilled10({1023, 512, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, true, true));
   Parser parser(false);
   ASSERT_EQ(parser.Open(p), S_OK);
   HRESULT hr;
@@ -589,18 +553,16 @@ TEST(CineonReadParser, ReadsAndRefusesWrites) {
   EXPECT_DOUBLE_EQ(f.pixelAspect, -1.0);
   Image img;
   ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  EXPECT_EQ(img.At16(0, 0, 0), 65535);
-  EXPECT_EQ(img.At16(0, 0, 1), 32800);
-  EXPECT_EQ(img.At16(1, 1, 2), 577);  // code 9: 576.55
+  EXPECT_EQ(img.At(0, 0, 0), 65535);
+  EXPECT_EQ(img.At(0, 0, 1), 32800);
+  EXPECT_EQ(img.At(1, 1, 2), 577);  // code 9: 576.55
   EXPECT_EQ(parser->WriteImage(img.p, 0), E_NOTIMPL);
   DWORD transfer = 0;
   EXPECT_EQ(parser->GetTransferCharacteristic(&transfer), S_OK);
   EXPECT_EQ(transfer, 3u);
   // A DPX file is not a Cineon file.
-  const auto d = dir / "x.dpx";
-  WriteDpx(d, dpxtest::MakeDpxHeader({}), std::vector<std::uint8_t>(64, 0));
   Parser wrong(false);
-  ASSERT_EQ(wrong.Open(d), S_OK);
+  ASSERT_EQ(wrong.Open(WriteDpx(dir / "x.dpx", dpxtest::MakeDpxHeader({}), {})), S_OK);
   Format(wrong, &hr);
   EXPECT_EQ(hr, E_FAIL);
 }
@@ -609,11 +571,7 @@ TEST(DpxReadParser, WriterTakesNothingFromTheLastReadHeader) {
   // A parser that read a file with a time code, a rate and a 12-bit depth writes a frame: the
   // written file carries none of them, only what the host set (here: nothing but the pixels).
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderRecipe recipe;
-  recipe.width = 2;
-  recipe.height = 1;
-  recipe.elements = {dpxtest::Element{50, 12, 1, 2, 2048, 0}};
-  auto header = dpxtest::MakeDpxHeader(recipe);
+  auto header = dpxtest::MakeDpxHeader({.width = 2, .height = 1, .elements = {{50, 12, 1}}});
   header.U32(1920, 0x01020304);
   header.F32(1940, 25.0f);
   const auto in = dir / "in.dpx", out = dir / "out.dpx";
@@ -633,46 +591,39 @@ TEST(DpxReadParser, WriterTakesNothingFromTheLastReadHeader) {
   EXPECT_EQ(cineon->WriteImage(nullptr, 0), E_POINTER);
 }
 
-TEST(DpxReadParser, ImposedAlphaGivesOpaqueChannel) {
+// An imposed alpha gives an opaque channel; column orientation turns the reported size.
+TEST(DpxReadParser, ImposedAlphaAndColumnOrientation) {
   vxtest::TempDir dir;
-  dpxtest::DpxHeaderRecipe recipe;
-  recipe.width = 2;
-  recipe.height = 1;
-  recipe.elements = {dpxtest::Element{50, 16, 0, 2, 2048, 0}};
-  const auto p = dir / "rgb.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
-  Parser parser;
-  ASSERT_EQ(parser.Open(p), S_OK);
-  tagVxImageStreamFormat f{};
-  f.cbSize = sizeof f;
-  f.hasAlpha = 1;
-  ASSERT_EQ(parser->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
-  Image img;
-  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  ASSERT_EQ(img.p->GetPixelFormat(), VX_PF_RGBA16);
-  EXPECT_EQ(img.At16(1, 0, 0), 4);
-  EXPECT_EQ(img.At16(1, 0, 3), 65535);
-}
-
-TEST(DpxReadParser, ColumnOrientationReportsTurnedSize) {
-  vxtest::TempDir dir;
-  dpxtest::DpxHeaderRecipe recipe;
-  recipe.width = 3;  // samples a line: the picture's height
-  recipe.height = 2;
-  recipe.orientation = 5;
-  recipe.elements = {dpxtest::Element{6, 16, 0, 2, 2048, 0}};
-  const auto p = dir / "turned.dpx";
-  WriteDpx(p, dpxtest::MakeDpxHeader(recipe), dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true));
-  Parser parser;
-  ASSERT_EQ(parser.Open(p), S_OK);
-  HRESULT hr;
-  const auto f = Format(parser, &hr);
-  ASSERT_EQ(hr, S_OK);
-  EXPECT_EQ(f.width, 2u);
-  EXPECT_EQ(f.height, 3u);
-  Image img;
-  ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
-  // Lines right to left, each top to bottom: the first line is the right column.
-  EXPECT_EQ(img.At16(1, 0, 0), 1);
-  EXPECT_EQ(img.At16(0, 2, 0), 6);
+  for (const bool turned : {false, true}) {
+    SCOPED_TRACE(turned ? "turned" : "alpha");
+    // Turned: 3 samples a line, the picture's height.
+    const auto header =
+        turned ? dpxtest::MakeDpxHeader(
+                     {.width = 3, .height = 2, .orientation = 5, .elements = {{6, 16, 0}}})
+               : dpxtest::MakeDpxHeader({.width = 2, .height = 1, .elements = {{50, 16, 0}}});
+    Parser parser;
+    ASSERT_EQ(
+        parser.Open(WriteDpx(dir / "x.dpx", header, dpxtest::Encode16({1, 2, 3, 4, 5, 6}, true))),
+        S_OK);
+    tagVxImageStreamFormat f{};
+    f.cbSize = sizeof f;
+    f.hasAlpha = 1;
+    ASSERT_EQ(turned ? S_OK : parser->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
+    HRESULT hr;
+    f = Format(parser, &hr);
+    ASSERT_EQ(hr, S_OK);
+    EXPECT_EQ(f.width, 2u);
+    EXPECT_EQ(f.height, turned ? 3u : 1u);
+    Image img;
+    ASSERT_EQ(parser->ReadImage(&img.p, 0), S_OK);
+    if (turned) {
+      // Lines right to left, each top to bottom: the first line is the right column.
+      EXPECT_EQ(img.At(1, 0, 0), 1);
+      EXPECT_EQ(img.At(0, 2, 0), 6);
+    } else {
+      ASSERT_EQ(img.p->GetPixelFormat(), VX_PF_RGBA16);
+      EXPECT_EQ(img.At(1, 0, 0), 4);
+      EXPECT_EQ(img.At(1, 0, 3), 65535);
+    }
+  }
 }

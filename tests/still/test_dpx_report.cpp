@@ -15,16 +15,12 @@ using namespace vx::dpx;
 
 namespace {
 
-// The test header (every optional field undefined or empty, one 10-bit RGB method A element,
-// 4x2) with the report's own names for the fields it fills.
-struct Header : dpxtest::Bytes {
-  explicit Header(bool big) : dpxtest::Bytes(MakeHeader(big)) {}
-  [[gnu::noinline]] static dpxtest::Bytes MakeHeader(bool big) {
-    dpxtest::DpxHeaderRecipe recipe;
-    recipe.big = big;
-    return dpxtest::MakeDpxHeader(recipe);
-  }
-};
+// The test header: every optional field undefined or empty, one 10-bit RGB method A element, 4x2.
+dpxtest::Bytes Header(bool big) {
+  dpxtest::DpxHeaderRecipe recipe;
+  recipe.big = big;
+  return dpxtest::MakeDpxHeader(recipe);
+}
 
 std::string Report(const std::vector<std::uint8_t>& bytes, int capacity = 16384,
                    const VxChar* name = VXT("shot.dpx")) {
@@ -77,7 +73,7 @@ TEST(DpxReport, MinimalHeaderBothByteOrders) {
 }
 
 TEST(DpxReport, EveryFieldFilled) {
-  Header h(true);
+  auto h = Header(true);
   h.U32(kOffDittoKey, 1);
   h.Text(kOffFileName, "internal.dpx");
   h.Text(kOffCreationTime, "2024:01:02:03:04:05Z");
@@ -226,7 +222,7 @@ TEST(DpxReport, OddCodes) {
       {kOffInterlace, U8, 0, "  interlace: progressive\r\n"},
       {kOffVideoStandard, U8, 42, "  video signal standard: unknown (42)\r\n"}};
   for (const auto& c : cases) {
-    Header h(false);
+    auto h = Header(false);
     if (c.kind == U8)
       h.data[c.off] = static_cast<std::uint8_t>(c.value);
     else
@@ -240,7 +236,7 @@ TEST(DpxReport, OddCodes) {
 }
 
 TEST(DpxReport, TwelveElementsPrintEight) {
-  Header h(true);
+  auto h = Header(true);
   h.U16(kOffElementCount, 12);
   const std::string text = Report(h.data);
   EXPECT_NE(text.find("  nb of elements: 12\r\n"), std::string::npos);
@@ -253,10 +249,10 @@ TEST(DpxReport, TwelveElementsPrintEight) {
 TEST(DpxReport, FatalConditionsEndTheText) {
   EXPECT_EQ(Report(Header(true).data, 1000, nullptr), "No file selected\r\n");
   EXPECT_EQ(Report(Header(true).data, 1000, VXT("")), "No file selected\r\n");
-  const Header whole(true);
+  const auto whole = Header(true);
   const std::vector<std::uint8_t> shortFile(whole.data.begin(), whole.data.begin() + 2047);
   EXPECT_EQ(Report(shortFile), "File name: shot.dpx\r\nRead error\r\n");
-  Header h(true);
+  auto h = Header(true);
   h.Text(0, "SDPY");
   EXPECT_EQ(Report(h.data),
             "File name: shot.dpx\r\nInvalid magic number header (not a DPX file).\r\n");

@@ -26,45 +26,41 @@ Bytes Pack(const std::vector<float>& s, std::uint32_t bits, std::uint32_t packin
 
 }  // namespace
 
-TEST(DpxPack, TenBitPackedByHand) {
-  const std::vector<float> s = {0x155, 0x2AA, 0x0F0, 0x30F, 0x001};
-  EXPECT_EQ(Pack(s, 10, 0, false), (Bytes{0x55, 0xA9, 0x0A, 0xCF, 0xC3, 0x01, 0x00, 0x00}));
-  // Big-endian files hold the same 32-bit words with their bytes reversed.
-  EXPECT_EQ(Pack(s, 10, 0, true), (Bytes{0xCF, 0x0A, 0xA9, 0x55, 0x00, 0x00, 0x01, 0xC3}));
-}
-
-TEST(DpxPack, TenBitFilledMethodsByHand) {
-  const std::vector<float> s = {0x155, 0x2AA, 0x0F0, 0x3FF};
-  // Method A: two zero bits at the bottom; B: at the top. The fourth sample starts a new word.
-  EXPECT_EQ(Pack(s, 10, 1, true), (Bytes{0x55, 0x6A, 0xA3, 0xC0, 0xFF, 0xC0, 0x00, 0x00}));
-  EXPECT_EQ(Pack(s, 10, 1, false), (Bytes{0xC0, 0xA3, 0x6A, 0x55, 0x00, 0x00, 0xC0, 0xFF}));
-  EXPECT_EQ(Pack(s, 10, 2, true), (Bytes{0x15, 0x5A, 0xA8, 0xF0, 0x3F, 0xF0, 0x00, 0x00}));
-}
-
-TEST(DpxPack, TwelveBitByHand) {
-  const std::vector<float> s = {0xABC, 0x123, 0xFFF};
-  // Packed: two samples in three bytes, lowest bits first; 36 bits take two words.
-  EXPECT_EQ(Pack(s, 12, 0, false), (Bytes{0xBC, 0x3A, 0x12, 0xFF, 0x0F, 0x00, 0x00, 0x00}));
-  EXPECT_EQ(Pack(s, 12, 0, true), (Bytes{0xFF, 0x12, 0x3A, 0xBC, 0x00, 0x00, 0x00, 0x0F}));
-  // Filled: one sample per 16-bit word, at the top (A) or bottom (B).
-  EXPECT_EQ(Pack(s, 12, 1, true), (Bytes{0xAB, 0xC0, 0x12, 0x30, 0xFF, 0xF0}));
-  EXPECT_EQ(Pack(s, 12, 2, true), (Bytes{0x0A, 0xBC, 0x01, 0x23, 0x0F, 0xFF}));
-  EXPECT_EQ(Pack(s, 12, 2, false), (Bytes{0xBC, 0x0A, 0x23, 0x01, 0xFF, 0x0F}));
-}
-
-TEST(DpxPack, WholeByteDepthsByHand) {
-  EXPECT_EQ(Pack({0, 128, 255}, 8, 0, true), (Bytes{0, 128, 255}));
-  EXPECT_EQ(Pack({0x1234, 0xFFFF}, 16, 0, true), (Bytes{0x12, 0x34, 0xFF, 0xFF}));
-  EXPECT_EQ(Pack({0x1234, 0xFFFF}, 16, 0, false), (Bytes{0x34, 0x12, 0xFF, 0xFF}));
-  // Floats are stored as they are, out-of-range values included.
-  EXPECT_EQ(Pack({1.0f, -2.5f}, 32, 0, true),
-            (Bytes{0x3F, 0x80, 0x00, 0x00, 0xC0, 0x20, 0x00, 0x00}));
-  EXPECT_EQ(Pack({1.0f}, 32, 0, false), (Bytes{0x00, 0x00, 0x80, 0x3F}));
-}
-
-TEST(DpxPack, OneBitFirstSampleInLowestBit) {
-  EXPECT_EQ(Pack({1, 0, 0, 1, 1, 0, 0, 0, 1}, 1, 0, true), (Bytes{0x19, 0x01}));
-  EXPECT_EQ(Pack({0.49f, 0.5f, 7.0f}, 1, 0, false), (Bytes{0x06}));
+// Bytes worked out by hand. 10-bit packed: samples back to back through 32-bit words, lowest
+// bits first, and a big-endian file holds the same words with their bytes reversed; filled
+// method A leaves two zero bits at the bottom, B at the top, and a fourth sample starts a new
+// word; 12-bit packed takes two samples in three bytes, filled one in a 16-bit word, at the top
+// (A) or bottom (B); 1 bit puts the first sample in the lowest bit; floats are stored as they are.
+TEST(DpxPack, ByHand) {
+  const struct {
+    std::vector<float> s;
+    std::uint32_t bits, packing;
+    bool big;
+    Bytes want;
+  } cases[] = {
+      // clang-format off
+      {{0x155, 0x2AA, 0x0F0, 0x30F, 0x001}, 10, 0, false, {0x55, 0xA9, 0x0A, 0xCF, 0xC3, 0x01, 0, 0}},
+      {{0x155, 0x2AA, 0x0F0, 0x30F, 0x001}, 10, 0, true, {0xCF, 0x0A, 0xA9, 0x55, 0, 0, 0x01, 0xC3}},
+      {{0x155, 0x2AA, 0x0F0, 0x3FF}, 10, 1, true, {0x55, 0x6A, 0xA3, 0xC0, 0xFF, 0xC0, 0, 0}},
+      {{0x155, 0x2AA, 0x0F0, 0x3FF}, 10, 1, false, {0xC0, 0xA3, 0x6A, 0x55, 0, 0, 0xC0, 0xFF}},
+      {{0x155, 0x2AA, 0x0F0, 0x3FF}, 10, 2, true, {0x15, 0x5A, 0xA8, 0xF0, 0x3F, 0xF0, 0, 0}},
+      {{0xABC, 0x123, 0xFFF}, 12, 0, false, {0xBC, 0x3A, 0x12, 0xFF, 0x0F, 0, 0, 0}},
+      {{0xABC, 0x123, 0xFFF}, 12, 0, true, {0xFF, 0x12, 0x3A, 0xBC, 0, 0, 0, 0x0F}},
+      {{0xABC, 0x123, 0xFFF}, 12, 1, true, {0xAB, 0xC0, 0x12, 0x30, 0xFF, 0xF0}},
+      {{0xABC, 0x123, 0xFFF}, 12, 2, true, {0x0A, 0xBC, 0x01, 0x23, 0x0F, 0xFF}},
+      {{0xABC, 0x123, 0xFFF}, 12, 2, false, {0xBC, 0x0A, 0x23, 0x01, 0xFF, 0x0F}},
+      {{0, 128, 255}, 8, 0, true, {0, 128, 255}},
+      {{0x1234, 0xFFFF}, 16, 0, true, {0x12, 0x34, 0xFF, 0xFF}},
+      {{0x1234, 0xFFFF}, 16, 0, false, {0x34, 0x12, 0xFF, 0xFF}},
+      {{1.0f, -2.5f}, 32, 0, true, {0x3F, 0x80, 0, 0, 0xC0, 0x20, 0, 0}},
+      {{1.0f}, 32, 0, false, {0, 0, 0x80, 0x3F}},
+      {{1, 0, 0, 1, 1, 0, 0, 0, 1}, 1, 0, true, {0x19, 0x01}},
+      {{0.49f, 0.5f, 7.0f}, 1, 0, false, {0x06}},
+      // clang-format on
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(Pack(c.s, c.bits, c.packing, c.big), c.want)
+        << c.bits << " bits, packing " << c.packing << (c.big ? " BE" : " LE");
 }
 
 TEST(DpxPack, RoundsHalfUpAndClamps) {
@@ -117,13 +113,9 @@ TEST(DpxSettings, BadAndUnknownOptions) {
   DpxImportSettings im;
   const DpxExportSettings before = ex;
   EXPECT_EQ(ApplyDpxOption(VXT("quality=3"), &ex, &im), S_FALSE);
-  EXPECT_EQ(ApplyDpxOption(VXT("depth=11"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("depth=10x"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("layout=yuv"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("packing=c"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("endian=middle"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("transfer=-2"), &ex, &im), E_INVALIDARG);
-  EXPECT_EQ(ApplyDpxOption(VXT("depth"), &ex, &im), E_INVALIDARG);
+  for (const VxChar* bad : {VXT("depth=11"), VXT("depth=10x"), VXT("layout=yuv"), VXT("packing=c"),
+                            VXT("endian=middle"), VXT("transfer=-2"), VXT("depth")})
+    EXPECT_EQ(ApplyDpxOption(bad, &ex, &im), E_INVALIDARG) << vx::ToUtf8(bad);
   EXPECT_EQ(ApplyDpxOption(nullptr, &ex, &im), E_POINTER);
   EXPECT_EQ(ApplyDpxOption(VXT("depth=8"), nullptr, &im), E_POINTER);
   EXPECT_EQ(ex.bitDepth, before.bitDepth);

@@ -2,7 +2,6 @@
 //   pingpong <prefix> <rounds>   answer each request value v with 2v+1 in the mapping
 //   signal-exit <event> <code>   set the event, then exit with code
 //   exit <code> [delay ms]       exit with code, optionally after a pause
-//   sleep <ms>                   pause, exit 0
 //   args                         write the arguments, one a line, to args.txt in the cwd
 //   stdin                        exit 0 when standard input is at its end at once
 //   lock <file> <event> <ms>     lock the file, set the event, hold the lock for ms
@@ -31,19 +30,15 @@ int PingPong(const std::string& prefix, int rounds) {
   EventHandle reply = OpenEvent(W(prefix + "_rep").c_str());
   if (!request || !reply) return 11;
   auto* words = static_cast<volatile std::uint32_t*>(shm.view);
-  int rc = 0;
   for (int i = 0; i < rounds; ++i) {
-    if (WaitEvent(request, 10000) != Wait::Signaled) {
-      rc = 12;
-      break;
-    }
+    if (WaitEvent(request, 10000) != Wait::Signaled) return 12;  // exiting closes the rest
     words[1] = words[0] * 2 + 1;
     SetEvent(reply);
   }
   CloseEvent(request);
   CloseEvent(reply);
   CloseSharedMemory(&shm);
-  return rc;
+  return 0;
 }
 
 int WriteArgs(int argc, char** argv) {
@@ -84,10 +79,6 @@ int Main(int argc, char** argv) {
   if (mode == "exit") {
     if (argc > 3) SleepMs(static_cast<std::uint32_t>(std::atoi(arg(3).c_str())));
     return std::atoi(arg(2).c_str());
-  }
-  if (mode == "sleep") {
-    SleepMs(static_cast<std::uint32_t>(std::atoi(arg(2).c_str())));
-    return 0;
   }
   if (mode == "args") return WriteArgs(argc, argv);
   if (mode == "stdin") return std::fgetc(stdin) == EOF ? 0 : 1;

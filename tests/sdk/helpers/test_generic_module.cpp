@@ -11,31 +11,48 @@ constexpr CLSID kRefused = {0x6E1D0001, 0, 0x4000, {0x80, 0, 0, 0, 0, 0, 0xAB, 0
 
 std::atomic<int> g_created{0}, g_started{0}, g_stopped{0}, g_live{0};
 
-class Generic final : public IVxGeneric {
+// Reference counting and IUnknown for one interface `I`.
+template <typename I>
+class Unknown : public I {
  public:
-  Generic() {
-    ++g_created;
-    ++g_live;
-  }
+  explicit Unknown(REFIID iid) : iid_(iid) {}
+  virtual ~Unknown() = default;
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
     if (!ppv) return E_POINTER;
-    if (riid == IID_IUnknown || riid == IID_IVxGeneric) {
-      AddRef();
-      *ppv = static_cast<IVxGeneric*>(this);
-      return S_OK;
-    }
     *ppv = nullptr;
-    return E_NOINTERFACE;
+    if (riid != IID_IUnknown && riid != iid_) return E_NOINTERFACE;
+    AddRef();
+    *ppv = static_cast<I*>(this);
+    return S_OK;
   }
   ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
   ULONG STDMETHODCALLTYPE Release() override {
     const ULONG n = --refs_;
-    if (n == 0) {
-      --g_live;
-      delete this;
-    }
+    if (n == 0) delete this;
     return n;
   }
+
+ private:
+  const IID iid_;
+  std::atomic<ULONG> refs_{0};
+};
+
+// Answers `riid` from a new object, which dies at once when it has no such interface.
+template <typename T>
+HRESULT HandOut(T* object, REFIID riid, void** ppv) {
+  object->AddRef();
+  const HRESULT hr = object->QueryInterface(riid, ppv);
+  object->Release();
+  return hr;
+}
+
+class Generic final : public Unknown<IVxGeneric> {
+ public:
+  Generic() : Unknown(IID_IVxGeneric) {
+    ++g_created;
+    ++g_live;
+  }
+  ~Generic() override { --g_live; }
   HRESULT STDMETHODCALLTYPE Start() override {
     ++g_started;
     return S_OK;
@@ -44,43 +61,18 @@ class Generic final : public IVxGeneric {
     ++g_stopped;
     return S_OK;
   }
-
- private:
-  std::atomic<ULONG> refs_{0};
 };
 
-class Factory final : public IClassFactory {
+class Factory final : public Unknown<IClassFactory> {
  public:
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-    if (!ppv) return E_POINTER;
-    if (riid == IID_IUnknown || riid == IID_IClassFactory) {
-      AddRef();
-      *ppv = static_cast<IClassFactory*>(this);
-      return S_OK;
-    }
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  ULONG STDMETHODCALLTYPE AddRef() override { return ++refs_; }
-  ULONG STDMETHODCALLTYPE Release() override {
-    const ULONG n = --refs_;
-    if (n == 0) delete this;
-    return n;
-  }
+  Factory() : Unknown(IID_IClassFactory) {}
   HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** ppv) override {
     if (!ppv) return E_POINTER;
     *ppv = nullptr;
     if (outer) return CLASS_E_NOAGGREGATION;
-    auto* g = new Generic;
-    g->AddRef();
-    const HRESULT hr = g->QueryInterface(riid, ppv);
-    g->Release();
-    return hr;
+    return HandOut(new Generic, riid, ppv);
   }
   HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
-
- private:
-  std::atomic<ULONG> refs_{0};
 };
 
 }  // namespace
@@ -90,11 +82,7 @@ VX_EXPORT HRESULT STDAPICALLTYPE DllGetClassObject(REFCLSID clsid, REFIID riid, 
   *ppv = nullptr;
   if (clsid == kRefused) return E_OUTOFMEMORY;
   if (clsid != kObject) return CLASS_E_CLASSNOTAVAILABLE;
-  auto* f = new Factory;
-  f->AddRef();
-  const HRESULT hr = f->QueryInterface(riid, ppv);
-  f->Release();
-  return hr;
+  return HandOut(new Factory, riid, ppv);
 }
 
 // Counters for the tests: objects created, Start and Stop calls, objects alive.
