@@ -136,7 +136,16 @@ bool Remove(const VxChar* path) {
 
 bool Replace(const VxChar* from, const VxChar* to) {
   if (!from || !*from || !to || !*to) return false;
-  return ::MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING) != 0;
+  // A replace of the same name by another writer, or a reader that has it open for a moment,
+  // makes Windows refuse with a sharing error where POSIX would just swap the name: try again
+  // for up to a second before giving up.
+  for (int attempt = 0;; ++attempt) {
+    if (::MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING)) return true;
+    const DWORD error = ::GetLastError();
+    if ((error != ERROR_ACCESS_DENIED && error != ERROR_SHARING_VIOLATION) || attempt == 100)
+      return false;
+    ::Sleep(10);
+  }
 }
 
 bool LockFile(FileHandle f) {

@@ -109,7 +109,14 @@ TEST(OutOfMemory, EveryAllocationFailureComesOutAsAStatus) {
   EXPECT_EQ(notBuilt, 1);
   // Factory, parser state and the sequence's file list all allocate: most failures are inside
   // Open, below the parser's interface.
-  EXPECT_GT(outOfMemory, 3) << "allocations tried: " << n;
+#ifdef _WIN32
+  // The SDK DLL carries its own runtime, so the file list's allocations are out of this program's
+  // reach there.
+  constexpr int kFailuresInsideOpen = 1;
+#else
+  constexpr int kFailuresInsideOpen = 3;
+#endif
+  EXPECT_GT(outOfMemory, kFailuresInsideOpen) << "allocations tried: " << n;
   EXPECT_EQ(vx::module::ObjectCount(), objects);
 }
 
