@@ -109,7 +109,7 @@ inline Bytes WaveFormat(std::uint16_t tag, std::uint16_t channels, std::uint32_t
 }
 
 // Runs a shell command; true when it exits 0.
-bool Run(const std::string& command);
+bool Shell(const std::string& command);
 // True when `tool` is on the PATH.
 bool HaveTool(const std::string& tool);
 
