@@ -155,7 +155,8 @@ TEST(WavHeader, BroadcastWaveReachesTheRecord) {
   const VxMetadataRecord r = vx::md::GetRecord(md.get());
   EXPECT_TRUE(r.present & VX_MD_TIMEREFERENCE);
   EXPECT_EQ(r.timeReference, 172800000u);  // 01:00:00 at 48 kHz
-  EXPECT_EQ(vx::md::GetText(md.get(), vx::md::kDescription), "Scene 12 take 3");
+  EXPECT_EQ(vx::md::GetText(md.get(), vx::md::kDescription), "Scene 12 take 3");  // not INAM
+  EXPECT_EQ(vx::md::GetText(md.get(), vx::md::kCopyright), "Me");
   EXPECT_EQ(vx::md::GetText(md.get(), vx::md::kDate), "2026-11-25T10:00:00");
 }
 

@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t kRiff = FourCC("RIFF"), kRf64 = FourCC("RF64"), kWave = FourCC("WAVE"),
                         kDs64 = FourCC("ds64"), kJunk = FourCC("JUNK"), kFmt = FourCC("fmt "),
                         kData = FourCC("data"), kFact = FourCC("fact"), kBext = FourCC("bext"),
-                        kVxmd = FourCC("VXMD");
+                        kVxmd = FourCC("VXMD"), kList = FourCC("LIST"), kInfo = FourCC("INFO");
 constexpr std::uint32_t kBextFixedSize = 602;
 constexpr std::uint16_t kTagRefused = 103;
 // The host SDK's status for a format buffer that could not be allocated.
@@ -53,6 +53,7 @@ CVxAudioParserWAV::~CVxAudioParserWAV() = default;
 void CVxAudioParserWAV::CloseFile() {
   chunk_.reset();  // closes the file
   bext_.reset();
+  info_.clear();
   fileSize_ = 0;
   factFrames_ = 0;
   hasFact_ = false;
@@ -73,6 +74,7 @@ bool CVxAudioParserWAV::FindChunk(std::uint32_t id, std::uint32_t* size) {
       return true;
     }
     if (found == kBext && n >= kBextFixedSize) ReadBroadcastWave(n);
+    if (found == kList && n >= 4) ReadInfoList(n);
     if (found == kFact && n >= 4) {
       factFrames_ = chunk_->ReadLong();
       hasFact_ = true;
@@ -102,6 +104,20 @@ void CVxAudioParserWAV::ReadBroadcastWave(std::uint32_t size) {
       r->loudness[i] = static_cast<std::int16_t>(vx::LoadLE16(&b[412 + 2 * i]));
   r->codingHistory = FixedText(&b[kBextFixedSize], got - kBextFixedSize);
   bext_ = std::move(r);  // a later chunk replaces an earlier one
+}
+
+void CVxAudioParserWAV::ReadInfoList(std::uint32_t size) {
+  std::vector<std::uint8_t> b(std::min<std::uint32_t>(size, 65536));
+  std::uint32_t got = 0;
+  if (!chunk_->Read(b.data(), static_cast<std::uint32_t>(b.size()), &got) || got < 4 ||
+      vx::LoadLE32(b.data()) != kInfo)
+    return;
+  for (std::size_t at = 4; at + 8 <= got;) {
+    const std::uint32_t id = vx::LoadLE32(&b[at]), n = vx::LoadLE32(&b[at + 4]);
+    if (n > got - at - 8) break;
+    info_.emplace_back(id, FixedText(&b[at + 8], n));
+    at += 8 + std::size_t{n} + (n & 1);
+  }
 }
 
 HRESULT CVxAudioParserWAV::ReadFormat(std::uint32_t size, std::vector<std::uint8_t>* format) {
@@ -242,6 +258,40 @@ HRESULT CVxAudioParserWAV::ParseFile(const VxChar* name, SampleLayout* layout) {
 }
 
 HRESULT CVxAudioParserWAV::AddFormatMetadata(IVxMetadata* out) {
+  // The INFO texts first, so the Broadcast Wave record's own fields win where both say.
+  for (const auto& [id, text] : info_) {
+    if (text.empty()) continue;
+    const char* key = nullptr;
+    switch (id) {
+      case FourCC("ISFT"):
+        key = vx::md::kCreator;
+        break;
+      case FourCC("ICOP"):
+        key = vx::md::kCopyright;
+        break;
+      case FourCC("ICMT"):
+        key = vx::md::kComment;
+        break;
+      case FourCC("IART"):
+        key = vx::md::kOriginator;
+        break;
+      case FourCC("INAM"):
+        key = vx::md::kDescription;
+        break;
+      case FourCC("IPRD"):
+        key = vx::md::kProject;
+        break;
+      default:
+        break;
+    }
+    if (key) {
+      vx::md::SetText(out, key, text);
+    } else {
+      const char name[] = {static_cast<char>(id), static_cast<char>(id >> 8),
+                           static_cast<char>(id >> 16), static_cast<char>(id >> 24)};
+      vx::md::SetText(out, "info:" + std::string(name, 4), text);
+    }
+  }
   if (!bext_) return S_OK;
   const BroadcastWaveRecord& b = *bext_;
   VxMetadataRecord r = vx::md::GetRecord(out);

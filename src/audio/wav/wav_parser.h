@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "audio/base/audio_parser.h"
 #include "fileio/chunk_file.h"
@@ -53,6 +55,8 @@ class CVxAudioParserWAV : public CVxAudioParser {
   // the way. Leaves the file inside that chunk; false when the file ends first.
   bool FindChunk(std::uint32_t id, std::uint32_t* size);
   void ReadBroadcastWave(std::uint32_t size);
+  // A "LIST" of type "INFO": the texts editors and converters leave (software, copyright, ...).
+  void ReadInfoList(std::uint32_t size);
   HRESULT ReadFormat(std::uint32_t size, std::vector<std::uint8_t>* format);
   // The host's view of the file's format and where its samples are.
   HRESULT Present(const std::vector<std::uint8_t>& format, vx::audio::SampleLayout* layout);
@@ -62,4 +66,5 @@ class CVxAudioParserWAV : public CVxAudioParser {
   std::uint64_t factFrames_ = 0;  // "fact" sample count of a compressed file; 0 when none
   bool hasFact_ = false;
   std::unique_ptr<vx::audio::BroadcastWaveRecord> bext_;
+  std::vector<std::pair<std::uint32_t, std::string>> info_;  // "INFO" identifier and text
 };
