@@ -142,10 +142,10 @@ TEST(WavHeader, ReadsWhatTheBytesSay) {
 TEST(WavHeader, BroadcastWaveReachesTheRecord) {
   vxtest::TempDir dir;
   Bytes c;
-  Put{c}
-      .chunk("fmt ", Fmt16(1, 1, 2, 16))
-      .chunk("bext", Bext(640, 172800000))
-      .chunk("data", {0, 0});
+  Bytes info;
+  Put{info}.text("INFO").chunk("ICOP", {'M', 'e'}).chunk("INAM", {'X', 0, 0});
+  Put{c}.chunk("fmt ", Fmt16(1, 1, 2, 16)).chunk("LIST", info).chunk("bext", Bext(640, 172800000));
+  Put{c}.chunk("data", {0, 0});
   vxtest::WriteFile(dir / "a.wav", Riff(c));
   Wav w;
   ASSERT_EQ(w.Open(dir / "a.wav"), S_OK);
