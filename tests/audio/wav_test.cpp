@@ -278,6 +278,21 @@ TEST(WavRf64, BeyondFourGiB) {
   ASSERT_EQ(got.size(), 400u);
   for (std::size_t i = 0; i < 100; ++i)
     EXPECT_EQ(vx::LoadLE32(&got[i * 4]), static_cast<std::uint32_t>((last + i) * 2654435761u));
+  // Other readers find the same last frames.
+  if (!vxtest::HaveTool("ffmpeg") || !vxtest::HaveTool("sox")) return;
+  const auto tail = dir / "tail.raw";
+  const std::string start = std::to_string(last);
+  ASSERT_TRUE(vxtest::Shell("sox " + vxtest::Quote(file) + " -t raw " + vxtest::Quote(tail) +
+                            " trim " + start + "s"));
+  EXPECT_TRUE(vxtest::ReadFile(tail) == got) << "sox";
+  ASSERT_TRUE(vxtest::Shell("ffmpeg -v error -y -i " + vxtest::Quote(file) +
+                            " -af atrim=start_sample=" + start + " -f s16le " +
+                            vxtest::Quote(tail)));
+  EXPECT_TRUE(vxtest::ReadFile(tail) == got) << "ffmpeg";
+  if (vxtest::HaveTool("sndfile-info"))
+    EXPECT_TRUE(vxtest::Shell("sndfile-info " + vxtest::Quote(file) +
+                              " | grep -q 'Frames *: " + std::to_string(frames) + "'"))
+        << "libsndfile";
 }
 
 }  // namespace
