@@ -289,10 +289,11 @@ TEST(WavRf64, BeyondFourGiB) {
                             " -af atrim=start_sample=" + start + " -f s16le " +
                             vxtest::Quote(tail)));
   EXPECT_TRUE(vxtest::ReadFile(tail) == got) << "ffmpeg";
-  if (vxtest::HaveTool("sndfile-info"))
+  if (vxtest::HaveTool("sndfile-info")) {
     EXPECT_TRUE(vxtest::Shell("sndfile-info " + vxtest::Quote(file) +
                               " | grep -q 'Frames *: " + std::to_string(frames) + "'"))
         << "libsndfile";
+  }
 }
 
 }  // namespace
