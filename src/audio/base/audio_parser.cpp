@@ -74,7 +74,9 @@ CVxAudioParser::CVxAudioParser() {
 }
 
 CVxAudioParser::~CVxAudioParser() {
-  // An export the host never closed is not a file: nothing of it stays.
+  // An export the host never closed is not a file: nothing of it stays. The format's file went
+  // with its members already, and CloseFile is no longer callable here.
+  mode_ = 0;
   Reset();
   vx::module::RemoveObject();
 }
