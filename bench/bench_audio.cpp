@@ -28,9 +28,8 @@
 #include <sndfile.h>
 #endif
 
-#if __has_include("audio/aiff/aiff_parser.h")
+#ifdef VX_BENCH_AIFF_PARSER
 #include "audio/aiff/aiff_parser.h"
-#define VX_BENCH_AIFF_PARSER 1
 #endif
 
 namespace {
