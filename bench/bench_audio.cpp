@@ -1,7 +1,8 @@
 // Sound reads as a host makes them: ten minutes of 48 kHz 24-bit stereo, read whole through
 // ReadSamples in one-second blocks into one host buffer, from the page cache. Timed in the same
-// run: memcpy of the same bytes in the same blocks between two one-second buffers (the bound a
-// read into the host's buffer can approach), and libsndfile's sf_readf_int on the same AIFF.
+// run: memcpy of the same bytes in the same blocks between two one-second buffers (which stay in
+// the processor's caches), the same copies from a source as large as the file (which come from
+// memory, as the page cache's do), and libsndfile's sf_readf_int on the same AIFF.
 //
 // Both files are written by hand here, so the bench depends on no writer of ours, and read once
 // before anything is timed. The AIFF read goes through CVxAudioParserAIFF when the component has
