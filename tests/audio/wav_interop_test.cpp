@@ -100,7 +100,12 @@ TEST(WavInterop, OtherWritersAndReaders) {
                             reinterpret_cast<WAVEFORMATEX*>(format.data())};
       ASSERT_EQ(w->GetStreamFormat(VX_STREAM_SOUND, 0, &r), S_OK);
       // With a "VXMD" chunk after the samples, as a host's export has: peers must skip it.
-      ASSERT_EQ(vxtest::WriteThrough<CVxAudioParserWAV>(ours, format, got, blob.get()), S_OK);
+      // Not for floats: sndfile-convert scales floats by a signal maximum that libsndfile scans
+      // past the samples into any chunk that follows (its own files included).
+      const bool isFloat = e.raw[0] == 'f';
+      ASSERT_EQ(vxtest::WriteThrough<CVxAudioParserWAV>(ours, format, got,
+                                                        isFloat ? nullptr : blob.get()),
+                S_OK);
       // Each peer reads ours as it reads the original (sox clips full-scale floats alike).
       for (const char* reader : {"ffmpeg", "sox", "sndfile"}) {
         Bytes raws[2];
