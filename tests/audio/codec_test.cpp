@@ -1,0 +1,153 @@
+// Compressed WAV sound to 16-bit PCM: hand-checked blocks (through the system codec on Windows)
+// and sox's own files and decodes at 1, 2 and 6 channels.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "audio/codec/sound_codec.h"
+#include "test_util.h"
+
+using Bytes = std::vector<std::uint8_t>;
+using Samples = std::vector<std::int16_t>;
+
+namespace {
+
+Bytes Format(std::uint16_t tag, std::uint16_t ch, std::uint16_t align, std::uint16_t bits,
+             Bytes extra = {}) {
+  const std::uint32_t rate = 22050, avg = rate * align;
+  Bytes f = {std::uint8_t(tag),
+             std::uint8_t(tag >> 8),
+             std::uint8_t(ch),
+             0,
+             0x22,
+             0x56,
+             0,
+             0,
+             std::uint8_t(avg),
+             std::uint8_t(avg >> 8),
+             std::uint8_t(avg >> 16),
+             0,
+             std::uint8_t(align),
+             std::uint8_t(align >> 8),
+             std::uint8_t(bits),
+             0,
+             std::uint8_t(extra.size()),
+             0};
+  for (std::uint8_t b : extra) f.push_back(b);
+  return f;
+}
+const Bytes kMsExtra = {4,   0, 7,  0, 0,   1, 0, 0, 0,   2, 0,  0xFF, 0,   0, 0,  0,
+                        192, 0, 64, 0, 240, 0, 0, 0, 204, 1, 48, 0xFF, 136, 1, 24, 0xFF};
+
+Samples Decode(const Bytes& format, const std::uint8_t* data, std::uint32_t blocks) {
+  auto d = vx::audio::MakeSoundDecoder(format.data(), format.size());
+  if (!d) return {};
+  Samples out(std::size_t{blocks} * d->FramesPerBlock() * format[2]);
+  return d->Decode(data, blocks, out.data()) ? out : Samples{};
+}
+
+}  // namespace
+
+TEST(SoundCodec, HandCheckedBlocksDecode) {
+  struct Case {
+    const char* name;
+    Bytes format, block;
+    Samples want;
+  } cases[] = {
+      {"A-law", Format(6, 1, 1, 8), {0xD5, 0x55, 0x2A, 0xAA}, {8, -8, -32256, 32256}},
+      {"mu-law", Format(7, 1, 1, 8), {0xFF, 0x7F, 0x00, 0x80}, {0, 0, -32124, 32124}},
+      // Headers 1000 and -1000 at step 7; nibbles 7 and 15 climb the step table both ways.
+      {"IMA stereo",
+       Format(0x11, 2, 16, 4, {9, 0}),
+       {0xE8, 0x03, 0, 0, 0x18, 0xFC, 0, 0, 0x77, 0x77, 0x77, 0x77, 0xFF, 0xFF, 0xFF, 0xFF},
+       {1000, -1000, 1011, -1011, 1041, -1041, 1104, -1104, 1240, -1240, 1533, -1533, 2164, -2164,
+        3521, -3521, 6431, -6431}},
+      // Predictor 3 (192, 64), delta 16, samples 100 and 52, nibbles +1 and -1.
+      {"MS ADPCM",
+       Format(2, 1, 8, 4, kMsExtra),
+       {3, 16, 0, 100, 0, 52, 0, 0x1F},
+       {52, 100, 104, 87}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::uint32_t blocks = c.format[2] == 1 && c.format[14] == 8 ? 4 : 1;
+    EXPECT_EQ(Decode(c.format, c.block.data(), blocks), c.want);
+#ifdef _WIN32  // the audio compression manager must take each of these itself
+    EXPECT_NE(vx::os::OpenSystemSoundDecoder(c.format.data(), c.format.size()), nullptr);
+#endif
+  }
+  // A step index past the table is refused, not read past.
+  Bytes bad = cases[2].block;
+  bad[2] = 89;
+  EXPECT_TRUE(Decode(cases[2].format, bad.data(), 1).empty());
+}
+
+TEST(SoundCodec, InconsistentFormatsGiveNoDecoder) {
+  const Bytes extensibleIma = {0x16, 0, 3,    0, 0,    0, 0x11, 0,    0, 0,    0,    0,
+                               0,    0, 0x10, 0, 0x80, 0, 0,    0xAA, 0, 0x38, 0x9B, 0x71};
+  const Bytes refused[] = {
+      Format(6, 0, 0, 8),                      // no channels
+      Format(6, 2, 1, 8),                      // block smaller than a frame
+      Format(0x11, 1, 256, 4, {0xF8, 1}),      // 504 samples where the block holds 505
+      Format(0x11, 2, 18, 4, {9, 0}),          // not whole words per channel
+      Format(2, 2, 13, 4, kMsExtra),           // shorter than two headers
+      Format(2, 1, 8, 4, {4, 0, 7, 0, 0, 1}),  // coefficients cut short
+      Format(0x55, 2, 1, 0),                   // MPEG Layer 3
+      Format(0xFFFE, 2, 4, 16, extensibleIma),
+  };
+  for (const Bytes& f : refused)
+    EXPECT_EQ(vx::audio::MakeSoundDecoder(f.data(), f.size()), nullptr);
+  Bytes cut = Format(0x11, 1, 256, 4, {0xF9, 1});
+  EXPECT_EQ(vx::audio::MakeSoundDecoder(cut.data(), cut.size() - 1), nullptr);
+  EXPECT_STREQ(vx::audio::CompressionName(7), "mu-law");
+  EXPECT_STREQ(vx::audio::CompressionName(0xFFFE), "PCM (extensible)");
+  EXPECT_EQ(vx::audio::CompressionName(0x1234), nullptr);
+}
+
+TEST(SoundCodec, SoxFilesDecodeAsSoxDecodesThem) {
+#ifdef _WIN32
+  GTEST_SKIP() << "sox interop runs on Linux";
+#else
+  if (std::system("sox --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "sox is not installed";
+  vxtest::TempDir dir;
+  for (const char* codec : {"a-law", "u-law", "ima-adpcm", "ms-adpcm"}) {
+    for (int ch : {1, 2, 6}) {
+      SCOPED_TRACE(std::string(codec) + " x" + std::to_string(ch));
+      const auto wav = dir / "t.wav", raw = dir / "t.raw";
+      const std::string cmd = "sox -n -r 22050 -c " + std::to_string(ch) + " -e " + codec + " " +
+                              vxtest::Quote(wav) + " synth 0.5 sine 300-3000 sine 440 tremolo 7 " +
+                              "vol 0.9 && sox " + vxtest::Quote(wav) + " -t s16 " +
+                              vxtest::Quote(raw);
+      ASSERT_EQ(std::system(cmd.c_str()), 0);
+      const Bytes file = vxtest::ReadFile(wav), rawBytes = vxtest::ReadFile(raw);
+      Samples want(rawBytes.size() / 2);
+      std::memcpy(want.data(), rawBytes.data(), want.size() * 2);
+      // The chunks: "fmt " then "data" (sox writes a "fact" between them for ADPCM).
+      Bytes format;
+      std::size_t pos = 12, dataAt = 0, dataBytes = 0;
+      while (pos + 8 <= file.size() && !dataAt) {
+        const std::size_t size = file[pos + 4] | file[pos + 5] << 8 | file[pos + 6] << 16;
+        if (!std::memcmp(&file[pos], "fmt ", 4))
+          format.assign(&file[pos + 8], &file[pos + 8 + size]);
+        if (!std::memcmp(&file[pos], "data", 4)) dataAt = pos + 8, dataBytes = size;
+        pos += 8 + size + (size & 1);
+      }
+      ASSERT_TRUE(dataAt && format.size() >= 18);
+      const std::uint32_t align = format[12] | format[13] << 8,
+                          blocks = std::uint32_t(dataBytes / align);
+      const Samples all = Decode(format, &file[dataAt], blocks);
+      ASSERT_GE(all.size(), want.size());
+      ASSERT_LT(all.size() - want.size(), all.size() / blocks);  // the last block is sox's padding
+      EXPECT_TRUE(std::equal(want.begin(), want.end(), all.begin()));
+      // Any block decodes on its own: two from the middle match the same stretch of the whole.
+      const std::uint32_t mid = blocks / 2, perBlock = std::uint32_t(all.size() / blocks);
+      const Samples part = Decode(format, &file[dataAt + std::size_t{mid} * align], 2);
+      ASSERT_EQ(part.size(), 2u * perBlock);
+      EXPECT_TRUE(std::equal(part.begin(), part.end(), all.begin() + std::size_t{mid} * perBlock));
+    }
+  }
+#endif
+}
