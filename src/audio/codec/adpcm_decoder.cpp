@@ -42,8 +42,8 @@ class ImaAdpcmDecoder final : public vx::os::SoundDecoder {
     for (std::uint32_t b = 0; b < blocks; ++b, in += align_, out += std::size_t{frames_} * ch_) {
       for (std::uint32_t c = 0; c < ch_; ++c) {
         const std::uint8_t* h = in + 4 * c;
-        const int index = h[2];
-        if (index > 88) return false;
+        // An index past the table is taken as its last step, as the system codec does.
+        const int index = std::min<int>(h[2], 88);
         out[c] = static_cast<std::int16_t>(LoadLE16(h));
         // Each channel's words follow the headers in turn, 8 samples each, low nibble first.
         int sample = out[c], step = index;
