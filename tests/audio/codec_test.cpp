@@ -69,8 +69,9 @@ TEST(SoundCodec, HandCheckedBlocksDecode) {
     const bool g711 = c.format[14] == 8;
     EXPECT_EQ(Decode(c.format, c.block.data(), g711 ? std::uint32_t(c.block.size()) : 1), c.want);
 #ifdef _WIN32  // the audio compression manager must take the plain formats itself
-    if (c.format[0] != 0xFE)
+    if (c.format[0] != 0xFE) {
       EXPECT_NE(vx::os::OpenSystemSoundDecoder(c.format.data(), c.format.size()), nullptr);
+    }
 #endif
   }
   // A step index past the table is its last step (32767): the left channel hits the top at once.
