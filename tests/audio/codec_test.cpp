@@ -1,5 +1,5 @@
 // Compressed WAV sound to 16-bit PCM: hand-checked blocks (through the system codec on Windows)
-// and sox's own files and decodes at 1, 2 and 6 channels.
+// and files of sox and FFmpeg at 1, 2 and 6 channels against sox's decode.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -102,46 +102,63 @@ TEST(SoundCodec, InconsistentFormatsGiveNoDecoder) {
   EXPECT_EQ(vx::audio::CompressionName(0x1234), nullptr);
 }
 
-TEST(SoundCodec, SoxFilesDecodeAsSoxDecodesThem) {
+TEST(SoundCodec, SoxAndFfmpegFilesDecodeAsSoxDecodesThem) {
 #ifdef _WIN32
   GTEST_SKIP() << "sox interop runs on Linux";
 #else
   if (std::system("sox --version > /dev/null 2>&1") != 0) GTEST_SKIP() << "sox is not installed";
+  const bool ffmpeg = std::system("ffmpeg -version > /dev/null 2>&1") == 0;
   vxtest::TempDir dir;
-  for (const char* codec : {"a-law", "u-law", "ima-adpcm", "ms-adpcm"}) {
+  const auto wav = dir / "t.wav", raw = dir / "t.raw";
+  const char* codecs[][2] = {{"a-law", "pcm_alaw"},
+                             {"u-law", "pcm_mulaw"},
+                             {"ima-adpcm", "adpcm_ima_wav"},
+                             {"ms-adpcm", "adpcm_ms"}};
+  for (const auto& codec : codecs) {
     for (int ch : {1, 2, 6}) {
-      SCOPED_TRACE(std::string(codec) + " x" + std::to_string(ch));
-      const auto wav = dir / "t.wav", raw = dir / "t.raw";
-      const std::string cmd = "sox -n -r 22050 -c " + std::to_string(ch) + " -e " + codec + " " +
-                              vxtest::Quote(wav) + " synth 0.5 sine 300-3000 sine 440 tremolo 7 " +
-                              "vol 0.9 && sox " + vxtest::Quote(wav) + " -t s16 " +
-                              vxtest::Quote(raw);
-      ASSERT_EQ(std::system(cmd.c_str()), 0);
-      const Bytes file = vxtest::ReadFile(wav), rawBytes = vxtest::ReadFile(raw);
-      Samples want(rawBytes.size() / 2);
-      std::memcpy(want.data(), rawBytes.data(), want.size() * 2);
-      // The chunks: "fmt " then "data" (sox writes a "fact" between them for ADPCM).
-      Bytes format;
-      std::size_t pos = 12, dataAt = 0, dataBytes = 0;
-      while (pos + 8 <= file.size() && !dataAt) {
-        const std::size_t size = file[pos + 4] | file[pos + 5] << 8 | file[pos + 6] << 16;
-        if (!std::memcmp(&file[pos], "fmt ", 4) && pos + 8 + size <= file.size())
-          format.assign(file.begin() + pos + 8, file.begin() + pos + 8 + size);
-        if (!std::memcmp(&file[pos], "data", 4)) dataAt = pos + 8, dataBytes = size;
-        pos += 8 + size + (size & 1);
+      for (bool byFfmpeg : {false, true}) {
+        // FFmpeg writes ADPCM up to stereo only, and 6-channel G.711 as WAVE_FORMAT_EXTENSIBLE.
+        if (byFfmpeg && (!ffmpeg || (ch > 2 && codec[1][0] == 'a'))) continue;
+        SCOPED_TRACE(std::string(codec[0]) + " x" + std::to_string(ch) +
+                     (byFfmpeg ? " ffmpeg" : " sox"));
+        const std::string n = std::to_string(ch);
+        const std::string make =
+            byFfmpeg ? "ffmpeg -v error -y -f lavfi -i sine=f=440:d=0.5:r=22050 -ac " + n +
+                           " -c:a " + codec[1] + " "
+                     : "sox -n -r 22050 -c " + n + " -e " + codec[0] + " ";
+        const std::string cmd =
+            make + vxtest::Quote(wav) +
+            (byFfmpeg ? "" : " synth 0.5 sine 300-3000 sine 440 tremolo 7 vol 0.9") + " && sox " +
+            vxtest::Quote(wav) + " -t s16 " + vxtest::Quote(raw);
+        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        const Bytes file = vxtest::ReadFile(wav), rawBytes = vxtest::ReadFile(raw);
+        Samples want(rawBytes.size() / 2);
+        std::memcpy(want.data(), rawBytes.data(), want.size() * 2);
+        // The chunks: "fmt " then "data" (sox writes a "fact" between them for ADPCM).
+        Bytes format;
+        std::size_t pos = 12, dataAt = 0, dataBytes = 0;
+        while (pos + 8 <= file.size() && !dataAt) {
+          const std::size_t size = file[pos + 4] | file[pos + 5] << 8 | file[pos + 6] << 16;
+          if (!std::memcmp(&file[pos], "fmt ", 4) && pos + 8 + size <= file.size())
+            format.assign(file.begin() + pos + 8, file.begin() + pos + 8 + size);
+          if (!std::memcmp(&file[pos], "data", 4)) dataAt = pos + 8, dataBytes = size;
+          pos += 8 + size + (size & 1);
+        }
+        ASSERT_TRUE(dataAt && format.size() >= 18);
+        const std::uint32_t align = format[12] | format[13] << 8,
+                            blocks = std::uint32_t(dataBytes / align);
+        const Samples all = Decode(format, &file[dataAt], blocks);
+        ASSERT_GE(all.size(), want.size());
+        ASSERT_LT(all.size() - want.size(),
+                  all.size() / blocks);  // the last block is sox's padding
+        EXPECT_TRUE(std::equal(want.begin(), want.end(), all.begin()));
+        // Any block decodes on its own: two from the middle match the same stretch of the whole.
+        const std::uint32_t mid = blocks / 2, perBlock = std::uint32_t(all.size() / blocks);
+        const Samples part = Decode(format, &file[dataAt + std::size_t{mid} * align], 2);
+        ASSERT_EQ(part.size(), 2u * perBlock);
+        EXPECT_TRUE(
+            std::equal(part.begin(), part.end(), all.begin() + std::size_t{mid} * perBlock));
       }
-      ASSERT_TRUE(dataAt && format.size() >= 18);
-      const std::uint32_t align = format[12] | format[13] << 8,
-                          blocks = std::uint32_t(dataBytes / align);
-      const Samples all = Decode(format, &file[dataAt], blocks);
-      ASSERT_GE(all.size(), want.size());
-      ASSERT_LT(all.size() - want.size(), all.size() / blocks);  // the last block is sox's padding
-      EXPECT_TRUE(std::equal(want.begin(), want.end(), all.begin()));
-      // Any block decodes on its own: two from the middle match the same stretch of the whole.
-      const std::uint32_t mid = blocks / 2, perBlock = std::uint32_t(all.size() / blocks);
-      const Samples part = Decode(format, &file[dataAt + std::size_t{mid} * align], 2);
-      ASSERT_EQ(part.size(), 2u * perBlock);
-      EXPECT_TRUE(std::equal(part.begin(), part.end(), all.begin() + std::size_t{mid} * perBlock));
     }
   }
 #endif
