@@ -240,7 +240,11 @@ HRESULT CVxAudioParserWAV::ParseFile(const VxChar* name, SampleLayout* layout) {
   const std::uint64_t blocks = layout->dataBytes / f.nBlockAlign;
   layout->frames = blocks * layout->framesPerBlock;
   if (outer == kRf64 && !layout->decoder) layout->frames = std::min(layout->frames, ds64Frames);
-  if (layout->decoder && hasFact_) layout->frames = std::min(layout->frames, factFrames_);
+  // "fact" trims the last block's unused frames. Some writers store other counts there
+  // (per channel, or none at all): only a count that ends inside the last block is taken.
+  if (layout->decoder && hasFact_ && factFrames_ <= layout->frames &&
+      factFrames_ + layout->framesPerBlock > layout->frames)
+    layout->frames = factFrames_;
   chunk_->Ascend();
 
   // Whatever follows the samples: a later "bext", and the "VXMD" blob.
