@@ -83,7 +83,7 @@ void Setup(CLI::App& app, Options& options) {
                 "Treat a file name with a frame number as its whole numbered sequence");
   cmd->add_option("--rate", args.rate, "Frames per second of sound time codes (non-drop)")
       ->capture_default_str()
-      ->check(CLI::Range(1.0, 1000.0));
+      ->check(CLI::Range(1.0, 100.0));
   cmd->callback([&options] { Run(options, args); });
 }
 

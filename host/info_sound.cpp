@@ -1,6 +1,9 @@
 // vxhost info on a sound stream: its format as the host receives it, its length as a duration and
 // as a time code at the host's rate, the Broadcast Wave fields and the "VXMD" chunk.
+#include <algorithm>
 #include <cinttypes>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -85,7 +88,7 @@ std::string ClockText(std::uint64_t samples, std::uint32_t rate, int hourDigits)
 
 // Non-drop time code of `samples` at the host's frame rate; empty past 99 hours.
 std::string TimeCodeAt(std::uint64_t samples, std::uint32_t sampleRate, const VxTimeFormat& fps) {
-  if (samples > static_cast<std::uint64_t>(INT64_MAX)) return {};
+  if (samples > static_cast<std::uint64_t>(INT64_MAX) || sampleRate > INT32_MAX) return {};
   const std::int64_t frame =
       CVxTime(static_cast<std::int64_t>(samples), {static_cast<std::int32_t>(sampleRate), 1})
           .ToFrame(fps);

@@ -90,7 +90,7 @@ Json OneFieldJson(IVxParserSourceInfo* source) {
 
 HRESULT Source(InfoContext& c, Json& out) {
   // A sound file's record is the sound section's to describe.
-  if (out.contains("sound") && !out.contains("picture")) return S_OK;
+  if (out.contains("sound") && out["sound"].is_object() && !out.contains("picture")) return S_OK;
   ComPtr<IVxParserSourceInfo> source;
   if (FAILED(c.parser->QueryInterface(IID_IVxParserSourceInfo, source.put_void())) || !source)
     return S_OK;
