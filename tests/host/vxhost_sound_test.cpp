@@ -1,6 +1,8 @@
 // vxhost on sound files written byte by byte here: what info reports of a Broadcast Wave take,
 // what a WAV conversion keeps, and what the waveform thumbnail draws.
+#include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <tuple>
 #include <vector>
