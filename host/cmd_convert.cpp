@@ -1,6 +1,7 @@
 // vxhost convert: read a file or numbered sequence through one parser and write it through
 // another, as a host's export does: pictures frame by frame, sound in blocks, and with every
 // frame the source's metadata record, so the target keeps what it can hold.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -57,7 +58,8 @@ class Converter {
     if (!FindParserFor(args_.output, &outEntry_))
       return Fail(args_.output, NoParserText(args_.output));
     if (!(outEntry_.capabilities & 2))
-      return Fail(args_.output, "the " + outEntry_.name + " parser does not write files");
+      return Fail(args_.output, "the " + outEntry_.name + " parser does not write files" +
+                                    WritersOfKind(outEntry_.mediaKind));
     if (!BuildOptions()) return false;
     if (!OpenInput(module_, input_, &reader_, &error)) return Fail(args_.input, error);
     source_ = reader_.parser.As<IVxParserSourceInfo>(IID_IVxParserSourceInfo);
@@ -82,6 +84,20 @@ class Converter {
   bool Fail(const std::string& what, const std::string& text) {
     FileError(what, text);
     return false;
+  }
+
+  // " (write .WAV instead)": the built rows of that media kind that write, for a refusal.
+  std::string WritersOfKind(std::uint32_t kind) const {
+    std::string list;
+    for (const vx::registry::Entry& e : vx::registry::List()) {
+      if (e.kind != vx::registry::Kind::FileParser || e.mediaKind != kind ||
+          !(e.capabilities & 2) || e.extensions.empty())
+        continue;
+      ComPtr<IVxMediaFileParser> probe;
+      if (FAILED(module_.Create(e.clsid, IID_IVxMediaFileParser, probe.put_void()))) continue;
+      for (const std::string& ext : e.extensions) list += (list.empty() ? "" : ", ") + ("." + ext);
+    }
+    return list.empty() ? "" : " (write " + list + " instead)";
   }
 
   // The writer's options in words; the source's depth is offered when the user gave none.
@@ -259,22 +275,16 @@ class Converter {
 
   bool CopySound(const VxString& out) {
     const std::string label = vx::ToUtf8(out);
-    alignas(8) unsigned char formatBytes[1024] = {};
-    auto* wf = reinterpret_cast<WAVEFORMATEX*>(formatBytes);
-    VxAudioStreamFormat record{kVxAudioStreamFormatSize, wf};
-    if (HRESULT hr = reader_.parser->GetStreamFormat(VX_STREAM_SOUND, 0, &record); FAILED(hr))
-      return Fail(args_.input, ReadFailureText(hr, reader_.entry));
-    if (wf->nBlockAlign == 0 || wf->nSamplesPerSec == 0)
-      return Fail(args_.input, "sound format without block size or rate");
-    ComPtr<IVxAudioStreamParser> source;
-    if (HRESULT hr = reader_.parser->GetStream(VX_STREAM_SOUND, 0, IID_IVxAudioStreamParser,
-                                               source.put_void());
-        FAILED(hr))
-      return Fail(args_.input, Words(hr));
-    LONG range[2] = {0, 0};
-    if (HRESULT hr = source->GetLength(range); FAILED(hr))
-      return Fail(args_.input, ReadFailureText(hr, reader_.entry));
+    SoundStream sound;
+    if (HRESULT hr = GetSoundStream(reader_.parser.get(), &sound); hr != S_OK)
+      return Fail(args_.input, ReadFailureText(FAILED(hr) ? hr : E_FAIL, reader_.entry));
+    const WAVEFORMATEX* wf = &sound.wf;
+    VxAudioStreamFormat record{kVxAudioStreamFormatSize,
+                               reinterpret_cast<WAVEFORMATEX*>(sound.format.data())};
+    IVxAudioStreamParser* source = sound.stream.get();
     if (!CheckTargets({out})) return false;
+    // The writer replaces the target only when it completes; a failure keeps what was there.
+    const bool existed = vx::os::IsFile(out.c_str());
 
     ComPtr<IVxMediaFileParser> writer;
     if (HRESULT hr = module_.Create(outEntry_.clsid, IID_IVxMediaFileParser, writer.put_void());
@@ -291,15 +301,17 @@ class Converter {
                                             target.put_void())))
       ok = Fail(label, Words(hr));
 
-    const LONG block = static_cast<LONG>(wf->nSamplesPerSec);  // one second at a time
+    // One second at a time (at most 64 MiB, whatever rate a file claims).
+    const auto block = static_cast<LONG>(std::clamp<std::uint64_t>(
+        wf->nSamplesPerSec, 1, std::max<std::uint64_t>(1, (64u << 20) / wf->nBlockAlign)));
     std::vector<unsigned char> buffer;
-    const std::int64_t total = static_cast<std::int64_t>(range[1]) - range[0];
+    const std::int64_t total = sound.frames;
     std::int64_t done = 0;
     Progress progress(label, static_cast<std::size_t>((total + block - 1) / block), args_.quiet);
     if (ok) buffer.resize(static_cast<std::size_t>(block) * wf->nBlockAlign);
     while (ok && done < total) {
       const LONG want = static_cast<LONG>(std::min<std::int64_t>(block, total - done));
-      VxSamplePosition pos{range[0] + done};
+      VxSamplePosition pos{done};
       LONG got = 0;
       hr = source->ReadSamples(&pos, want, buffer.data(), &got);
       if (FAILED(hr) || got <= 0) {
@@ -319,7 +331,7 @@ class Converter {
     hr = writer->Close();
     if (ok && FAILED(hr)) ok = Fail(label, "write failed: " + Words(hr));
     if (!ok) {
-      vx::os::Remove(out.c_str());  // no half-written sound file stays behind
+      if (!existed) vx::os::Remove(out.c_str());  // no half-written sound file stays behind
       return false;
     }
     const double seconds = static_cast<double>(done) / wf->nSamplesPerSec;

@@ -25,10 +25,11 @@ struct InfoArgs {
   std::vector<std::string> files;
   bool json = false;
   bool sequence = false;
+  double rate = 25;
 };
 
 // Describes one file or sequence; false (with the line on standard error) when it cannot.
-bool Describe(const Module& module, const std::string& file, bool asSequence, Json* out) {
+bool Describe(const Module& module, const std::string& file, const InfoArgs& args, Json* out) {
   auto fail = [&](const std::string& text) {
     FileError(file, text);
     *out = Json{{"file", CleanText(file)}, {"error", text}};
@@ -36,11 +37,11 @@ bool Describe(const Module& module, const std::string& file, bool asSequence, Js
   };
   Input input;
   std::string error;
-  if (!ResolveInput(file, asSequence, &input, &error)) return fail(error);
+  if (!ResolveInput(file, args.sequence, &input, &error)) return fail(error);
   OpenedParser opened;
   if (!OpenInput(module, input, &opened, &error)) return fail(error);
 
-  InfoContext context{file, opened.entry, opened.parser.get()};
+  InfoContext context{file, opened.entry, opened.parser.get(), args.rate};
   Json info{{"file", CleanText(file)},
             {"parser", opened.entry.name},
             {"clsid", vx::GuidToString(opened.entry.clsid)}};
@@ -61,7 +62,7 @@ void Run(const Options& options, const InfoArgs& args) {
   bool firstText = true;
   for (const std::string& file : args.files) {
     Json info;
-    if (!Describe(*module, file, args.sequence, &info)) SetExitCode(1);
+    if (!Describe(*module, file, args, &info)) SetExitCode(1);
     if (args.json) {
       all.push_back(std::move(info));
     } else if (!info.contains("error")) {
@@ -80,6 +81,9 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_flag("--json", args.json, "Print JSON");
   cmd->add_flag("--sequence", args.sequence,
                 "Treat a file name with a frame number as its whole numbered sequence");
+  cmd->add_option("--rate", args.rate, "Frames per second of sound time codes (non-drop)")
+      ->capture_default_str()
+      ->check(CLI::Range(1.0, 100.0));
   cmd->callback([&options] { Run(options, args); });
 }
 

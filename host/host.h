@@ -53,6 +53,7 @@ struct InfoContext {
   std::string file;
   vx::registry::Entry entry;   // the registry's parser row
   IVxMediaFileParser* parser;  // opened on the file
+  double rate;                 // frames per second of the host's time codes (--rate)
 };
 // Adds what a section learns to `out`. A failure status marks the file as unreadable (exit 1,
 // one line naming the file and the status); E_NOTIMPL and S_FALSE answers are for the section to
@@ -160,6 +161,21 @@ std::string ReadFailureText(HRESULT hr, const vx::registry::Entry& entry);
 void FileError(const std::string& file, const std::string& text);
 
 std::string MediaKindName(std::uint32_t kind);  // "still", "audio", "movie"
+
+// "HH:MM:SS:FF" from a BCD time code word (';' before the frames when drop-frame counted).
+std::string TimeCodeText(DWORD bcd, bool dropFrame);
+
+// ---- Sound ----------------------------------------------------------------------------------
+
+// The sound stream of an opened parser.
+struct SoundStream {
+  std::vector<std::uint8_t> format;  // WAVEFORMATEX and its extra bytes
+  WAVEFORMATEX wf{};
+  ComPtr<IVxAudioStreamParser> stream;
+  std::int64_t frames = 0;
+};
+// S_FALSE when the parser has no sound stream; a failure when it cannot describe it.
+HRESULT GetSoundStream(IVxMediaFileParser* parser, SoundStream* out);
 
 // ---- Progress -------------------------------------------------------------------------------
 

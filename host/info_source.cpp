@@ -5,7 +5,6 @@
 #include "host.h"
 
 namespace vxhost {
-namespace {
 
 std::string TimeCodeText(DWORD bcd, bool dropFrame) {
   int h, m, s, f;
@@ -14,6 +13,8 @@ std::string TimeCodeText(DWORD bcd, bool dropFrame) {
   std::snprintf(text, sizeof text, "%02d:%02d:%02d%c%02d", h, m, s, dropFrame ? ';' : ':', f);
   return text;
 }
+
+namespace {
 
 std::string RateText(const VxTimeFormat& r) {
   if (r.rateDen == 1) return std::to_string(r.rateNum);
@@ -88,6 +89,8 @@ Json OneFieldJson(IVxParserSourceInfo* source) {
 }
 
 HRESULT Source(InfoContext& c, Json& out) {
+  // A sound file's record is the sound section's to describe.
+  if (out.contains("sound") && out["sound"].is_object() && !out.contains("picture")) return S_OK;
   ComPtr<IVxParserSourceInfo> source;
   if (FAILED(c.parser->QueryInterface(IID_IVxParserSourceInfo, source.put_void())) || !source)
     return S_OK;

@@ -1,7 +1,5 @@
-// vxhost info: what every parser answers through the media-file interface: stream formats,
-// frame count, time range, compression.
-#include <cstring>
-
+// vxhost info: what every parser answers through the media-file interface: the picture format,
+// frame count, time range, compression. Sound has its own section (info_sound.cpp).
 #include "host.h"
 
 namespace vxhost {
@@ -60,38 +58,8 @@ HRESULT PictureSection(InfoContext& c, Json& out) {
   return S_OK;
 }
 
-HRESULT Sound(InfoContext& c, Json& out) {
-  BOOL has = FALSE;
-  if (FAILED(c.parser->HasStream(VX_STREAM_SOUND, &has)) || !has) return S_OK;
-  alignas(WAVEFORMATEX) unsigned char buffer[512] = {};
-  VxAudioStreamFormat record{kVxAudioStreamFormatSize, reinterpret_cast<WAVEFORMATEX*>(buffer)};
-  HRESULT hr = c.parser->GetStreamFormat(VX_STREAM_SOUND, 0, &record);
-  if (hr == E_NOTIMPL) {
-    out["sound"] = "format not reported";
-    return S_OK;
-  }
-  if (FAILED(hr)) return hr;
-  WAVEFORMATEX wf;
-  std::memcpy(&wf, buffer, sizeof wf);
-  Json s{{"format tag", wf.wFormatTag},
-         {"channels", wf.nChannels},
-         {"sample rate", wf.nSamplesPerSec},
-         {"bits per sample", wf.wBitsPerSample},
-         {"block align", wf.nBlockAlign}};
-  ComPtr<IVxAudioStreamParser> stream;
-  if (SUCCEEDED(
-          c.parser->GetStream(VX_STREAM_SOUND, 0, IID_IVxAudioStreamParser, stream.put_void())) &&
-      stream) {
-    LONG range[2] = {0, 0};
-    if (stream->GetLength(range) == S_OK)
-      s["samples"] = static_cast<std::int64_t>(range[1]) - range[0];
-  }
-  if (Json range = TimeRange(c.parser, VX_STREAM_SOUND); !range.is_null()) s["time range"] = range;
-  out["sound"] = std::move(s);
-  return S_OK;
-}
-
 HRESULT Compression(InfoContext& c, Json& out) {
+  if (out.contains("sound")) return S_OK;  // the sound section names it beside the format
   VxChar name[256] = {};
   if (c.parser->GetCompressionName(name, 256) == S_OK && name[0]) {
     out["compression"] = vx::ToUtf8(name);
@@ -102,7 +70,6 @@ HRESULT Compression(InfoContext& c, Json& out) {
 }  // namespace
 
 VXHOST_INFO_SECTION(10, PictureSection);
-VXHOST_INFO_SECTION(20, Sound);
 VXHOST_INFO_SECTION(30, Compression);
 
 }  // namespace vxhost
