@@ -199,8 +199,10 @@ HRESULT CVxAudioParser::FinishWriting() {
   HRESULT hr = writeFailed_ ? E_FAIL : S_OK;
   if (SUCCEEDED(hr) && writeMetadata_) {
     const std::string text = vx::md::GetText(writeMetadata_.get(), vx::audio::kVxmdKey);
+    // A record handed over describes the new sound: its blob, or none, replaces the old one.
     std::vector<std::uint8_t> blob;
-    if (!text.empty() && vx::Base64Decode(text, &blob)) blob_ = std::move(blob);
+    if (text.empty() || !vx::Base64Decode(text, &blob)) blob.clear();
+    blob_ = std::move(blob);
     TakeFormatMetadata(writeMetadata_.get());
   }
   if (SUCCEEDED(hr)) hr = FinishFile(written_);
