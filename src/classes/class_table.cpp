@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "audio/aiff/aiff_parser.h"
 #include "fileio/file_cache_manager.h"
 #include "frame/catalogue.h"
 #include "still/dpx/dpx_parser.h"
@@ -35,6 +36,7 @@ struct ClassEntry {
 constexpr ClassEntry kClasses[] = {
     // clang-format off
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
+    {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
     // clang-format on
