@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "audio/aiff/aiff_parser.h"
+#include "audio/wav/wav_parser.h"
 #include "fileio/file_cache_manager.h"
 #include "frame/catalogue.h"
 #include "still/dpx/dpx_parser.h"
@@ -36,6 +37,7 @@ struct ClassEntry {
 constexpr ClassEntry kClasses[] = {
     // clang-format off
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
+    {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},

@@ -35,6 +35,7 @@ struct SampleLayout {
   std::uint32_t fileBlockAlign = 0;
   std::uint32_t framesPerBlock = 1;
   SampleTransform transform = SampleTransform::kNone;
+  const char* compression = "PCM";  // what GetCompressionName answers
   std::unique_ptr<vx::os::SoundDecoder> decoder;
 };
 
@@ -95,7 +96,9 @@ class CVxAudioParser : public IVxMediaFileParser,
   // Closes whatever ParseFile or StartFile opened, keeping nothing of the header.
   virtual void CloseFile() = 0;
   virtual vx::os::FileHandle SampleFile() const = 0;
-  // Checks a format the host imposes for export; S_OK or the format's refusal.
+  // Checks a format the host imposes for export; S_OK or the format's refusal. The base has
+  // stored it with SetHostFormat already; a format that writes something else (AIFC keeps
+  // extensible formats as plain PCM) stores that instead.
   virtual HRESULT AcceptFormat(const WAVEFORMATEX& format) = 0;
   // Creates `name` and writes the header for HostFormat(): *dataStart gets the first sample
   // byte, *transform what the host's samples need on their way into the file.
@@ -125,14 +128,17 @@ class CVxAudioParser : public IVxMediaFileParser,
   HRESULT StartWriting();
   HRESULT FinishWriting();
   void Reset();
-  HRESULT ReadPcm(std::uint64_t first, std::uint32_t frames, std::uint8_t* out);
-  HRESULT ReadBlocks(std::uint64_t first, std::uint32_t frames, std::uint8_t* out);
+  // Read `frames` frames from `first` (all inside the stream) into `out`; *got is what the file
+  // held of them.
+  HRESULT ReadPcm(std::uint64_t first, std::uint32_t frames, std::uint8_t* out, std::uint32_t* got);
+  HRESULT ReadBlocks(std::uint64_t first, std::uint32_t frames, std::uint8_t* out,
+                     std::uint32_t* got);
 
   std::int32_t refs_ = 0;
   int mode_ = 0;
   DWORD flags_ = 0;
   VxString name_;
-  VxString tempName_;  // what an export writes into until Close renames it
+  VxString tempName_;                 // what an export writes into until Close renames it
   std::vector<std::uint8_t> format_;  // WAVEFORMATEX and its extra bytes, as the host sees it
   vx::audio::SampleLayout layout_;
   std::uint64_t written_ = 0;  // frames appended on export

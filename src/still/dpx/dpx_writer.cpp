@@ -13,6 +13,7 @@
 
 #include "base/checked.h"
 #include "base/guard.h"
+#include "base/text.h"
 #include "base/worker_pool.h"
 #include "still/dpx/dpx_format.h"
 #include "still/dpx/dpx_header.h"
@@ -597,13 +598,6 @@ Outcome WriteAttempt(const Job& job, const VxChar* tmp, const VxLUT3D* lut) {
   return result;
 }
 
-// A temporary name beside `path` that no other writer of this or another process uses.
-VxString TemporaryName(const VxChar* path) {
-  static std::atomic<std::uint64_t> counter{0};
-  return FromUtf8(ToUtf8(path) + "." + std::to_string(os::CurrentProcessId()) + "." +
-                  std::to_string(counter.fetch_add(1)) + ".tmp");
-}
-
 }  // namespace
 
 std::uint8_t TransferCodeForChoice(int choice) {
@@ -722,7 +716,7 @@ HRESULT WriteDpxFileImpl(const VxChar* path, IVxImage* image, const DpxExportSet
     else
       VxMessageBox(kErrorCaption, kLutLoadError);
   }
-  const VxString tmp = TemporaryName(path);
+  const VxString tmp = TemporaryNameBeside(path);
   Outcome outcome = WriteAttempt(job, tmp.c_str(), lut.get());
   if (outcome == Outcome::LutFailed) {
     VxMessageBox(kErrorCaption, kLutApplyError);
