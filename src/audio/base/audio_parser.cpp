@@ -74,8 +74,9 @@ CVxAudioParser::CVxAudioParser() {
 }
 
 CVxAudioParser::~CVxAudioParser() {
-  // An export the host never closed is not a file: nothing of it stays.
-  Reset();
+  // The format's file closed with the format's members. An export the host never closed is
+  // not a file: nothing of it stays.
+  if (!tempName_.empty()) os::Remove(tempName_.c_str());
   vx::module::RemoveObject();
 }
 

@@ -207,7 +207,7 @@ HRESULT CVxAudioParserWAV::ParseFile(const VxChar* name, SampleLayout* layout) {
   if (!FindChunk(kData, &size)) return E_FAIL;
   WAVEFORMATEX f;
   std::memcpy(&f, format.data(), sizeof f);
-  if (f.nBlockAlign == 0) return E_FAIL;
+  if (f.nBlockAlign == 0 || f.nSamplesPerSec == 0) return E_FAIL;
   layout->dataStart = chunk_->position;
   std::uint64_t bytes = size;
   if (outer == kRf64) {
