@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/bytes.h"
 #include "vx/metadata.h"
 
 using vx::audio::SampleLayout;
@@ -216,6 +217,7 @@ void CVxAudioParserAIFF::CloseFile() {
   rate_ = 0;
   commFramesAt_ = ssndSizeAt_ = dataStart_ = 0;
   texts_ = Texts{};
+  writeTexts_ = Texts{};  // taken again before each export's end
 }
 
 vx::os::FileHandle CVxAudioParserAIFF::SampleFile() const {
@@ -223,13 +225,21 @@ vx::os::FileHandle CVxAudioParserAIFF::SampleFile() const {
 }
 
 HRESULT CVxAudioParserAIFF::AcceptFormat(const WAVEFORMATEX& format) {
-  if (format.wFormatTag != WAVE_FORMAT_PCM && format.wFormatTag != WAVE_FORMAT_EXTENSIBLE) {
-    return E_NOTIMPL;
-  }
-  if (format.nChannels == 0 || format.nBlockAlign % format.nChannels != 0) return E_NOTIMPL;
-  const std::uint32_t bytesPerSample = format.nBlockAlign / format.nChannels;
+  const WAVEFORMATEX f = format;  // SetHostFormat below replaces what `format` refers to
+  if (f.wFormatTag != WAVE_FORMAT_PCM && f.wFormatTag != WAVE_FORMAT_EXTENSIBLE) return E_NOTIMPL;
+  if (f.nChannels == 0 || f.nBlockAlign % f.nChannels != 0) return E_NOTIMPL;
+  const std::uint32_t bytesPerSample = f.nBlockAlign / f.nChannels;
   if (bytesPerSample < 1 || bytesPerSample > 4) return E_NOTIMPL;
-  if (format.nSamplesPerSec == 0) return E_NOTIMPL;
+  if (f.wFormatTag == WAVE_FORMAT_EXTENSIBLE) {
+    // AIFC "NONE" holds integers only: an extensible format must name PCM as its sub-format
+    // (first field of the GUID at byte 24), and is kept as plain PCM.
+    const std::vector<std::uint8_t>& bytes = HostFormatBytes();
+    if (bytes.size() >= 28 && vx::LoadLE32(bytes.data() + 24) != WAVE_FORMAT_PCM) return E_NOTIMPL;
+    WAVEFORMATEX pcm = f;
+    pcm.wFormatTag = WAVE_FORMAT_PCM;
+    pcm.cbSize = 0;
+    SetHostFormat(&pcm, sizeof pcm);
+  }
   return S_OK;
 }
 
