@@ -136,6 +136,12 @@ TEST(AiffInterop, SoxFfmpegAndLibsndfileAgreeSampleForSample) {
     if (!vxtest::HaveTool(tool)) GTEST_SKIP() << tool << " is not installed";
   vxtest::TempDir dir;
   const int kFrames = 1001;  // odd: 8-bit mono data needs its pad byte
+  // Texts and a "VXMD" blob after the samples: the tools must step over them.
+  vx::ComPtr<IVxMetadata> md;
+  ASSERT_EQ(VxCreateMetadata(md.put()), S_OK);
+  vx::md::SetText(md.get(), vx::md::kDescription, "Take 21");
+  vx::md::SetText(md.get(), vx::md::kCopyright, "(c) nobody");
+  vx::md::SetText(md.get(), vx::audio::kVxmdKey, "AAECAw==");
   for (int bytes : {1, 2, 3, 4}) {
     for (int channels : {1, 2, 6}) {
       SCOPED_TRACE(std::to_string(8 * bytes) + "-bit, " + std::to_string(channels) + " channels");
@@ -149,7 +155,7 @@ TEST(AiffInterop, SoxFfmpegAndLibsndfileAgreeSampleForSample) {
 
       // Ours, read by each tool.
       ASSERT_EQ(vxtest::WriteThrough<CVxAudioParserAIFF>(
-                    ours, vxtest::WaveFormat(1, channels, 48000, align, 8 * bytes), host),
+                    ours, vxtest::WaveFormat(1, channels, 48000, align, 8 * bytes), host, md.get()),
                 S_OK);
       const std::string in = vxtest::Quote(ours), out = vxtest::Quote(raw);
       for (const std::string& cmd :
