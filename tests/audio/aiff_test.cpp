@@ -48,6 +48,7 @@ Bytes Layout(const Case& c) {
   form.text("FORM").u32(0).text(c.compression ? "AIFC" : "AIFF");
   if (c.compression) form.chunk("FVER", {0xA2, 0x80, 0x51, 0x40});
   form.chunk("NAME", {'T', 'a', 'k', 'e', '1'});  // odd: the walk must step over its pad byte
+  form.chunk("ANNO", {});                         // empty: the walk goes on
   form.chunk("COMM", comm);
   if (c.ssnd) form.chunk("SSND", ssnd);
   for (int i = 0; i < 4; ++i) f[4 + i] = static_cast<std::uint8_t>((f.size() - 8) >> (24 - 8 * i));
@@ -77,7 +78,7 @@ const Case kCases[] = {
     {"40-bit samples", nullptr, 1, 1, 40, k44100, 0, {1, 2, 3, 4, 5}, E_NOTIMPL},
     {"zero channels", nullptr, 0, 1, 16, k44100, 0, {1, 2}, E_UNEXPECTED},
     {"NaN rate", nullptr, 1, 1, 16, kNaN, 0, {1, 2}, E_UNEXPECTED},
-    {"cut inside COMM", nullptr, 1, 1, 16, k44100, 0, {1, 2}, E_FAIL, 0, 0, 0, {}, 40},
+    {"cut inside COMM", nullptr, 1, 1, 16, k44100, 0, {1, 2}, E_FAIL, 0, 0, 0, {}, 48},
     {"no SSND", nullptr, 1, 1, 16, k44100, 0, {1, 2}, E_FAIL, 0, 0, 0, {}, 0, false},
 };
 // clang-format on

@@ -106,9 +106,15 @@ HRESULT CVxAudioParserAIFF::ParseHeader(std::uint64_t fileSize, SampleLayout* la
   std::uint64_t ssndData = 0;
   std::uint32_t ssndSize = 0;
   for (;;) {
-    const bool inForm = f.position < formSize;
+    const std::uint64_t at = f.position;
+    const bool inForm = at < formSize;
     const std::uint32_t size = f.Descend(&id);
-    if (size == 0) break;
+    if (size == 0) {
+      // An empty chunk (its whole header read) is stepped over; anything else ends the walk.
+      if (f.position != at + 8) break;
+      f.Ascend();
+      continue;
+    }
     const std::uint64_t data = f.position;
     if (inForm && id == kComm && !haveComm) {
       const HRESULT hr = ParseComm(size, type == kAifc);
