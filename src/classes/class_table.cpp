@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "audio/aiff/aiff_parser.h"
 #include "audio/wav/wav_parser.h"
 #include "fileio/file_cache_manager.h"
 #include "frame/catalogue.h"
@@ -37,6 +38,7 @@ constexpr ClassEntry kClasses[] = {
     // clang-format off
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
+    {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
     // clang-format on
