@@ -30,10 +30,9 @@ constexpr std::uint32_t kAifcVersion1 = 0xA2805140;
 // Longest text chunk taken into the metadata record; annotations are short.
 constexpr std::uint32_t kMaxText = 0xFFFF;
 
-// Compression types whose samples are plain big-endian two's complement. "twos" is what many
-// writers put in AIFC files for exactly that.
+// The AIFC compression types read as plain big-endian integers.
 bool Uncompressed(std::uint32_t type) {
-  return type == FourCC("NONE") || type == FourCC("in24") || type == FourCC("twos");
+  return type == FourCC("NONE") || type == FourCC("in24");
 }
 
 SampleTransform TransformFor(std::uint32_t bytesPerSample) {
@@ -99,9 +98,8 @@ HRESULT CVxAudioParserAIFF::ParseHeader(std::uint64_t fileSize, SampleLayout* la
   const std::uint32_t type = f.ReadFourCC();
   if (type != kAiff && type != kAifc) return E_FAIL;
 
-  // COMM, SSND and the texts count only inside the FORM size (compared with the absolute
-  // position, so a chunk starting at or past that value is not the form's); "VXMD" is taken
-  // wherever the walk finds it.
+  // One walk in three stretches: to COMM, on to SSND (both, and the texts, only inside the FORM
+  // size, compared with the absolute position), then the rest of the file for "VXMD".
   bool haveComm = false, haveSsnd = false, haveBlob = false;
   std::uint64_t ssndData = 0;
   std::uint32_t ssndSize = 0;
@@ -120,7 +118,7 @@ HRESULT CVxAudioParserAIFF::ParseHeader(std::uint64_t fileSize, SampleLayout* la
       const HRESULT hr = ParseComm(size, type == kAifc);
       if (FAILED(hr)) return hr;
       haveComm = true;
-    } else if (inForm && id == kSsnd && !haveSsnd) {
+    } else if (inForm && id == kSsnd && haveComm && !haveSsnd) {
       haveSsnd = true;
       ssndData = data;
       ssndSize = size;
@@ -135,7 +133,8 @@ HRESULT CVxAudioParserAIFF::ParseHeader(std::uint64_t fileSize, SampleLayout* la
       ReadText(size, fileSize, &more);
       if (!texts_.annotation.empty() && !more.empty()) texts_.annotation += '\n';
       texts_.annotation += more;
-    } else if (id == kVxmd && !haveBlob && fileSize >= data && size <= fileSize - data) {
+    } else if (id == kVxmd && haveSsnd && !haveBlob && fileSize >= data &&
+               size <= fileSize - data) {
       std::vector<std::uint8_t> blob(size);
       std::uint32_t done = 0;
       if (f.Read(blob.data(), size, &done) && done == size) {
@@ -155,7 +154,10 @@ HRESULT CVxAudioParserAIFF::ParseHeader(std::uint64_t fileSize, SampleLayout* la
   f.position = ssndData;
   const std::uint32_t offset = f.ReadLong();
   if (f.position != ssndData + 4 || offset > ssndSize - 8) return E_FAIL;
-  const std::uint64_t sampleBytes = ssndSize - 8u - offset;
+  // The size less the offset, as the format's own readers count: a COMM count that promises
+  // more than SSND holds can reach 8 bytes past the samples, and a read there says how much
+  // the file really had.
+  const std::uint64_t sampleBytes = ssndSize - offset;
   layout->dataStart = ssndData + 8 + offset;
   layout->frames = std::min<std::uint64_t>(sampleBytes / blockAlign, commFrames_);
   layout->dataBytes = layout->frames * blockAlign;
