@@ -128,6 +128,9 @@ HRESULT AddMetadata(InfoContext& c, const SoundStream& s, const VxTimeFormat& fp
   if (HRESULT hr = source->GetMetadata(-1, md.get()); FAILED(hr)) return hr;
   const VxMetadataRecord r = vx::md::GetRecord(md.get());
   Json bwf = Json::object(), other = Json::object();
+  // Names and dates are the Broadcast Wave record's only when the file has one (AIFF has them
+  // as plain texts).
+  Json& named = (r.present & VX_MD_TIMEREFERENCE) ? bwf : other;
   std::size_t vxmd = 0;
   bool hasVxmd = false;
   int count = 0;
@@ -142,12 +145,12 @@ HRESULT AddMetadata(InfoContext& c, const SoundStream& s, const VxTimeFormat& fp
       } else if (key == vx::md::kDate) {
         // "YYYY-MM-DDTHH:MM:SS", as much as the file gave.
         const std::size_t t = value.find('T');
-        bwf["date"] = CleanText(value.substr(0, t));
-        if (t != std::string::npos) bwf["time"] = CleanText(value.substr(t + 1));
+        named["date"] = CleanText(value.substr(0, t));
+        if (t != std::string::npos) named["time"] = CleanText(value.substr(t + 1));
       } else if (key == vx::md::kDescription || key == vx::md::kOriginator) {
-        bwf[key] = CleanText(value);
+        named[key] = CleanText(value);
       } else if (key == vx::md::kOriginatorReference) {
-        bwf["reference"] = CleanText(value);
+        named["reference"] = CleanText(value);
       } else if (key.rfind("bext:", 0) == 0) {
         std::string name = key.substr(5);
         std::replace(name.begin(), name.end(), '-', ' ');
