@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The main job: build if needed, then drive the component through vxhost as a host would, on a
-# sample generated here (a 10-bit DPX written by ImageMagick, then a numbered sequence of ours).
+# samples generated here (a 10-bit DPX written by ImageMagick, then a numbered sequence of ours;
+# a Broadcast Wave take written by FFmpeg, then AIFC and WAV of ours).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -20,5 +21,13 @@ for i in 1 2 3; do "$vxhost" convert -q sample.dpx "plate.000$i.dpx" --depth 12 
 step convert plate.####.dpx out.####.dpx --depth 16 --layout planar-rgb --endian little
 step info out.0002.dpx
 step thumbnail out.####.dpx thumb.png --frame 1 --size 160
+
+ffmpeg -v error -f lavfi -i "sine=f=440:d=3:r=48000" -af "afade=t=out:st=1:d=2" -ac 2 \
+  -c:a pcm_s24le -write_bext 1 -metadata description="Scene 4 take 2" \
+  -metadata originator=Recorder -metadata time_reference=172800000 take.wav
+step info take.wav --rate 24
+step convert take.wav take.aif
+step convert take.aif roundtrip.wav
+step thumbnail take.wav waveform.png --size 320
 echo
-echo "Sample files and the thumbnail are in $work"
+echo "Sample files and the thumbnails are in $work"
