@@ -155,6 +155,11 @@ bool ListFiles(const VxChar* folder, std::vector<VxString>* names) {
   return true;
 }
 
+std::FILE* OpenStdio(const VxChar* path, const VxChar* mode) {
+  if (!path || !*path || !mode) return nullptr;
+  return std::fopen(detail::Native(path).c_str(), ToUtf8(mode).c_str());
+}
+
 bool Remove(const VxChar* path) {
   if (!path || !*path) return false;
   return ::unlink(detail::Native(path).c_str()) == 0;

@@ -130,6 +130,11 @@ bool ListFiles(const VxChar* folder, std::vector<VxString>* names) {
   return true;
 }
 
+std::FILE* OpenStdio(const VxChar* path, const VxChar* mode) {
+  if (!path || !*path || !mode) return nullptr;
+  return ::_wfopen(path, mode);
+}
+
 bool Remove(const VxChar* path) {
   return path && *path && ::DeleteFileW(path);
 }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,8 @@ bool IsDirectory(const VxChar* path);
 // container does: unlike std::filesystem's iterators it never ends the process.
 bool ListFiles(const VxChar* folder, std::vector<VxString>* names);
 bool Remove(const VxChar* path);
+// The C library's stream open with a wide path and mode ("rb", "wb", "r+b"); null on failure.
+std::FILE* OpenStdio(const VxChar* path, const VxChar* mode);
 // Atomically replaces `to` with `from` (both on one volume).
 bool Replace(const VxChar* from, const VxChar* to);
 // Exclusive advisory lock on an open file, blocking; released by Unlock or Close.
