@@ -9,6 +9,7 @@
 #include "audio/wav/wav_parser.h"
 #include "fileio/file_cache_manager.h"
 #include "frame/catalogue.h"
+#include "imagelib/ceil/ceil_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "vx/sdk.h"
 
@@ -39,6 +40,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
+    {"CVxMediaFileParserCEIL", &Parser<CVxMediaFileParserCEIL>},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
     // clang-format on

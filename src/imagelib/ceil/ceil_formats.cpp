@@ -1,0 +1,59 @@
+#include "imagelib/ceil/ceil_formats.h"
+
+namespace vx::ceil {
+namespace {
+
+template <class T>
+std::unique_ptr<QI_ImageFile> Make() {
+  return std::make_unique<T>();
+}
+
+constexpr std::int32_t kNone[] = {QI_COMPRESSION_NONE};
+constexpr std::int32_t kNoneRle[] = {QI_COMPRESSION_NONE, QI_COMPRESSION_RLE};
+constexpr std::int32_t kRle[] = {QI_COMPRESSION_RLE};
+constexpr std::int32_t kLzw[] = {QI_COMPRESSION_LZW};
+constexpr std::int32_t kJpeg[] = {QI_COMPRESSION_JPEG};
+constexpr std::int32_t kPackBits[] = {QI_COMPRESSION_PACKBITS};
+
+// A format gets its class by replacing its nullptr with &Make<QI_ImageXxx>.
+const CeilFormat kFormats[] = {
+    {5, nullptr, kNoneRle},   // QI_ImageSGI, "SGI"
+    {6, nullptr, kRle},       // QI_ImageWAVE, "WAVEFRONT"
+    {7, nullptr, kPackBits},  // QI_ImagePICT, "PICT"
+    {8, nullptr, kRle},       // QI_ImagePCX, "PCX"
+    {9, nullptr, kNoneRle},   // QI_ImageBMP, "BMP"
+    {10, nullptr, kNone},     // QI_ImagePPM, "PPM"
+    {11, nullptr, kNone},     // QI_ImagePGM, "PGM"
+    {12, nullptr, kLzw},      // QI_ImageGIF, "GIF"
+    {13, nullptr, kRle},      // QI_ImageALIAS, "ALIAS"
+    {14, nullptr, kJpeg},     // QI_ImageJPEG, "JFIF (JPEG)"
+    {19, nullptr, kNone},     // QI_ImageMI, "MAP"
+};
+
+}  // namespace
+
+const CeilFormat* FindCeilFormat(std::int32_t code) {
+  for (const CeilFormat& f : kFormats) {
+    if (f.code == code) return &f;
+  }
+  return nullptr;
+}
+
+const char* CompressionName(std::int32_t code) {
+  switch (code) {
+    case QI_COMPRESSION_NONE:
+      return "None";
+    case QI_COMPRESSION_RLE:
+      return "RLE";
+    case QI_COMPRESSION_LZW:
+      return "LZW";
+    case QI_COMPRESSION_JPEG:
+      return "JPEG";
+    case QI_COMPRESSION_PACKBITS:
+      return "PackBits";
+    default:
+      return "Unknown";
+  }
+}
+
+}  // namespace vx::ceil
