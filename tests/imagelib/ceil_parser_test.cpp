@@ -44,10 +44,11 @@ TEST(CeilParser, RowsAnswerTheirCodesCapabilitiesAndRefuseCodesWithoutClass) {
     int code;
     DWORD read, write;
   };
-  // MAP, SGI, WAVEFRONT and PICT carry bit 1; the others 0x80, or 0xA0 when writing.
+  // MAP, SGI, WAVEFRONT and PICT carry bit 1; the others 0x80, or 0xA0 when writing. 15 has no
+  // class, so its code is never kept.
   const Row rows[] = {{5, 0x82, 0xA2},  {6, 0x82, 0xA2},  {7, 0x82, 0xA2},  {8, 0x80, 0xA0},
                       {9, 0x80, 0xA0},  {12, 0x80, 0xA0}, {13, 0x80, 0xA0}, {14, 0x80, 0xA0},
-                      {19, 0x82, 0xA2}, {16, 0x80, 0xA0}, {4, 0x80, 0xA0},  {20, 0x80, 0xA0}};
+                      {19, 0x82, 0xA2}, {15, 0x80, 0xA0}, {4, 0x80, 0xA0},  {20, 0x80, 0xA0}};
   for (const Row& r : rows) {
     auto p = Make(r.code);
     DWORD caps = 0;

@@ -1,5 +1,6 @@
 #include "imagelib/ceil/ceil_parser.h"
 
+#include <cctype>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -87,11 +88,13 @@ HRESULT CVxMediaFileParserCEIL::SelectFormat(std::int32_t code) {
     code_ = 0;
     compressions_ = {};
     const vx::ceil::CeilFormat* format = vx::ceil::FindCeilFormat(code);
-    if (!format || !format->make) return E_UNEXPECTED;
-    file_ = format->make();
+    if (!format) return E_UNEXPECTED;
+    // A format whose class is still to come keeps its code, so the row answers its own
+    // capabilities, but holds no file image.
+    if (format->make) file_ = format->make();
     code_ = code;
     compressions_ = format->compressions;
-    return S_OK;
+    return file_ ? S_OK : E_UNEXPECTED;
   });
 }
 
@@ -151,10 +154,12 @@ HRESULT CVxMediaFileParserCEIL::Close() {
 
 HRESULT CVxMediaFileParserCEIL::HasStream(DWORD kind, BOOL* has) {
   if (!has) return E_POINTER;
-  *has = FALSE;
-  if (mode_ == kClosed) return E_UNEXPECTED;
-  *has = kind == VX_STREAM_PICTURE ? TRUE : FALSE;
-  return S_OK;
+  return vx::Guarded([&]() -> HRESULT {
+    *has = FALSE;
+    if (mode_ == kClosed) return E_UNEXPECTED;
+    *has = kind == VX_STREAM_PICTURE ? TRUE : FALSE;
+    return S_OK;
+  });
 }
 
 // ---- Format ---------------------------------------------------------------------------------
@@ -262,9 +267,11 @@ HRESULT CVxMediaFileParserCEIL::GetStreamCapabilities(DWORD mode, DWORD kind, DW
 
 HRESULT CVxMediaFileParserCEIL::GetTimeRange(DWORD, CVxTime* start, CVxTime* end) {
   if (!start || !end) return E_POINTER;
-  *start = CVxTime();
-  *end = CVxTime();
-  return S_FALSE;
+  return vx::Guarded([&]() -> HRESULT {
+    *start = CVxTime();
+    *end = CVxTime();
+    return S_FALSE;
+  });
 }
 
 // "compression=rle" (or none, lzw, jpeg, packbits) picks one of the format's compressions for
