@@ -72,7 +72,7 @@ std::int16_t QI_ImageFile::setImageCount(std::int32_t n) {
   return 1;
 }
 
-// imageCount itself is accepted: the bound is kept as the format classes expect it.
+// Refuses only i > imageCount, so imageCount itself is accepted.
 std::int16_t QI_ImageFile::selectImage(std::int32_t i) {
   if (i > imageCount_) return 0;
   currentImage_ = i;
