@@ -374,6 +374,11 @@ std::int16_t QI_ImageABGR::copyBlock(std::int32_t x, std::int32_t y, std::int32_
     h = static_cast<std::int32_t>(std::max<std::int64_t>(0, std::int64_t{height_} - y));
     result = 0;
   }
+  // Rows are cut to the destination's width too: a memmove has no per-pixel check to fall back on.
+  if (dx >= 0 && std::int64_t{dx} + w > dest->width_) {
+    w = static_cast<std::int32_t>(std::max<std::int64_t>(0, std::int64_t{dest->width_} - dx));
+    result = 0;
+  }
   if (h < 1 || w < 1) return result;
   for (std::int32_t j = 0; j < h; ++j) {
     // A row is moved only when both its ends lie inside both images.
