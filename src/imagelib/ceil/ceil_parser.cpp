@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cstring>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -72,8 +73,9 @@ std::string BaseName(const VxString& path) {
 }  // namespace
 
 CVxMediaFileParserCEIL::CVxMediaFileParserCEIL(int code) {
-  // A row whose format has no class still builds a parser; it refuses to open.
-  (void)SelectFormat(code);
+  // A row whose format has no class still builds a parser, which refuses to open; running out
+  // of memory is the factory's failure (it answers E_OUTOFMEMORY).
+  if (SelectFormat(code) == E_OUTOFMEMORY) throw std::bad_alloc();
 }
 
 CVxMediaFileParserCEIL::~CVxMediaFileParserCEIL() {
