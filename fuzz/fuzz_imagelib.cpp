@@ -1,11 +1,13 @@
 // SGI and Alias files through the codec library's file images: readHeader, then a whole read
 // into a 16-bit image, then the picture written back by the same class. The first
 // input byte picks the class (even: SGI, odd: Alias); the rest is the file.
+// VX_FUZZ_CLASS=sgi or alias holds every input to one class.
 // Seeds: run with an empty (or missing) corpus folder as the first argument and the target writes
 // small files of every kind there first.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -96,8 +98,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!f) return 0;
   std::fwrite(data + 1, 1, size - 1, f);
   std::fflush(f);
+  static const char* only = std::getenv("VX_FUZZ_CLASS");
+  const bool alias = only ? std::string(only) == "alias" : (data[0] & 1) != 0;
   std::unique_ptr<QI_ImageFile> file;
-  if (data[0] & 1)
+  if (alias)
     file = std::make_unique<QI_ImageALIAS>();
   else
     file = std::make_unique<QI_ImageSGI>();
