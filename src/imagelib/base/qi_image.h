@@ -8,6 +8,7 @@
 // the last slot of a class.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -107,7 +108,20 @@ class QI_ImageMem : public QI_Image {
   virtual void reserved28();          // 28
 
  protected:
+  // Address of pixel (x, y) of `bytes`-byte pixels, or null when (x, y) lies outside the image or
+  // the pixels held: one branch, so the accessors stay cheap and never touch foreign memory.
+  void* pixelAt(std::int32_t x, std::int32_t y, std::size_t bytes) const {
+    const std::size_t i =
+        std::size_t{static_cast<std::uint32_t>(y)} * static_cast<std::uint32_t>(width_) +
+        static_cast<std::uint32_t>(x);
+    const bool inside = (static_cast<std::uint32_t>(x) < static_cast<std::uint32_t>(width_)) &
+                        (static_cast<std::uint32_t>(y) < static_cast<std::uint32_t>(height_)) &
+                        (i < pixels_);
+    return inside ? static_cast<std::uint8_t*>(buffer_) + i * bytes : nullptr;
+  }
+
   void* buffer_ = nullptr;
+  std::size_t pixels_ = 0;  // pixels the buffer holds (0 without one)
 };
 
 // Bytes R, G, B, A.
