@@ -1,0 +1,395 @@
+#include "imagelib/sgi/qi_image_sgi.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+
+#include "base/bytes.h"
+
+namespace {
+
+constexpr std::uint16_t kMagic = 474;
+constexpr std::uint32_t kHeaderSize = 512;
+
+bool SeekTo(std::FILE* f, std::uint64_t offset) {
+  return offset <= static_cast<std::uint64_t>(LONG_MAX) &&
+         std::fseek(f, static_cast<long>(offset), SEEK_SET) == 0;
+}
+
+// The stream's length, or false when it cannot be told (a pipe).
+bool StreamSize(std::FILE* f, std::uint64_t* size) {
+  if (std::fseek(f, 0, SEEK_END) != 0) return false;
+  const long end = std::ftell(f);
+  if (end < 0) return false;
+  *size = static_cast<std::uint64_t>(end);
+  return true;
+}
+
+bool WritesTo(const VxChar* mode) {
+  for (; mode && *mode; ++mode)
+    if (*mode == 'w' || *mode == 'a' || *mode == '+') return true;
+  return false;
+}
+
+}  // namespace
+
+QI_ImageSGI::QI_ImageSGI() {
+  setFormatName("SGI");
+  layout_ = 1;
+  compression_ = QI_COMPRESSION_RLE;
+  bottomUp_ = 1;
+}
+
+QI_ImageSGI::~QI_ImageSGI() {
+  close();
+}
+
+std::int16_t QI_ImageSGI::setChannels(std::int32_t n) {
+  if (n != 1 && n != 3 && n != 4) return 0;
+  channels_ = n;
+  return 1;
+}
+
+std::int16_t QI_ImageSGI::setBitsPerChannel(std::int32_t n) {
+  if (n != 8 && n != 16) return 0;
+  bitsPerChannel_ = n;
+  return 1;
+}
+
+std::int16_t QI_ImageSGI::setBytesPerChannel(std::int32_t n) {
+  return (n == 1 || n == 2) ? setBitsPerChannel(n * 8) : 0;
+}
+
+std::int16_t QI_ImageSGI::setPixelType(std::int32_t code) {
+  const std::int32_t channels = code == QI_PIXEL_RGB    ? 3
+                                : code == QI_PIXEL_RGBA ? 4
+                                : code == QI_PIXEL_GRAY ? 1
+                                                        : 0;
+  if (channels == 0) return 0;
+  pixelType_ = code;
+  channels_ = channels;
+  return 1;
+}
+
+std::int16_t QI_ImageSGI::setLayout(std::int32_t code) {
+  if (code != 1) return 0;
+  layout_ = code;
+  return 1;
+}
+
+std::int16_t QI_ImageSGI::setCompression(std::int32_t code) {
+  if (code != QI_COMPRESSION_NONE && code != QI_COMPRESSION_RLE) return 0;
+  compression_ = code;
+  return 1;
+}
+
+std::int32_t QI_ImageSGI::open(const VxChar* widePath, const VxChar* wideMode) {
+  close();
+  if (!openStream(widePath, wideMode)) return 0;
+  writing_ = WritesTo(wideMode);
+  return 1;
+}
+
+std::int32_t QI_ImageSGI::attach(std::FILE* stream, std::int32_t writing) {
+  close();
+  stream_ = stream;
+  writing_ = writing != 0;
+  return stream ? 1 : 0;
+}
+
+std::int32_t QI_ImageSGI::close() {
+  if (stream_ && writing_ && !starts_.empty() && !lengths_.empty()) {
+    const std::size_t n = starts_.size();
+    std::vector<std::uint8_t> tables(8 * n);
+    for (std::size_t i = 0; i < n; ++i) {
+      vx::StoreBE32(&tables[4 * i], starts_[i]);
+      vx::StoreBE32(&tables[4 * (n + i)], lengths_[i]);
+    }
+    if (SeekTo(stream_, kHeaderSize)) std::fwrite(tables.data(), 1, tables.size(), stream_);
+  }
+  closeStream();
+  starts_ = {};
+  lengths_ = {};
+  writing_ = false;
+  return 1;
+}
+
+std::int32_t QI_ImageSGI::readHeader() {
+  std::uint8_t h[kHeaderSize];
+  std::uint64_t size = 0;
+  const auto fail = [this] {
+    close();
+    return 0;
+  };
+  if (!stream_ || !StreamSize(stream_, &size) || !SeekTo(stream_, 0) ||
+      std::fread(h, 1, sizeof h, stream_) != sizeof h)
+    return fail();
+  // The reader's own order is little-endian (the platform the format was read on first); the
+  // usual big-endian header is its swapped form.
+  bool big;
+  if (vx::LoadLE16(h) == kMagic)
+    big = false;
+  else if (vx::LoadBE16(h) == kMagic)
+    big = true;
+  else
+    return fail();
+  const std::uint8_t storage = h[2], bpc = h[3];
+  const std::uint16_t dimension = vx::Load16(h + 4, big);
+  const std::uint32_t xs = vx::Load16(h + 6, big), ys = vx::Load16(h + 8, big),
+                      zs = vx::Load16(h + 10, big);
+  if (zs == 2 || zs > 4 || dimension == 1) return fail();
+  // Beyond what the format refuses: nothing to read, or fields no writer produces.
+  if (zs == 0 || xs == 0 || ys == 0 || storage > 1 || (bpc != 1 && bpc != 2)) return fail();
+  const std::uint64_t rows = std::uint64_t{zs} * ys;
+  if (storage == 0) {
+    if (kHeaderSize + rows * xs * bpc > size) return fail();
+  } else if (kHeaderSize + 8 * rows > size) {
+    return fail();  // before allocating: the tables alone must fit in the file
+  }
+  setWidth(static_cast<std::int32_t>(xs));
+  setHeight(static_cast<std::int32_t>(ys));
+  setChannels(static_cast<std::int32_t>(zs));
+  setPixelType(zs == 1 ? QI_PIXEL_GRAY : zs == 3 ? QI_PIXEL_RGB : QI_PIXEL_RGBA);
+  setBytesPerChannel(bpc);
+  compression_ = storage == 1 ? QI_COMPRESSION_RLE : QI_COMPRESSION_NONE;
+  readerOrder_ = !big;
+  starts_ = {};
+  lengths_ = {};
+  if (storage == 1) {
+    try {
+      std::vector<std::uint8_t> raw(8 * rows);
+      if (std::fread(raw.data(), 1, raw.size(), stream_) != raw.size()) return fail();
+      starts_.resize(rows);
+      lengths_.resize(rows);
+      const std::uint64_t dataStart = kHeaderSize + 8 * rows;
+      for (std::size_t i = 0; i < rows; ++i) {
+        starts_[i] = vx::Load32(&raw[4 * i], big);
+        lengths_[i] = vx::Load32(&raw[4 * (rows + i)], big);
+        // A row inside the header or the tables, or past the end, is no row of this file.
+        if (starts_[i] < dataStart || std::uint64_t{starts_[i]} + lengths_[i] > size) return fail();
+      }
+    } catch (const std::bad_alloc&) {
+      return fail();
+    }
+  }
+  lineCounter_ = 0;
+  return 1;
+}
+
+bool QI_ImageSGI::ReadRow(std::uint32_t r, std::uint16_t* out) {
+  const std::size_t bpc = static_cast<std::size_t>(bitsPerChannel_ / 8);
+  const std::size_t width = static_cast<std::size_t>(width_);
+  if (compression_ != QI_COMPRESSION_RLE) {
+    bytes_.resize(width * bpc);
+    if (!SeekTo(stream_, kHeaderSize + std::uint64_t{r} * width * bpc) ||
+        std::fread(bytes_.data(), 1, bytes_.size(), stream_) != bytes_.size())
+      return false;
+    for (std::size_t x = 0; x < width; ++x)
+      out[x] = bpc == 1 ? bytes_[x] : vx::LoadBE16(&bytes_[2 * x]);
+    return true;
+  }
+  if (r >= starts_.size()) return false;
+  bytes_.resize(lengths_[r]);
+  if (!SeekTo(stream_, starts_[r]) ||
+      std::fread(bytes_.data(), 1, bytes_.size(), stream_) != bytes_.size())
+    return false;
+  const std::size_t units = bytes_.size() / bpc;
+  const auto unit = [&](std::size_t i) -> std::uint16_t {
+    return bpc == 1 ? bytes_[i] : vx::LoadBE16(&bytes_[2 * i]);
+  };
+  std::size_t i = 0, x = 0;
+  while (i < units) {
+    const std::uint16_t c = unit(i++);
+    const std::size_t n = c & 0x7F;
+    if (n == 0) break;
+    if (n > width - x) return false;  // a run past the line end
+    if (c & 0x80) {
+      if (n > units - i) return false;
+      for (std::size_t k = 0; k < n; ++k) out[x++] = unit(i++);
+    } else {
+      if (i >= units) return false;
+      const std::uint16_t v = unit(i++);
+      std::fill_n(out + x, n, v);
+      x += n;
+    }
+  }
+  // A row that ends early leaves the rest of its line black.
+  std::fill(out + x, out + width, std::uint16_t{0});
+  return true;
+}
+
+std::int32_t QI_ImageSGI::readLine(QI_ImageMem* dest, std::int32_t row) {
+  if (!stream_ || !dest || lineCounter_ >= height_ || row < 0 || row >= dest->getHeight() ||
+      dest->getWidth() < width_ || width_ <= 0)
+    return 0;
+  const std::size_t width = static_cast<std::size_t>(width_);
+  try {
+    samples_.resize(width * static_cast<std::size_t>(channels_));
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+  for (std::int32_t c = 0; c < channels_; ++c) {
+    const auto r = static_cast<std::uint32_t>(c * height_ + lineCounter_);
+    if (!ReadRow(r, &samples_[static_cast<std::size_t>(c) * width])) return 0;
+  }
+  const std::uint16_t* s = samples_.data();
+  const std::uint16_t* ch[4] = {s, s, s, nullptr};
+  if (channels_ >= 3) {
+    ch[1] = s + width;
+    ch[2] = s + 2 * width;
+  }
+  if (channels_ == 4) ch[3] = s + 3 * width;
+  if (bitsPerChannel_ == 8) {
+    for (std::size_t x = 0; x < width; ++x) {
+      const std::uint8_t v[4] = {
+          static_cast<std::uint8_t>(ch[0][x]), static_cast<std::uint8_t>(ch[1][x]),
+          static_cast<std::uint8_t>(ch[2][x]), static_cast<std::uint8_t>(ch[3] ? ch[3][x] : 0)};
+      dest->setPixel(static_cast<std::int32_t>(x), row, &v[0], &v[1], &v[2],
+                     ch[3] ? &v[3] : nullptr, QI_DEPTH_8);
+    }
+  } else {
+    for (std::size_t x = 0; x < width; ++x)
+      dest->setPixel(static_cast<std::int32_t>(x), row, &ch[0][x], &ch[1][x], &ch[2][x],
+                     ch[3] ? &ch[3][x] : nullptr, QI_DEPTH_16);
+  }
+  ++lineCounter_;
+  return 1;
+}
+
+std::int32_t QI_ImageSGI::writeHeader() {
+  const auto fail = [this] {
+    close();
+    return 0;
+  };
+  if (!stream_ || width_ < 1 || width_ > 0xFFFF || height_ < 1 || height_ > 0xFFFF) return fail();
+  const std::uint32_t bpc = static_cast<std::uint32_t>(bitsPerChannel_ / 8);
+  std::uint8_t h[kHeaderSize] = {};
+  vx::StoreBE16(h, kMagic);
+  h[2] = compression_ == QI_COMPRESSION_RLE ? 1 : 0;
+  h[3] = static_cast<std::uint8_t>(bpc);
+  vx::StoreBE16(h + 4, channels_ < 2 ? 2 : 3);
+  vx::StoreBE16(h + 6, static_cast<std::uint16_t>(width_));
+  vx::StoreBE16(h + 8, static_cast<std::uint16_t>(height_));
+  vx::StoreBE16(h + 10, static_cast<std::uint16_t>(channels_));
+  vx::StoreBE32(h + 16, bpc == 1 ? 255u : 65535u);
+  // The name is the wide path's bytes up to the first zero byte: one character of an ASCII
+  // path. Kept so, as files of this kind have always carried it.
+  if (widePath_) {
+    const auto* p = reinterpret_cast<const std::uint8_t*>(widePath_);
+    for (std::size_t i = 0; i < 79; ++i) {
+      h[24 + i] = p[i];
+      if (p[i] == 0) break;
+    }
+  }
+  if (!SeekTo(stream_, 0) || std::fwrite(h, 1, sizeof h, stream_) != sizeof h) return fail();
+  starts_ = {};
+  lengths_ = {};
+  if (compression_ == QI_COMPRESSION_RLE) {
+    const std::size_t rows =
+        static_cast<std::size_t>(channels_) * static_cast<std::size_t>(height_);
+    try {
+      starts_.assign(rows, 0);
+      lengths_.assign(rows, 0xFFFFFFFFu);
+    } catch (const std::bad_alloc&) {
+      return fail();
+    }
+    fileEnd_ = kHeaderSize + 8 * std::uint64_t{rows};
+    if (!SeekTo(stream_, fileEnd_)) return fail();
+  }
+  lineCounter_ = 0;
+  return 1;
+}
+
+void QI_ImageSGI::EncodeRow(const std::uint16_t* v) {
+  const std::size_t n = static_cast<std::size_t>(width_);
+  const bool wide = bitsPerChannel_ == 16;
+  bytes_.clear();
+  const auto put = [&](std::uint16_t u) {
+    if (wide) bytes_.push_back(static_cast<std::uint8_t>(u >> 8));
+    bytes_.push_back(static_cast<std::uint8_t>(u));
+  };
+  std::size_t i = 0;
+  while (i < n) {
+    std::size_t j = i;
+    while (j + 2 < n && !(v[j] == v[j + 1] && v[j] == v[j + 2])) ++j;
+    if (j + 2 >= n) j = n;
+    while (i < j) {
+      const std::size_t k = std::min<std::size_t>(126, j - i);
+      put(static_cast<std::uint16_t>(0x80 | k));
+      for (std::size_t e = i + k; i < e; ++i) put(v[i]);
+    }
+    if (i >= n) break;
+    std::size_t m = i;
+    while (m < n && v[m] == v[i]) ++m;
+    for (std::size_t left = m - i; left > 0;) {
+      const std::size_t k = std::min<std::size_t>(126, left);
+      put(static_cast<std::uint16_t>(k));
+      put(v[i]);
+      left -= k;
+    }
+    i = m;
+  }
+  put(0);
+  if (bytes_.size() % 2 && wide) bytes_.push_back(0);
+}
+
+bool QI_ImageSGI::WriteRow(std::uint32_t r, const std::uint16_t* in) {
+  const std::size_t width = static_cast<std::size_t>(width_);
+  const bool wide = bitsPerChannel_ == 16;
+  if (compression_ != QI_COMPRESSION_RLE) {
+    bytes_.resize(width * (wide ? 2 : 1));
+    for (std::size_t x = 0; x < width; ++x) {
+      if (wide)
+        vx::StoreBE16(&bytes_[2 * x], in[x]);
+      else
+        bytes_[x] = static_cast<std::uint8_t>(in[x]);
+    }
+    return SeekTo(stream_, kHeaderSize + std::uint64_t{r} * bytes_.size()) &&
+           std::fwrite(bytes_.data(), 1, bytes_.size(), stream_) == bytes_.size();
+  }
+  if (r >= starts_.size()) return false;
+  EncodeRow(in);
+  if (fileEnd_ + bytes_.size() > 0xFFFFFFFFu || !SeekTo(stream_, fileEnd_) ||
+      std::fwrite(bytes_.data(), 1, bytes_.size(), stream_) != bytes_.size())
+    return false;
+  starts_[r] = static_cast<std::uint32_t>(fileEnd_);
+  lengths_[r] = static_cast<std::uint32_t>(bytes_.size());
+  fileEnd_ += bytes_.size();
+  return true;
+}
+
+std::int32_t QI_ImageSGI::writeLine(QI_ImageMem* src, std::int32_t row) {
+  if (!stream_ || !src || lineCounter_ >= height_ || row < 0 || row >= src->getHeight() ||
+      src->getWidth() < width_ || width_ <= 0)
+    return 0;
+  const std::size_t width = static_cast<std::size_t>(width_);
+  try {
+    samples_.resize(width * 4);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+  std::uint16_t* s = samples_.data();
+  for (std::size_t x = 0; x < width; ++x) {
+    const auto xi = static_cast<std::int32_t>(x);
+    if (bitsPerChannel_ == 8) {
+      std::uint8_t v[4] = {};
+      src->getPixel(xi, row, &v[0], &v[1], &v[2], &v[3], QI_DEPTH_8);
+      for (int c = 0; c < 4; ++c) s[c * width + x] = v[c];
+    } else {
+      src->getPixel(xi, row, &s[x], &s[width + x], &s[2 * width + x], &s[3 * width + x],
+                    QI_DEPTH_16);
+    }
+  }
+  // One channel is the red component of the line.
+  for (std::int32_t c = 0; c < channels_; ++c) {
+    const auto r = static_cast<std::uint32_t>(c * height_ + lineCounter_);
+    try {
+      if (!WriteRow(r, s + static_cast<std::size_t>(c) * width)) return 0;
+    } catch (const std::bad_alloc&) {
+      return 0;
+    }
+  }
+  ++lineCounter_;
+  return 1;
+}
