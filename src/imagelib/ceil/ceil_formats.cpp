@@ -1,5 +1,8 @@
 #include "imagelib/ceil/ceil_formats.h"
 
+#include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/sgi/qi_image_sgi.h"
+
 namespace vx::ceil {
 namespace {
 
@@ -17,17 +20,17 @@ constexpr std::int32_t kPackBits[] = {QI_COMPRESSION_PACKBITS};
 
 // A format gets its class by replacing its nullptr with &Make<QI_ImageXxx>.
 const CeilFormat kFormats[] = {
-    {5, nullptr, kNoneRle},   // QI_ImageSGI, "SGI"
-    {6, nullptr, kRle},       // QI_ImageWAVE, "WAVEFRONT"
-    {7, nullptr, kPackBits},  // QI_ImagePICT, "PICT"
-    {8, nullptr, kRle},       // QI_ImagePCX, "PCX"
-    {9, nullptr, kNoneRle},   // QI_ImageBMP, "BMP"
-    {10, nullptr, kNone},     // QI_ImagePPM, "PPM"
-    {11, nullptr, kNone},     // QI_ImagePGM, "PGM"
-    {12, nullptr, kLzw},      // QI_ImageGIF, "GIF"
-    {13, nullptr, kRle},      // QI_ImageALIAS, "ALIAS"
-    {14, nullptr, kJpeg},     // QI_ImageJPEG, "JFIF (JPEG)"
-    {19, nullptr, kNone},     // QI_ImageMI, "MAP"
+    {5, &Make<QI_ImageSGI>, kNoneRle},  // "SGI"
+    {6, nullptr, kRle},                 // QI_ImageWAVE, "WAVEFRONT"
+    {7, nullptr, kPackBits},            // QI_ImagePICT, "PICT"
+    {8, nullptr, kRle},                 // QI_ImagePCX, "PCX"
+    {9, nullptr, kNoneRle},             // QI_ImageBMP, "BMP"
+    {10, nullptr, kNone},               // QI_ImagePPM, "PPM"
+    {11, nullptr, kNone},               // QI_ImagePGM, "PGM"
+    {12, nullptr, kLzw},                // QI_ImageGIF, "GIF"
+    {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
+    {14, nullptr, kJpeg},               // QI_ImageJPEG, "JFIF (JPEG)"
+    {19, nullptr, kNone},               // QI_ImageMI, "MAP"
 };
 
 }  // namespace
