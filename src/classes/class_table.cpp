@@ -9,6 +9,7 @@
 #include "audio/wav/wav_parser.h"
 #include "fileio/file_cache_manager.h"
 #include "frame/catalogue.h"
+#include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "vx/sdk.h"
@@ -26,6 +27,13 @@ IUnknown* BuildVideoSequence(int arg) {
   return make ? make(arg) : nullptr;
 }
 
+// A codec-family row is built once its format has a file class; until then the factory
+// answers as for any class not built yet, and hosts say so rather than fail on Open.
+IUnknown* BuildCeil(int code) {
+  const vx::ceil::CeilFormat* format = vx::ceil::FindCeilFormat(code);
+  return format && format->make ? Parser<CVxMediaFileParserCEIL>(code) : nullptr;
+}
+
 IUnknown* CacheManager(int) {
   return vx::fileio::CacheManagerInstance();
 }
@@ -40,7 +48,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
-    {"CVxMediaFileParserCEIL", &Parser<CVxMediaFileParserCEIL>},
+    {"CVxMediaFileParserCEIL", &BuildCeil},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
     // clang-format on
