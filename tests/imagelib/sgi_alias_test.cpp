@@ -58,7 +58,7 @@ template <class File>
 int ReadAll(const TempDir& dir, const Bytes& bytes, std::unique_ptr<QI_ImageRGBA16>* out) {
   vxtest::WriteFile(dir / "in.img", bytes);
   File f;
-  if (!f.open(vxtest::Wide(dir / "in.img").c_str(), u"rb") || !f.readHeader()) return -1;
+  if (!f.open(vxtest::Wide(dir / "in.img").c_str(), VXT("rb")) || !f.readHeader()) return -1;
   *out = std::make_unique<QI_ImageRGBA16>(f.getWidth(), f.getHeight());
   return f.read(out->get());
 }
@@ -116,7 +116,7 @@ TEST(SgiAlias, WrittenBytes) {
     for (int x = 0; x < 5; ++x) src.setPixel8(x, y, red[x], 7, blue[x], 255);
   QI_ImageSGI sgi;
   sgi.setWidth(5), sgi.setHeight(2);
-  ASSERT_TRUE(sgi.open(path.c_str(), u"wb") && sgi.writeHeader() && sgi.write(&src));
+  ASSERT_TRUE(sgi.open(path.c_str(), VXT("wb")) && sgi.writeHeader() && sgi.write(&src));
   std::fflush(sgi.getStream());
   Bytes f = vxtest::ReadFile(dir / "out.sgi");
   ASSERT_EQ(f.size(), 588u);  // 512 + 48 bytes of tables + 6 + 6 + 3 + 3 + 5 + 5
@@ -138,7 +138,7 @@ TEST(SgiAlias, WrittenBytes) {
   QI_ImageALIAS alias;
   alias.setWidth(600), alias.setHeight(1);
   const auto apath = vxtest::Wide(dir / "out.pix");
-  ASSERT_TRUE(alias.open(apath.c_str(), u"wb") && alias.writeHeader() && alias.write(&line));
+  ASSERT_TRUE(alias.open(apath.c_str(), VXT("wb")) && alias.writeHeader() && alias.write(&line));
   alias.close();
   EXPECT_EQ(vxtest::ReadFile(dir / "out.pix"),
             (Bytes{2, 0x58, 0, 1, 0, 0, 0, 0, 0, 24, 255, 3, 2, 1, 255, 3, 2, 1, 90, 3, 2, 1}));

@@ -31,7 +31,7 @@ Pixel Px(QI_ImageMem& img, int x, int y) {
 // Our read of an SGI file into a 16-bit image; null when the header or a line fails.
 std::unique_ptr<QI_ImageRGBA16> ReadSgi(const std::filesystem::path& p) {
   QI_ImageSGI f;
-  if (!f.open(vxtest::Wide(p).c_str(), u"rb") || !f.readHeader()) return nullptr;
+  if (!f.open(vxtest::Wide(p).c_str(), VXT("rb")) || !f.readHeader()) return nullptr;
   auto img = std::make_unique<QI_ImageRGBA16>(f.getWidth(), f.getHeight());
   return f.read(img.get()) ? std::move(img) : nullptr;
 }
@@ -112,7 +112,7 @@ TEST(SgiInterop, ImageMagickAndOiiotoolBothWays) {
             ASSERT_TRUE(sgi.setPixelType(kPixelType[ch]) && sgi.setBitsPerChannel(bits) &&
                         sgi.setCompression(rle ? 2 : 1));
             const auto path = vxtest::Wide(dir / name);
-            ASSERT_TRUE(sgi.open(path.c_str(), u"wb") && sgi.writeHeader() && sgi.write(&src));
+            ASSERT_TRUE(sgi.open(path.c_str(), VXT("wb")) && sgi.writeHeader() && sgi.write(&src));
             sgi.close();
           }
           const auto img = ReadSgi(dir / name);
