@@ -18,6 +18,7 @@
 #include "imagelib/alias/qi_image_alias.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 #include "vx/platform.h"
+#include "fuzz_seeds.h"
 
 namespace {
 
@@ -72,22 +73,7 @@ std::vector<Bytes> Seeds() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  for (int i = 1; i < *argc; ++i) {
-    const char* a = (*argv)[i];
-    if (a[0] == '-') continue;
-    std::error_code ec;
-    const std::filesystem::path dir(a);
-    if (std::filesystem::exists(dir, ec) && !std::filesystem::is_directory(dir, ec)) break;
-    std::filesystem::create_directories(dir, ec);
-    if (ec || !std::filesystem::is_empty(dir, ec)) break;
-    const std::vector<Bytes> seeds = Seeds();
-    for (std::size_t s = 0; s < seeds.size(); ++s) {
-      std::ofstream out(dir / ("seed" + std::to_string(s)), std::ios::binary);
-      out.write(reinterpret_cast<const char*>(seeds[s].data()),
-                static_cast<std::streamsize>(seeds[s].size()));
-    }
-    break;
-  }
+  WriteSeedsIntoEmptyCorpus(*argc, *argv, Seeds(), "");
   return 0;
 }
 

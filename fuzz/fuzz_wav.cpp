@@ -20,6 +20,7 @@
 #include "vx/com_ptr.h"
 #include "vx/metadata.h"
 #include "vx/platform.h"
+#include "fuzz_seeds.h"
 
 namespace {
 
@@ -149,23 +150,7 @@ std::vector<Bytes> Seeds() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  // The first argument that is not a flag is the corpus folder; an empty one gets the seeds.
-  for (int i = 1; i < *argc; ++i) {
-    const char* a = (*argv)[i];
-    if (a[0] == '-') continue;
-    std::error_code ec;
-    const std::filesystem::path dir(a);
-    if (std::filesystem::exists(dir, ec) && !std::filesystem::is_directory(dir, ec)) break;
-    std::filesystem::create_directories(dir, ec);
-    if (ec || !std::filesystem::is_empty(dir, ec)) break;
-    const std::vector<Bytes> seeds = Seeds();
-    for (std::size_t s = 0; s < seeds.size(); ++s) {
-      std::ofstream out(dir / ("seed" + std::to_string(s) + ".wav"), std::ios::binary);
-      out.write(reinterpret_cast<const char*>(seeds[s].data()),
-                static_cast<std::streamsize>(seeds[s].size()));
-    }
-    break;
-  }
+  WriteSeedsIntoEmptyCorpus(*argc, *argv, Seeds(), ".wav");
   return 0;
 }
 
