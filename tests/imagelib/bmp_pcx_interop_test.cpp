@@ -54,8 +54,10 @@ TEST(BmpPcxInterop, CorpusReadsAsOpenImageIO) {
       img->getPixel8(x, y, &p[0], &p[1], &p[2], &p[3]);
       std::istringstream v(std::regex_replace((*it)[3].str(), std::regex(","), " "));
       // One 8-bit step apart at most: the reference widens 5-bit fields its own way.
+      // g32bf has no alpha mask: the reference takes the unused byte as alpha, we read opaque.
+      const int compared = m[1] == "bmpsuite/g32bf.bmp" ? 3 : channels;
       float want = 0;
-      for (int c = 0; c < channels && v >> want; ++c)
+      for (int c = 0; c < compared && v >> want; ++c)
         EXPECT_LE(std::abs(p[c] - want * 255), 1.01f) << x << "," << y << " channel " << c;
     }
   }
@@ -121,7 +123,7 @@ TEST(BmpPcxInterop, ImageMagickAndOiiotoolBothWays) {
       const auto img = pcx ? Read<QI_ImagePCX>(dir / name) : Read<QI_ImageBMP>(dir / name);
       ASSERT_TRUE(img);
       for (bool oiio : {false, true}) {
-        if (tool < 2 && oiio != (tool == 1)) continue;
+        if ((tool < 2 && oiio != (tool == 1)) || (oiio && pcx)) continue;  // oiiotool: no PCX
         const auto ref = Decoded(dir, name, oiio);
         ASSERT_EQ(ref.size(), std::size_t{kW * kH * 3}) << (oiio ? "oiiotool" : "convert");
         for (int i = 0; i < kW * kH * 3; ++i) {

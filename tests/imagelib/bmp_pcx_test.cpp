@@ -145,9 +145,14 @@ TEST(BmpPcx, ReadsAndRefuses) {
       {"verbatim lines missing", Bmp(40, 2, 2, 24, 0, Bytes(12, 0), 0), -1},
       {"bit fields at 24 bits", Bmp(40, 1, 1, 24, 3, Bytes(16, 0), 12), -1},
       {"top-down RLE", Bmp(40, 1, -1, 8, 1, Pal({0, 1}), 8), -1},
-      {"mask with a hole", Bmp(40, 1, 1, 16, 3, {5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 12),
-       -1},
-      {"RLE run overshoots", Bmp(40, 2, 1, 8, 1, Pal({3, 1, 0, 1}), 8), 0},
+      {"mask with a hole",
+       Bmp(40, 1, 1, 16, 3, {5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 12), -1},
+      {"RLE run past the line end is cut",
+       Bmp(40, 2, 1, 8, 1, Pal({3, 1, 0, 1}), 8),
+       1,
+       1,
+       0,
+       {10, 20, 30, 255}},
       {"RLE stream ends early", Bmp(40, 2, 2, 8, 1, Pal({2, 1, 0, 0}), 8), 0},
       {"pcx 24-bit planes",
        Pcx(2, 1, 8, 3, 2, {10, 11, 0xC2, 20, 30, 31}),
@@ -183,7 +188,9 @@ TEST(BmpPcx, ReadsAndRefuses) {
                          ? Read<QI_ImagePCX>(dir / "in", &result)
                          : Read<QI_ImageBMP>(dir / "in", &result);
     ASSERT_EQ(result, c.result);
-    if (result == 1) EXPECT_EQ(Px(*img, c.x, c.y), c.px);
+    if (result == 1) {
+      EXPECT_EQ(Px(*img, c.x, c.y), c.px);
+    }
   }
 }
 

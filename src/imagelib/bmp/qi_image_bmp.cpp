@@ -247,8 +247,8 @@ bool QI_ImageBMP::readRleLine() {
     const int n = std::getc(stream_), c = std::getc(stream_);
     if (n == EOF || c == EOF) return false;
     if (n > 0) {  // a run of n pixels (alternating nibbles for RLE4)
-      if (static_cast<std::size_t>(n) > w - x) return false;
-      for (int i = 0; i < n; ++i)
+      // Writers pad lines with runs past their end (ImageMagick does): the excess is dropped.
+      for (int i = 0; i < n && x < w; ++i)
         row_[x++] = static_cast<std::uint8_t>(four ? ((i & 1) ? c & 15 : c >> 4) : c);
     } else if (c == 0) {
       return true;
@@ -257,21 +257,20 @@ bool QI_ImageBMP::readRleLine() {
       return true;
     } else if (c == 2) {
       const int dx = std::getc(stream_), dy = std::getc(stream_);
-      if (dx == EOF || dy == EOF || static_cast<std::size_t>(dx) > w - x) return false;
-      x += static_cast<std::size_t>(dx);
+      if (dx == EOF || dy == EOF) return false;
+      x = std::min(w, x + static_cast<std::size_t>(dx));
       if (dy > 0) {
         rleSkipLines_ = dy - 1;
         rleStartX_ = static_cast<std::int32_t>(x);
         return true;
       }
     } else {  // c literal pixels, padded to a 16-bit boundary
-      if (static_cast<std::size_t>(c) > w - x) return false;
       const int bytes = four ? (c + 1) / 2 : c;
       std::uint8_t lit[256];
       if (std::fread(lit, 1, static_cast<std::size_t>((bytes + 1) & ~1), stream_) !=
           static_cast<std::size_t>((bytes + 1) & ~1))
         return false;
-      for (int i = 0; i < c; ++i)
+      for (int i = 0; i < c && x < w; ++i)
         row_[x++] = four ? ((i & 1) ? lit[i / 2] & 15 : lit[i / 2] >> 4) : lit[i];
     }
   }
