@@ -1,7 +1,7 @@
-// SGI and Alias files through the codec library's file images: readHeader, then a whole read
-// into a 16-bit image, then the picture written back by the same class. The first
-// input byte picks the class (even: SGI, odd: Alias); the rest is the file.
-// VX_FUZZ_CLASS=sgi or alias holds every input to one class.
+// SGI, Alias, BMP and PCX files through the codec library's file images: readHeader, then a
+// whole read into a 16-bit image, then the picture written back by the same class. The first
+// input byte picks the class (modulo 4: SGI, Alias, BMP, PCX); the rest is the file.
+// VX_FUZZ_CLASS=sgi, alias, bmp or pcx holds every input to one class.
 // Seeds: run with an empty (or missing) corpus folder as the first argument and the target writes
 // small files of every kind there first.
 #include <cstddef>
@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/bmp/qi_image_bmp.h"
+#include "imagelib/pcx/qi_image_pcx.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 #include "vx/platform.h"
 #include "fuzz_seeds.h"
@@ -67,6 +69,16 @@ std::vector<Bytes> Seeds() {
       }
   QI_ImageALIAS alias;
   seeds.push_back(Written(alias, 1));
+  for (int type : {QI_PIXEL_RGB, QI_PIXEL_RGBA}) {
+    QI_ImageBMP bmp;
+    bmp.setPixelType(type);
+    seeds.push_back(Written(bmp, 2));
+  }
+  for (int type : {QI_PIXEL_GRAY, QI_PIXEL_RGB}) {
+    QI_ImagePCX pcx;
+    pcx.setPixelType(type);
+    seeds.push_back(Written(pcx, 3));
+  }
   return seeds;
 }
 
@@ -85,10 +97,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::fwrite(data + 1, 1, size - 1, f);
   std::fflush(f);
   static const char* only = std::getenv("VX_FUZZ_CLASS");
-  const bool alias = only ? std::string(only) == "alias" : (data[0] & 1) != 0;
+  static const std::string kNames[] = {"sgi", "alias", "bmp", "pcx"};
+  int kind = data[0] % 4;
+  for (int i = 0; only && i < 4; ++i)
+    if (kNames[i] == only) kind = i;
   std::unique_ptr<QI_ImageFile> file;
-  if (alias)
+  if (kind == 1)
     file = std::make_unique<QI_ImageALIAS>();
+  else if (kind == 2)
+    file = std::make_unique<QI_ImageBMP>();
+  else if (kind == 3)
+    file = std::make_unique<QI_ImagePCX>();
   else
     file = std::make_unique<QI_ImageSGI>();
   file->attach(f, 0);

@@ -1,6 +1,8 @@
 #include "imagelib/ceil/ceil_formats.h"
 
 #include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/bmp/qi_image_bmp.h"
+#include "imagelib/pcx/qi_image_pcx.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 
 namespace vx::ceil {
@@ -23,8 +25,8 @@ const CeilFormat kFormats[] = {
     {5, &Make<QI_ImageSGI>, kNoneRle},  // "SGI"
     {6, nullptr, kRle},                 // QI_ImageWAVE, "WAVEFRONT"
     {7, nullptr, kPackBits},            // QI_ImagePICT, "PICT"
-    {8, nullptr, kRle},                 // QI_ImagePCX, "PCX"
-    {9, nullptr, kNoneRle},             // QI_ImageBMP, "BMP"
+    {8, &Make<QI_ImagePCX>, kRle},      // "PCX"
+    {9, &Make<QI_ImageBMP>, kNone},     // "BMP": run-length is read only
     {10, nullptr, kNone},               // QI_ImagePPM, "PPM"
     {11, nullptr, kNone},               // QI_ImagePGM, "PGM"
     {12, nullptr, kLzw},                // QI_ImageGIF, "GIF"
