@@ -89,7 +89,9 @@ TEST(Ppm, ReadsAndRefuses) {
     ASSERT_EQ(std::string(c.name).starts_with("pgm") ? ReadAll<QI_ImagePGM>(dir / "in.pnm", &img)
                                                      : ReadAll<QI_ImagePPM>(dir / "in.pnm", &img),
               c.result);
-    if (c.result == 1) EXPECT_EQ(Px(*img, 0, 0), c.px);
+    if (c.result == 1) {
+      EXPECT_EQ(Px(*img, 0, 0), c.px);
+    }
   }
 }
 
