@@ -1,6 +1,7 @@
 #include "imagelib/ceil/ceil_formats.h"
 
 #include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/ppm/qi_image_ppm.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 
 namespace vx::ceil {
@@ -25,8 +26,8 @@ const CeilFormat kFormats[] = {
     {7, nullptr, kPackBits},            // QI_ImagePICT, "PICT"
     {8, nullptr, kRle},                 // QI_ImagePCX, "PCX"
     {9, nullptr, kNoneRle},             // QI_ImageBMP, "BMP"
-    {10, nullptr, kNone},               // QI_ImagePPM, "PPM"
-    {11, nullptr, kNone},               // QI_ImagePGM, "PGM"
+    {10, &Make<QI_ImagePPM>, kNone},    // "PPM"
+    {11, &Make<QI_ImagePGM>, kNone},    // "PGM"
     {12, nullptr, kLzw},                // QI_ImageGIF, "GIF"
     {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
     {14, nullptr, kJpeg},               // QI_ImageJPEG, "JFIF (JPEG)"
