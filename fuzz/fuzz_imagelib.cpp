@@ -1,7 +1,7 @@
-// SGI and Alias files through the codec library's file images: readHeader, then a whole read
-// into a 16-bit image, then the picture written back by the same class. The first
-// input byte picks the class (even: SGI, odd: Alias); the rest is the file.
-// VX_FUZZ_CLASS=sgi or alias holds every input to one class.
+// SGI, Alias, PPM and PGM files through the codec library's file images: readHeader, then a
+// whole read into a 16-bit image, then the picture written back by the same class. The first
+// input byte picks the class (modulo 4: SGI, Alias, PPM, PGM); the rest is the file.
+// VX_FUZZ_CLASS=sgi, alias, ppm or pgm holds every input to one class.
 // Seeds: run with an empty (or missing) corpus folder as the first argument and the target writes
 // small files of every kind there first.
 #include <cstddef>
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/ppm/qi_image_ppm.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 #include "vx/platform.h"
 
@@ -66,6 +67,15 @@ std::vector<Bytes> Seeds() {
       }
   QI_ImageALIAS alias;
   seeds.push_back(Written(alias, 1));
+  for (int bits : {8, 16}) {
+    QI_ImagePPM ppm;
+    QI_ImagePGM pgm;
+    ppm.setBitsPerChannel(bits), pgm.setBitsPerChannel(bits);
+    seeds.push_back(Written(ppm, 2));
+    seeds.push_back(Written(pgm, 3));
+  }
+  seeds.push_back({2,   'P', '3', '\n', '#', 'c', '\n', '2', ' ', '1', ' ', '9', '\n',
+                   '1', ' ', '2', ' ',  '3', ' ', '4',  ' ', '5', ' ', '9', '\n'});
   return seeds;
 }
 
@@ -99,10 +109,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::fwrite(data + 1, 1, size - 1, f);
   std::fflush(f);
   static const char* only = std::getenv("VX_FUZZ_CLASS");
-  const bool alias = only ? std::string(only) == "alias" : (data[0] & 1) != 0;
+  int pick = data[0] & 3;
+  if (only) {
+    const std::string name(only);
+    pick = name == "alias" ? 1 : name == "ppm" ? 2 : name == "pgm" ? 3 : 0;
+  }
   std::unique_ptr<QI_ImageFile> file;
-  if (alias)
+  if (pick == 1)
     file = std::make_unique<QI_ImageALIAS>();
+  else if (pick == 2)
+    file = std::make_unique<QI_ImagePPM>();
+  else if (pick == 3)
+    file = std::make_unique<QI_ImagePGM>();
   else
     file = std::make_unique<QI_ImageSGI>();
   file->attach(f, 0);
