@@ -77,6 +77,18 @@ std::int16_t QI_ImagePNM::setBytesPerChannel(std::int32_t n) {
   return n == 1 || n == 2 ? setBitsPerChannel(n * 8) : 0;
 }
 
+// Any source layout is taken for writing: the writer keeps what the file holds (grey from colour
+// by .30/.59/.11, alpha dropped); a header read sets the file's own.
+std::int16_t QI_ImagePNM::setChannels(std::int32_t n) {
+  return n == 1 || n == 3 || n == 4 ? (channels_ = n, 1) : 0;
+}
+
+std::int16_t QI_ImagePNM::setPixelType(std::int32_t code) {
+  if (code != QI_PIXEL_GRAY && code != QI_PIXEL_RGB && code != QI_PIXEL_RGBA) return 0;
+  pixelType_ = code;
+  return 1;
+}
+
 std::int16_t QI_ImagePNM::setCompression(std::int32_t code) {
   return code == QI_COMPRESSION_NONE ? (compression_ = code, 1) : 0;
 }
@@ -125,6 +137,8 @@ std::int32_t QI_ImagePNM::readHeader() {
   setWidth(static_cast<std::int32_t>(w));
   setHeight(static_cast<std::int32_t>(h));
   bitsPerChannel_ = maxval > 255 ? 16 : 8;
+  channels_ = fileChannels_;
+  pixelType_ = fileChannels_ == 1 ? QI_PIXEL_GRAY : QI_PIXEL_RGB;
   return 1;
 }
 
@@ -231,24 +245,8 @@ QI_ImagePPM::QI_ImagePPM() : QI_ImagePNM(3) {
   setFormatName("PPM");
 }
 
-std::int16_t QI_ImagePPM::setChannels(std::int32_t n) {
-  return n == 3 ? (channels_ = n, 1) : 0;
-}
-
-std::int16_t QI_ImagePPM::setPixelType(std::int32_t code) {
-  return code == QI_PIXEL_RGB ? (pixelType_ = code, 1) : 0;
-}
-
 QI_ImagePGM::QI_ImagePGM() : QI_ImagePNM(1) {
   setFormatName("PGM");
   layout_ = 2;
   bottomUp_ = 0;
-}
-
-std::int16_t QI_ImagePGM::setChannels(std::int32_t n) {
-  return n == 1 ? (channels_ = n, 1) : 0;
-}
-
-std::int16_t QI_ImagePGM::setPixelType(std::int32_t code) {
-  return code == QI_PIXEL_GRAY ? (pixelType_ = code, 1) : 0;
 }

@@ -14,6 +14,8 @@ class QI_ImagePNM : public QI_ImageFile {
  public:
   ~QI_ImagePNM() override;
 
+  std::int16_t setChannels(std::int32_t n) override;         // 1, 3 or 4
+  std::int16_t setPixelType(std::int32_t code) override;     // grey, RGB or RGBA
   std::int16_t setBitsPerChannel(std::int32_t n) override;   // 8 or 16
   std::int16_t setBytesPerChannel(std::int32_t n) override;  // 1 or 2
   std::int16_t setCompression(std::int32_t code) override;   // none only
@@ -48,13 +50,9 @@ class QI_ImagePNM : public QI_ImageFile {
 class QI_ImagePPM : public QI_ImagePNM {
  public:
   QI_ImagePPM();
-  std::int16_t setChannels(std::int32_t n) override;      // 3 only
-  std::int16_t setPixelType(std::int32_t code) override;  // RGB only
 };
 
 class QI_ImagePGM : public QI_ImagePNM {
  public:
   QI_ImagePGM();
-  std::int16_t setChannels(std::int32_t n) override;      // 1 only
-  std::int16_t setPixelType(std::int32_t code) override;  // grey only
 };
