@@ -1,7 +1,7 @@
-// SGI, Alias, BMP and PCX files through the codec library's file images: readHeader, then a
-// whole read into a 16-bit image, then the picture written back by the same class. The first
-// input byte picks the class (modulo 4: SGI, Alias, BMP, PCX); the rest is the file.
-// VX_FUZZ_CLASS=sgi, alias, bmp or pcx holds every input to one class.
+// Every codec-library file class through readHeader, then a whole read into a 16-bit image,
+// then the picture written back by the same class. The first input byte picks the format code
+// (modulo the table below; a code without a class yet skips the input); the rest is the file.
+// VX_FUZZ_CLASS=sgi, pcx, bmp, ... holds every input to one class.
 // Seeds: run with an empty (or missing) corpus folder as the first argument and the target writes
 // small files of every kind there first.
 #include <cstddef>
@@ -15,9 +15,7 @@
 #include <system_error>
 #include <vector>
 
-#include "imagelib/alias/qi_image_alias.h"
-#include "imagelib/bmp/qi_image_bmp.h"
-#include "imagelib/pcx/qi_image_pcx.h"
+#include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 #include "vx/platform.h"
 #include "fuzz_seeds.h"
@@ -25,6 +23,20 @@
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+
+struct Kind {
+  const char* name;
+  std::int32_t code;
+};
+constexpr Kind kKinds[] = {{"sgi", 5},  {"wave", 6},  {"pict", 7},  {"pcx", 8},
+                           {"bmp", 9},  {"ppm", 10},  {"pgm", 11},  {"gif", 12},
+                           {"alias", 13}, {"jpeg", 14}, {"mi", 19}};
+constexpr std::uint8_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
+
+std::unique_ptr<QI_ImageFile> MakeKind(std::uint8_t pick) {
+  const vx::ceil::CeilFormat* f = vx::ceil::FindCeilFormat(kKinds[pick % kKindCount].code);
+  return f && f->make ? f->make() : nullptr;
+}
 
 std::string TempName(const char* what) {
   return (std::filesystem::temp_directory_path() /
@@ -67,18 +79,20 @@ std::vector<Bytes> Seeds() {
         sgi.setPixelType(type), sgi.setBitsPerChannel(bits), sgi.setCompression(compression);
         seeds.push_back(Written(sgi, 0));
       }
-  QI_ImageALIAS alias;
-  seeds.push_back(Written(alias, 1));
-  for (int type : {QI_PIXEL_RGB, QI_PIXEL_RGBA}) {
-    QI_ImageBMP bmp;
-    bmp.setPixelType(type);
-    seeds.push_back(Written(bmp, 2));
-  }
-  for (int type : {QI_PIXEL_GRAY, QI_PIXEL_RGB}) {
-    QI_ImagePCX pcx;
-    pcx.setPixelType(type);
-    seeds.push_back(Written(pcx, 3));
-  }
+  // Every other class writes its own seeds in the layouts its writer takes.
+  for (std::uint8_t pick = 1; pick < kKindCount; ++pick)
+    for (int type : {QI_PIXEL_GRAY, QI_PIXEL_RGB, QI_PIXEL_RGBA})
+      for (int bits : {8, 16}) {
+        std::unique_ptr<QI_ImageFile> file = MakeKind(pick);
+        if (!file || !file->setPixelType(type) || !file->setBitsPerChannel(bits)) continue;
+        Bytes seed = Written(*file, pick);
+        if (seed.size() > 1) seeds.push_back(std::move(seed));
+      }
+  // GIF has no writer: the smallest file there is, one pixel of a two-colour map.
+  seeds.push_back({7,   'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0, 0,    0,    0, 255,
+                   255, 255, ',', 0,   0,   0,   0,   1, 0, 1, 0, 0,    2, 2, 0x44, 0x01, 0, ';'});
+  seeds.push_back({5,   'P', '3', '\n', '#', 'c', '\n', '2', ' ', '1', ' ', '9', '\n',
+                   '1', ' ', '2', ' ',  '3', ' ', '4',  ' ', '5', ' ', '9', '\n'});
   return seeds;
 }
 
@@ -97,19 +111,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::fwrite(data + 1, 1, size - 1, f);
   std::fflush(f);
   static const char* only = std::getenv("VX_FUZZ_CLASS");
-  static const std::string kNames[] = {"sgi", "alias", "bmp", "pcx"};
-  int kind = data[0] % 4;
-  for (int i = 0; only && i < 4; ++i)
-    if (kNames[i] == only) kind = i;
-  std::unique_ptr<QI_ImageFile> file;
-  if (kind == 1)
-    file = std::make_unique<QI_ImageALIAS>();
-  else if (kind == 2)
-    file = std::make_unique<QI_ImageBMP>();
-  else if (kind == 3)
-    file = std::make_unique<QI_ImagePCX>();
-  else
-    file = std::make_unique<QI_ImageSGI>();
+  std::uint8_t pick = data[0] % kKindCount;
+  for (std::uint8_t i = 0; only && i < kKindCount; ++i)
+    if (std::string(only) == kKinds[i].name) pick = i;
+  std::unique_ptr<QI_ImageFile> file = MakeKind(pick);
+  if (!file) {
+    std::fclose(f);
+    return 0;
+  }
   file->attach(f, 0);
   if (!file->readHeader()) return 0;
   const std::int64_t w = file->getWidth(), h = file->getHeight();

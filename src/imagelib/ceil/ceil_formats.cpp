@@ -3,6 +3,7 @@
 #include "imagelib/alias/qi_image_alias.h"
 #include "imagelib/bmp/qi_image_bmp.h"
 #include "imagelib/pcx/qi_image_pcx.h"
+#include "imagelib/ppm/qi_image_ppm.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 
 namespace vx::ceil {
@@ -27,8 +28,8 @@ const CeilFormat kFormats[] = {
     {7, nullptr, kPackBits},            // QI_ImagePICT, "PICT"
     {8, &Make<QI_ImagePCX>, kRle},      // "PCX"
     {9, &Make<QI_ImageBMP>, kNone},     // "BMP": run-length is read only
-    {10, nullptr, kNone},               // QI_ImagePPM, "PPM"
-    {11, nullptr, kNone},               // QI_ImagePGM, "PGM"
+    {10, &Make<QI_ImagePPM>, kNone},    // "PPM"
+    {11, &Make<QI_ImagePGM>, kNone},    // "PGM"
     {12, nullptr, kLzw},                // QI_ImageGIF, "GIF"
     {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
     {14, nullptr, kJpeg},               // QI_ImageJPEG, "JFIF (JPEG)"
