@@ -1,7 +1,7 @@
-// SGI and Alias files through the codec library's file images: readHeader, then a whole read
-// into a 16-bit image, then the picture written back by the same class. The first
-// input byte picks the class (even: SGI, odd: Alias); the rest is the file.
-// VX_FUZZ_CLASS=sgi or alias holds every input to one class.
+// SGI, Alias, GIF and JPEG files through the codec library's file images: readHeader, then a
+// whole read into a 16-bit image, then the picture written back by the same class. The first
+// input byte picks the class (mod 4: SGI, Alias, GIF, JPEG); the rest is the file.
+// VX_FUZZ_CLASS=sgi, alias, gif or jpeg holds every input to one class.
 // Seeds: run with an empty (or missing) corpus folder as the first argument and the target writes
 // small files of every kind there first.
 #include <cstddef>
@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/gif/qi_image_gif.h"
+#include "imagelib/jpeg/qi_image_jpeg.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 #include "vx/platform.h"
 
@@ -66,6 +68,14 @@ std::vector<Bytes> Seeds() {
       }
   QI_ImageALIAS alias;
   seeds.push_back(Written(alias, 1));
+  // GIF has no writer: the smallest file there is, one pixel of a two-colour map.
+  seeds.push_back({2,   'G', 'I', 'F', '8', '9', 'a', 1, 0, 1, 0, 0x80, 0, 0, 0,    0,    0, 255,
+                   255, 255, ',', 0,   0,   0,   0,   1, 0, 1, 0, 0,    2, 2, 0x44, 0x01, 0, ';'});
+  for (int type : {QI_PIXEL_GRAY, QI_PIXEL_RGB}) {
+    QI_ImageJPEG jpeg;
+    jpeg.setPixelType(type);
+    seeds.push_back(Written(jpeg, 3));
+  }
   return seeds;
 }
 
@@ -99,10 +109,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::fwrite(data + 1, 1, size - 1, f);
   std::fflush(f);
   static const char* only = std::getenv("VX_FUZZ_CLASS");
-  const bool alias = only ? std::string(only) == "alias" : (data[0] & 1) != 0;
+  static const char* const kNames[] = {"sgi", "alias", "gif", "jpeg"};
+  int pick = data[0] % 4;
+  for (int i = 0; only && i < 4; ++i)
+    if (std::string(only) == kNames[i]) pick = i;
   std::unique_ptr<QI_ImageFile> file;
-  if (alias)
+  if (pick == 1)
     file = std::make_unique<QI_ImageALIAS>();
+  else if (pick == 2)
+    file = std::make_unique<QI_ImageGIF>();
+  else if (pick == 3)
+    file = std::make_unique<QI_ImageJPEG>();
   else
     file = std::make_unique<QI_ImageSGI>();
   file->attach(f, 0);

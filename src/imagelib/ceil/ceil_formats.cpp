@@ -1,6 +1,8 @@
 #include "imagelib/ceil/ceil_formats.h"
 
 #include "imagelib/alias/qi_image_alias.h"
+#include "imagelib/gif/qi_image_gif.h"
+#include "imagelib/jpeg/qi_image_jpeg.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 
 namespace vx::ceil {
@@ -11,11 +13,23 @@ std::unique_ptr<QI_ImageFile> Make() {
   return std::make_unique<T>();
 }
 
+// Library-backed classes: without their library (cross builds) the code has no class.
+#if VX_HAVE_GIFLIB
+constexpr auto kGif = &MakeImageGIF;
+#else
+constexpr std::unique_ptr<QI_ImageFile> (*kGif)() = nullptr;
+#endif
+#if VX_HAVE_LIBJPEG
+constexpr auto kJpeg = &MakeImageJPEG;
+#else
+constexpr std::unique_ptr<QI_ImageFile> (*kJpeg)() = nullptr;
+#endif
+
 constexpr std::int32_t kNone[] = {QI_COMPRESSION_NONE};
 constexpr std::int32_t kNoneRle[] = {QI_COMPRESSION_NONE, QI_COMPRESSION_RLE};
 constexpr std::int32_t kRle[] = {QI_COMPRESSION_RLE};
 constexpr std::int32_t kLzw[] = {QI_COMPRESSION_LZW};
-constexpr std::int32_t kJpeg[] = {QI_COMPRESSION_JPEG};
+constexpr std::int32_t kJpegOnly[] = {QI_COMPRESSION_JPEG};
 constexpr std::int32_t kPackBits[] = {QI_COMPRESSION_PACKBITS};
 
 // A format gets its class by replacing its nullptr with &Make<QI_ImageXxx>.
@@ -27,9 +41,9 @@ const CeilFormat kFormats[] = {
     {9, nullptr, kNoneRle},             // QI_ImageBMP, "BMP"
     {10, nullptr, kNone},               // QI_ImagePPM, "PPM"
     {11, nullptr, kNone},               // QI_ImagePGM, "PGM"
-    {12, nullptr, kLzw},                // QI_ImageGIF, "GIF"
+    {12, kGif, kLzw},                   // "GIF"
     {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
-    {14, nullptr, kJpeg},               // QI_ImageJPEG, "JFIF (JPEG)"
+    {14, kJpeg, kJpegOnly},             // "JFIF (JPEG)"
     {19, nullptr, kNone},               // QI_ImageMI, "MAP"
 };
 

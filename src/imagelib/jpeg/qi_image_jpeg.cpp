@@ -8,6 +8,8 @@
 
 #if VX_HAVE_LIBJPEG
 #include <jpeglib.h>
+
+#include <jerror.h>
 #endif
 
 namespace {
