@@ -229,7 +229,8 @@ TEST(GifJpeg, JpegsOfImageMagickAndOiiotool) {
     ASSERT_TRUE(img);
     EXPECT_LE(MaxDiff(*img, MagickRgb(dir, dir / name)), 1);
   }
-  // Ours, at the default quality, read back by both tools close to the source picture.
+  // Ours, at the default quality, read back by both tools close to the source picture (the
+  // chroma halving of a red-to-blue ramp costs up to ~11 code values).
   auto source = std::make_unique<QI_ImageRGBA8>(40, 24);
   ASSERT_TRUE(Sh("convert " + src + " -depth 8 rgba:" + vxtest::Quote(dir / "src.rgba")));
   const Bytes rgba = vxtest::ReadFile(dir / "src.rgba");
@@ -246,10 +247,10 @@ TEST(GifJpeg, JpegsOfImageMagickAndOiiotool) {
   ASSERT_TRUE(out.open(vxtest::Wide(dir / "ours.jpg").c_str(), u"wb") && out.writeHeader() &&
               out.write(source.get()));
   out.close();
-  EXPECT_LE(MaxDiff(*source, MagickRgb(dir, dir / "ours.jpg")), 8);
+  EXPECT_LE(MaxDiff(*source, MagickRgb(dir, dir / "ours.jpg")), 16);
   ASSERT_TRUE(
       Sh("oiiotool " + vxtest::Quote(dir / "ours.jpg") + " -o " + vxtest::Quote(dir / "o.png")));
-  EXPECT_LE(MaxDiff(*source, MagickRgb(dir, dir / "o.png")), 8);
+  EXPECT_LE(MaxDiff(*source, MagickRgb(dir, dir / "o.png")), 16);
   // An EXIF block (big-endian, orientation 6) after the start marker is reported, not applied;
   // the file cut in half is refused.
   Bytes ours = vxtest::ReadFile(dir / "ours.jpg");
