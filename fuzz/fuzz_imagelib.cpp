@@ -28,8 +28,8 @@ struct Kind {
   const char* name;
   std::int32_t code;
 };
-constexpr Kind kKinds[] = {{"sgi", 5},  {"wave", 6},  {"pict", 7},  {"pcx", 8},
-                           {"bmp", 9},  {"ppm", 10},  {"pgm", 11},  {"gif", 12},
+constexpr Kind kKinds[] = {{"sgi", 5},    {"wave", 6},  {"pict", 7}, {"pcx", 8},
+                           {"bmp", 9},    {"ppm", 10},  {"pgm", 11}, {"gif", 12},
                            {"alias", 13}, {"jpeg", 14}, {"mi", 19}};
 constexpr std::uint8_t kKindCount = sizeof(kKinds) / sizeof(kKinds[0]);
 

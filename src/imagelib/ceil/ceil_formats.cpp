@@ -4,6 +4,8 @@
 #include "imagelib/bmp/qi_image_bmp.h"
 #include "imagelib/pcx/qi_image_pcx.h"
 #include "imagelib/ppm/qi_image_ppm.h"
+#include "imagelib/gif/qi_image_gif.h"
+#include "imagelib/jpeg/qi_image_jpeg.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 
 namespace vx::ceil {
@@ -14,11 +16,23 @@ std::unique_ptr<QI_ImageFile> Make() {
   return std::make_unique<T>();
 }
 
+// Library-backed classes: without their library (cross builds) the code has no class.
+#if VX_HAVE_GIFLIB
+constexpr auto kGif = &MakeImageGIF;
+#else
+constexpr std::unique_ptr<QI_ImageFile> (*kGif)() = nullptr;
+#endif
+#if VX_HAVE_LIBJPEG
+constexpr auto kJpeg = &MakeImageJPEG;
+#else
+constexpr std::unique_ptr<QI_ImageFile> (*kJpeg)() = nullptr;
+#endif
+
 constexpr std::int32_t kNone[] = {QI_COMPRESSION_NONE};
 constexpr std::int32_t kNoneRle[] = {QI_COMPRESSION_NONE, QI_COMPRESSION_RLE};
 constexpr std::int32_t kRle[] = {QI_COMPRESSION_RLE};
 constexpr std::int32_t kLzw[] = {QI_COMPRESSION_LZW};
-constexpr std::int32_t kJpeg[] = {QI_COMPRESSION_JPEG};
+constexpr std::int32_t kJpegOnly[] = {QI_COMPRESSION_JPEG};
 constexpr std::int32_t kPackBits[] = {QI_COMPRESSION_PACKBITS};
 
 // A format gets its class by replacing its nullptr with &Make<QI_ImageXxx>.
@@ -30,9 +44,9 @@ const CeilFormat kFormats[] = {
     {9, &Make<QI_ImageBMP>, kNone},     // "BMP": run-length is read only
     {10, &Make<QI_ImagePPM>, kNone},    // "PPM"
     {11, &Make<QI_ImagePGM>, kNone},    // "PGM"
-    {12, nullptr, kLzw},                // QI_ImageGIF, "GIF"
+    {12, kGif, kLzw},                   // "GIF"
     {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
-    {14, nullptr, kJpeg},               // QI_ImageJPEG, "JFIF (JPEG)"
+    {14, kJpeg, kJpegOnly},             // "JFIF (JPEG)"
     {19, nullptr, kNone},               // QI_ImageMI, "MAP"
 };
 
