@@ -21,7 +21,7 @@ using vxtest::TempDir;
 template <class File>
 std::unique_ptr<QI_ImageRGBA8> Read(const std::filesystem::path& p) {
   File f;
-  if (!f.open(vxtest::Wide(p).c_str(), u"rb") || !f.readHeader()) return nullptr;
+  if (!f.open(vxtest::Wide(p).c_str(), VXT("rb")) || !f.readHeader()) return nullptr;
   auto img = std::make_unique<QI_ImageRGBA8>(f.getWidth(), f.getHeight());
   return f.read(img.get()) ? std::move(img) : nullptr;
 }
@@ -117,7 +117,7 @@ TEST(BmpPcxInterop, ImageMagickAndOiiotoolBothWays) {
         pcx ? f.reset(new QI_ImagePCX) : f.reset(new QI_ImageBMP);
         f->setWidth(kW), f->setHeight(kH);
         const auto path = vxtest::Wide(dir / name);
-        ASSERT_TRUE(f->open(path.c_str(), u"wb") && f->writeHeader() && f->write(&src));
+        ASSERT_TRUE(f->open(path.c_str(), VXT("wb")) && f->writeHeader() && f->write(&src));
         f->close();
       }
       const auto img = pcx ? Read<QI_ImagePCX>(dir / name) : Read<QI_ImageBMP>(dir / name);

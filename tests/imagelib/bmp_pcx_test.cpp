@@ -70,7 +70,7 @@ template <class File>
 std::unique_ptr<QI_ImageRGBA8> Read(const std::filesystem::path& p, int* result) {
   File f;
   *result = -1;
-  if (!f.open(vxtest::Wide(p).c_str(), u"rb") || !f.readHeader()) return nullptr;
+  if (!f.open(vxtest::Wide(p).c_str(), VXT("rb")) || !f.readHeader()) return nullptr;
   auto img = std::make_unique<QI_ImageRGBA8>(f.getWidth(), f.getHeight());
   *result = f.read(img.get());
   return img;
@@ -199,7 +199,7 @@ Bytes Written(const TempDir& dir, QI_ImageMem& src, int type) {
   File f;
   f.setWidth(src.getWidth()), f.setHeight(src.getHeight());
   const auto path = vxtest::Wide(dir / "out");
-  EXPECT_TRUE(f.setPixelType(type) && f.open(path.c_str(), u"wb") && f.writeHeader() &&
+  EXPECT_TRUE(f.setPixelType(type) && f.open(path.c_str(), VXT("wb")) && f.writeHeader() &&
               f.write(&src));
   f.close();
   return vxtest::ReadFile(dir / "out");

@@ -25,7 +25,7 @@ using vxtest::TempDir;
 // an 8-bit image; null when any step fails.
 std::unique_ptr<QI_ImageRGBA8> Read(std::unique_ptr<QI_ImageFile> f, const std::filesystem::path& p,
                                     int image = 0, int* count = nullptr) {
-  if (!f || !f->open(vxtest::Wide(p).c_str(), u"rb") || !f->readHeader()) return nullptr;
+  if (!f || !f->open(vxtest::Wide(p).c_str(), VXT("rb")) || !f->readHeader()) return nullptr;
   if (count) *count = f->getImageCount();
   if (!f->selectImage(image)) return nullptr;
   auto img = std::make_unique<QI_ImageRGBA8>(f->getWidth(), f->getHeight());
@@ -56,32 +56,12 @@ Bytes Lzw(const std::vector<int>& pixels) {
   return out;
 }
 
+// A w x h screen with a four-colour global map: (10,20,30) (200,0,100) (0,255,7) (1,2,3).
 Bytes Gif(int w, int h, const std::vector<Bytes>& parts) {
-  Bytes b{'G',
-          'I',
-          'F',
-          '8',
-          '9',
-          'a',
-          static_cast<std::uint8_t>(w),
-          0,
-          static_cast<std::uint8_t>(h),
-          0,
-          0x81,
-          0,
-          0,
-          10,
-          20,
-          30,
-          200,
-          0,
-          100,
-          0,
-          255,
-          7,
-          1,
-          2,
-          3};  // colours 0-3
+  Bytes b{'G', 'I', 'F', '8', '9', 'a'};
+  const Bytes screen{0x81, 0, 0, 10, 20, 30, 200, 0, 100, 0, 255, 7, 1, 2, 3};
+  for (int v : {w, 0, h, 0}) b.push_back(static_cast<std::uint8_t>(v));
+  b.insert(b.end(), screen.begin(), screen.end());
   for (const Bytes& p : parts) b.insert(b.end(), p.begin(), p.end());
   b.push_back(';');
   return b;
@@ -244,7 +224,7 @@ TEST(GifJpeg, JpegsOfImageMagickAndOiiotool) {
   QI_ImageJPEG out;
   EXPECT_EQ(out.getQuality(), 90);
   out.setWidth(40), out.setHeight(24);
-  ASSERT_TRUE(out.open(vxtest::Wide(dir / "ours.jpg").c_str(), u"wb") && out.writeHeader() &&
+  ASSERT_TRUE(out.open(vxtest::Wide(dir / "ours.jpg").c_str(), VXT("wb")) && out.writeHeader() &&
               out.write(source.get()));
   out.close();
   EXPECT_LE(MaxDiff(*source, MagickRgb(dir, dir / "ours.jpg")), 16);
@@ -260,7 +240,7 @@ TEST(GifJpeg, JpegsOfImageMagickAndOiiotool) {
   tagged.insert(tagged.begin() + 2, exif.begin(), exif.end());
   vxtest::WriteFile(dir / "exif.jpg", tagged);
   QI_ImageJPEG in;
-  ASSERT_TRUE(in.open(vxtest::Wide(dir / "exif.jpg").c_str(), u"rb") && in.readHeader());
+  ASSERT_TRUE(in.open(vxtest::Wide(dir / "exif.jpg").c_str(), VXT("rb")) && in.readHeader());
   EXPECT_EQ(in.getOrientation(), 6);
   EXPECT_EQ(in.getWidth(), 40);
   ours.resize(ours.size() / 2);

@@ -36,7 +36,7 @@ Pixel Px(QI_ImageMem& img, int x, int y) {
 template <class File>
 int ReadAll(const std::filesystem::path& path, std::unique_ptr<QI_ImageRGBA16>* out) {
   File f;
-  if (!f.open(vxtest::Wide(path).c_str(), u"rb") || !f.readHeader()) return -1;
+  if (!f.open(vxtest::Wide(path).c_str(), VXT("rb")) || !f.readHeader()) return -1;
   *out = std::make_unique<QI_ImageRGBA16>(f.getWidth(), f.getHeight());
   return f.read(out->get());
 }
@@ -103,7 +103,7 @@ TEST(Ppm, WrittenBytes) {
   QI_ImagePPM ppm;
   ppm.setWidth(2), ppm.setHeight(2);
   const auto p = vxtest::Wide(dir / "a.ppm");
-  ASSERT_TRUE(ppm.open(p.c_str(), u"wb") && ppm.writeHeader() && ppm.write(&src));
+  ASSERT_TRUE(ppm.open(p.c_str(), VXT("wb")) && ppm.writeHeader() && ppm.write(&src));
   ppm.close();
   EXPECT_EQ(vxtest::ReadFile(dir / "a.ppm"),
             B("P6\n2 2\n255\n", {7, 8, 9, 10, 11, 12, 1, 2, 3, 4, 5, 6}));
@@ -114,7 +114,7 @@ TEST(Ppm, WrittenBytes) {
   pgm.setWidth(1), pgm.setHeight(2);
   ASSERT_TRUE(pgm.setBitsPerChannel(16));
   const auto g = vxtest::Wide(dir / "b.pgm");
-  ASSERT_TRUE(pgm.open(g.c_str(), u"wb") && pgm.writeHeader() && pgm.write(&grey));
+  ASSERT_TRUE(pgm.open(g.c_str(), VXT("wb")) && pgm.writeHeader() && pgm.write(&grey));
   pgm.close();
   EXPECT_EQ(vxtest::ReadFile(dir / "b.pgm"), B("P5\n1 2\n65535\n", {0xA0, 0xB0, 0x01, 0x02}));
 }
@@ -192,7 +192,7 @@ TEST(PpmInterop, ImageMagickAndOiiotoolBothWays) {
                                               : new QI_ImagePPM);
           f->setWidth(kW), f->setHeight(kH), f->setBitsPerChannel(bits);
           const auto p = vxtest::Wide(dir / name);
-          ASSERT_TRUE(f->open(p.c_str(), u"wb") && f->writeHeader() && f->write(img.get()));
+          ASSERT_TRUE(f->open(p.c_str(), VXT("wb")) && f->writeHeader() && f->write(img.get()));
           f->close();
         }
         ASSERT_EQ(
