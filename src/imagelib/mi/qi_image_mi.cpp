@@ -176,7 +176,7 @@ std::int32_t QI_ImageMI::readHeader() {
     auto s = static_cast<std::uint64_t>(std::sqrt(static_cast<double>(pixels)));
     while (s * s > pixels) --s;
     while ((s + 1) * (s + 1) <= pixels) ++s;
-    if (s < 1 || s * s != pixels) {
+    if (s < 1 || s > INT32_MAX || s * s != pixels) {
       closeStream();
       return Fail("picture size unknown\n");
     }
