@@ -93,6 +93,10 @@ std::vector<Bytes> Seeds() {
                    255, 255, ',', 0,   0,   0,   0,   1, 0, 1, 0, 0,    2, 2, 0x44, 0x01, 0, ';'});
   seeds.push_back({5,   'P', '3', '\n', '#', 'c', '\n', '2', ' ', '1', ' ', '9', '\n',
                    '1', ' ', '2', ' ',  '3', ' ', '4',  ' ', '5', ' ', '9', '\n'});
+  // MAP files the way ImageMagick writes them, without our trailer: a square under 256 entries.
+  Bytes map(1 + 768 + 9, 0);
+  map[0] = 10, map[769] = 0xFF;
+  seeds.push_back(map);
   return seeds;
 }
 

@@ -6,6 +6,7 @@
 #include "imagelib/ppm/qi_image_ppm.h"
 #include "imagelib/gif/qi_image_gif.h"
 #include "imagelib/jpeg/qi_image_jpeg.h"
+#include "imagelib/mi/qi_image_mi.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 
 namespace vx::ceil {
@@ -47,7 +48,7 @@ const CeilFormat kFormats[] = {
     {12, kGif, kLzw},                   // "GIF"
     {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
     {14, kJpeg, kJpegOnly},             // "JFIF (JPEG)"
-    {19, nullptr, kNone},               // QI_ImageMI, "MAP"
+    {19, &Make<QI_ImageMI>, kNone},     // "MAP"
 };
 
 }  // namespace
