@@ -41,7 +41,7 @@ Pixel Px(QI_ImageMem& img, int x, int y) {
 int ReadAll(const std::filesystem::path& path, int w, int h, std::unique_ptr<QI_ImageRGBA16>* out) {
   QI_ImageMI f;
   f.setWidth(w), f.setHeight(h);
-  if (!f.open(vxtest::Wide(path).c_str(), u"rb") || !f.readHeader()) return -1;
+  if (!f.open(vxtest::Wide(path).c_str(), VXT("rb")) || !f.readHeader()) return -1;
   EXPECT_EQ(f.getPixelType(), QI_PIXEL_CMAP);
   *out = std::make_unique<QI_ImageRGBA16>(f.getWidth(), f.getHeight());
   return f.read(out->get());
@@ -94,7 +94,7 @@ Bytes Written(const TempDir& dir, QI_ImageMem& src, std::int32_t type) {
   QI_ImageMI f;
   f.setWidth(src.getWidth()), f.setHeight(src.getHeight()), f.setPixelType(type);
   const auto p = vxtest::Wide(dir / "out.map");
-  EXPECT_TRUE(f.open(p.c_str(), u"wb") && f.writeHeader() && f.write(&src));
+  EXPECT_TRUE(f.open(p.c_str(), VXT("wb")) && f.writeHeader() && f.write(&src));
   f.close();
   return vxtest::ReadFile(dir / "out.map");
 }
@@ -110,7 +110,7 @@ TEST(Mi, WrittenBytes) {
   QI_ImageMI f;  // read back into a colour-mapped image: indices and map as stored
   QI_ImageCMAP cmap(256, 2, 2);
   std::uint8_t c[3] = {};
-  ASSERT_TRUE(f.open(vxtest::Wide(dir / "out.map").c_str(), u"rb") && f.readHeader());
+  ASSERT_TRUE(f.open(vxtest::Wide(dir / "out.map").c_str(), VXT("rb")) && f.readHeader());
   ASSERT_TRUE(f.read(&cmap) && f.getMapSize() == 256 && f.getMapMaxIndex() == 255);
   cmap.getMapEntry(2, &c[0], &c[1], &c[2]);
   EXPECT_EQ(Bytes(c, c + 3), (Bytes{200, 0, 100}));
