@@ -379,11 +379,11 @@ HRESULT CVxMediaFileParserCEIL::ReadStraight(IVxImage* dst, std::int32_t w, std:
   const VxPixelFormat f = dst->GetPixelFormat();
   const bool wide = f == VX_PF_RGBA16;
   BYTE* rows = dst->GetBuffer();
-  // Wider than the file's samples only: 16-bit samples narrow to 8 bits otherwise than the
-  // host's conversion rounds them. A row order other than the two reads nothing and is left to
+  // RGBA8 only for files of at most 8 bits: memory images narrow 16-bit samples by truncation,
+  // the host's conversion rounds. A row order other than the two reads nothing and is left to
   // the general path, which answers a black picture.
   if (!(wide || (f == VX_PF_RGBA8 && !deep)) || !rows || dst->GetWidth() != w ||
-      dst->GetHeight() != h || dst->GetRowStride() != w * (wide ? 8 : 4) ||
+      dst->GetHeight() != h || dst->GetRowStride() != std::int64_t{w} * (wide ? 8 : 4) ||
       (file_->getBottomUp() != 0 && file_->getBottomUp() != 1))
     return S_FALSE;
   std::unique_ptr<QI_ImageMem> view;
