@@ -206,7 +206,7 @@ bool UnpackRow(const std::uint8_t* in, std::size_t units, bool rle, T* out, std:
     const unsigned c = Unit<T>(in, i++);
     const std::size_t n = c & 0x7F;
     if (n == 0) break;
-    if (n > width - x) return false;
+    if (n > width - x) return false;  // a run past the line end
     T* o = out + x * stride;
     if (c & 0x80) {
       if (n > units - i) return false;
