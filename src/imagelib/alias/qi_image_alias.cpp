@@ -1,5 +1,6 @@
 #include "imagelib/alias/qi_image_alias.h"
 
+#include <algorithm>
 #include <new>
 
 #include "base/bytes.h"
@@ -97,14 +98,22 @@ std::int32_t QI_ImageALIAS::readHeader() {
 std::int32_t QI_ImageALIAS::readLine(QI_ImageMem* dest, std::int32_t row) {
   if (!stream_ || !dest || row < 0 || row >= dest->getHeight() || dest->getWidth() < width_)
     return 0;
+  try {
+    rgb_.resize(static_cast<std::size_t>(width_) * 3);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
   std::int32_t x = 0;
   while (x < width_) {
     std::uint8_t run[4];
     if (std::fread(run, 1, 4, stream_) != 4) return 0;
     if (run[0] > width_ - x) return 0;  // a run past the line end
-    for (const std::int32_t end = x + run[0]; x < end; ++x)
-      dest->setPixel8(x, row, run[3], run[2], run[1], 255);
+    for (const std::int32_t end = x + run[0]; x < end; ++x) {
+      std::uint8_t* o = &rgb_[static_cast<std::size_t>(x) * 3];
+      o[0] = run[3], o[1] = run[2], o[2] = run[1];
+    }
   }
+  qi::StoreLine8(dest, row, rgb_.data(), 3, width_);
   return 1;
 }
 

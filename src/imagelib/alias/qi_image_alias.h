@@ -28,4 +28,5 @@ class QI_ImageALIAS : public QI_ImageFile {
 
  private:
   std::vector<std::uint8_t> runs_;  // one line's runs, reused from line to line
+  std::vector<std::uint8_t> rgb_;   // one decoded line, stored whole
 };

@@ -36,6 +36,22 @@ enum : std::int32_t {
 // Depth codes of getPixel/setPixel: 8-bit, 16-bit and float components.
 enum : std::int32_t { QI_DEPTH_8 = 1, QI_DEPTH_16 = 2, QI_DEPTH_FLOAT = 4 };
 
+class QI_ImageMem;
+
+namespace qi {
+// Store one decoded line of `width` pixels of `channels` interleaved samples (1 grey, 3 RGB,
+// 4 RGBA) into row `row` of `dest`. A dest that is exactly QI_ImageRGBA8 or QI_ImageRGBA16 takes
+// the line straight into its buffer, converted as its own setters convert; any other image gets
+// one setPixel8/setPixel16 call a pixel (setPixel at depth 1 or 2 with `throughSetPixel`), so a
+// subclass still sees every pixel. Decoders store whole lines so that the common case costs no
+// virtual call a pixel.
+void StoreLine8(QI_ImageMem* dest, std::int32_t row, const std::uint8_t* samples,
+                std::int32_t channels, std::int32_t width, bool throughSetPixel = false);
+void StoreLine16(QI_ImageMem* dest, std::int32_t row, const std::uint16_t* samples,
+                 std::int32_t channels, std::int32_t width, bool throughSetPixel = false);
+struct LineAccess;
+}  // namespace qi
+
 class QI_Image {
  public:
   QI_Image() = default;
@@ -108,12 +124,16 @@ class QI_ImageMem : public QI_Image {
   virtual void reserved28();          // 28
 
  protected:
+  friend struct qi::LineAccess;  // the line stores' row addresses
+
   // Address of pixel (x, y) of `bytes`-byte pixels, or null when (x, y) lies outside the image or
   // the pixels held: one branch, so the accessors stay cheap and never touch foreign memory.
   void* pixelAt(std::int32_t x, std::int32_t y, std::size_t bytes) const {
+    const std::uint32_t line =
+        topFirst_ ? static_cast<std::uint32_t>(height_) - 1u - static_cast<std::uint32_t>(y)
+                  : static_cast<std::uint32_t>(y);
     const std::size_t i =
-        std::size_t{static_cast<std::uint32_t>(y)} * static_cast<std::uint32_t>(width_) +
-        static_cast<std::uint32_t>(x);
+        std::size_t{line} * static_cast<std::uint32_t>(width_) + static_cast<std::uint32_t>(x);
     const bool inside = (static_cast<std::uint32_t>(x) < static_cast<std::uint32_t>(width_)) &
                         (static_cast<std::uint32_t>(y) < static_cast<std::uint32_t>(height_)) &
                         (i < pixels_);
@@ -122,14 +142,16 @@ class QI_ImageMem : public QI_Image {
 
   void* buffer_ = nullptr;
   std::size_t pixels_ = 0;  // pixels the buffer holds (0 without one)
+  bool topFirst_ = false;   // buffer rows run top to bottom: row y lives at height - 1 - y
 };
 
 // Bytes R, G, B, A.
 class QI_ImageRGBA8 : public QI_ImageMem {
  public:
   QI_ImageRGBA8(std::int32_t width, std::int32_t height);
-  // Wraps `buffer` (width * height * 4 bytes), which stays the caller's.
-  QI_ImageRGBA8(std::int32_t width, std::int32_t height, void* buffer);
+  // Wraps `buffer` (width * height * 4 bytes), which stays the caller's; `topFirst` when its
+  // rows run from the top line down, as a host image's do.
+  QI_ImageRGBA8(std::int32_t width, std::int32_t height, void* buffer, bool topFirst = false);
   ~QI_ImageRGBA8() override;
   void resize(std::int32_t w, std::int32_t h) override;
   std::int16_t copyTo(std::int32_t x, std::int32_t y, std::int32_t w, std::int32_t h,
@@ -156,7 +178,7 @@ class QI_ImageRGBA8 : public QI_ImageMem {
 class QI_ImageRGBA16 : public QI_ImageMem {
  public:
   QI_ImageRGBA16(std::int32_t width, std::int32_t height);
-  QI_ImageRGBA16(std::int32_t width, std::int32_t height, void* buffer);
+  QI_ImageRGBA16(std::int32_t width, std::int32_t height, void* buffer, bool topFirst = false);
   ~QI_ImageRGBA16() override;
   void resize(std::int32_t w, std::int32_t h) override;
   std::int16_t copyTo(std::int32_t x, std::int32_t y, std::int32_t w, std::int32_t h,

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <typeinfo>
 
 #include "base/checked.h"
 #include "imagelib/base/qi_image.h"
@@ -317,8 +318,9 @@ QI_ImageRGBA8::QI_ImageRGBA8(std::int32_t width, std::int32_t height) {
   Reallocate(&buffer_, &pixels_, width, height, 4, true);
 }
 
-QI_ImageRGBA8::QI_ImageRGBA8(std::int32_t width, std::int32_t height, void* buffer)
+QI_ImageRGBA8::QI_ImageRGBA8(std::int32_t width, std::int32_t height, void* buffer, bool topFirst)
     : external_(true) {
+  topFirst_ = topFirst;
   width_ = width;
   height_ = height;
   channels_ = 4;
@@ -406,8 +408,9 @@ QI_ImageRGBA16::QI_ImageRGBA16(std::int32_t width, std::int32_t height) {
   Reallocate(&buffer_, &pixels_, width, height, 8, true);
 }
 
-QI_ImageRGBA16::QI_ImageRGBA16(std::int32_t width, std::int32_t height, void* buffer)
+QI_ImageRGBA16::QI_ImageRGBA16(std::int32_t width, std::int32_t height, void* buffer, bool topFirst)
     : external_(true) {
+  topFirst_ = topFirst;
   width_ = width;
   height_ = height;
   channels_ = 4;
@@ -574,3 +577,100 @@ void QI_ImageCMAP::setMapEntry(std::int32_t i, std::uint8_t r, std::uint8_t g, s
   blue_[i] = b;
 }
 #undef QI_MAPPED
+
+// ---- Line stores ----
+
+namespace {
+
+template <class T, class S>
+T Convert(S v) {
+  if constexpr (sizeof(T) == sizeof(S))
+    return v;
+  else if constexpr (sizeof(T) == 2)
+    return Widen(v);
+  else
+    return Narrow(v);
+}
+
+// One line of 1, 3 or 4 interleaved samples into RGBA pixels of T, alpha full where the line
+// has none.
+template <class T, class S>
+void Expand(T* out, const S* in, std::int32_t channels, std::size_t n) {
+  constexpr T kFull = static_cast<T>(~T{0});
+  if (channels == 4 && sizeof(T) == sizeof(S)) {
+    std::memcpy(out, in, n * 4 * sizeof(T));
+  } else if (channels == 4) {
+    for (std::size_t i = 0; i < n * 4; ++i) out[i] = Convert<T>(in[i]);
+  } else if (channels == 3) {
+    for (std::size_t x = 0; x < n; ++x, in += 3, out += 4) {
+      out[0] = Convert<T>(in[0]);
+      out[1] = Convert<T>(in[1]);
+      out[2] = Convert<T>(in[2]);
+      out[3] = kFull;
+    }
+  } else {
+    for (std::size_t x = 0; x < n; ++x, out += 4) {
+      out[0] = out[1] = out[2] = Convert<T>(in[x]);
+      out[3] = kFull;
+    }
+  }
+}
+
+}  // namespace
+
+// A row of an exact QI_ImageRGBA8/QI_ImageRGBA16 as one span of `width` pixels, or null when any
+// of it lies outside the image or its buffer (rows are contiguous in either row order).
+struct qi::LineAccess {
+  static void* Row(QI_ImageMem* image, std::int32_t row, std::int32_t width, std::size_t bytes) {
+    void* first = image->pixelAt(0, row, bytes);
+    return first && image->pixelAt(width - 1, row, bytes) ? first : nullptr;
+  }
+};
+
+namespace {
+
+template <class S>
+void StoreLine(QI_ImageMem* dest, std::int32_t row, const S* samples, std::int32_t channels,
+               std::int32_t width, bool throughSetPixel) {
+  if (!dest || !samples || width < 1 || (channels != 1 && channels != 3 && channels != 4)) return;
+  const auto n = static_cast<std::size_t>(width);
+  const std::type_info& type = typeid(*dest);
+  if (type == typeid(QI_ImageRGBA16)) {
+    if (void* p = qi::LineAccess::Row(dest, row, width, 8)) {
+      Expand(static_cast<std::uint16_t*>(p), samples, channels, n);
+      return;
+    }
+  } else if (type == typeid(QI_ImageRGBA8)) {
+    if (void* p = qi::LineAccess::Row(dest, row, width, 4)) {
+      Expand(static_cast<std::uint8_t*>(p), samples, channels, n);
+      return;
+    }
+  }
+  constexpr S kFull = static_cast<S>(~S{0});
+  const std::size_t step = static_cast<std::size_t>(channels);
+  for (std::size_t x = 0; x < n; ++x) {
+    const S* r = samples + x * step;
+    const S* g = channels >= 3 ? r + 1 : r;
+    const S* b = channels >= 3 ? r + 2 : r;
+    const S* a = channels == 4 ? r + 3 : nullptr;
+    const auto xi = static_cast<std::int32_t>(x);
+    if (throughSetPixel)
+      dest->setPixel(xi, row, r, g, b, a, sizeof(S) == 1 ? QI_DEPTH_8 : QI_DEPTH_16);
+    else if constexpr (sizeof(S) == 1)
+      dest->setPixel8(xi, row, *r, *g, *b, a ? *a : kFull);
+    else
+      dest->setPixel16(xi, row, *r, *g, *b, a ? *a : kFull);
+  }
+}
+
+}  // namespace
+
+void qi::StoreLine8(QI_ImageMem* dest, std::int32_t row, const std::uint8_t* samples,
+                    std::int32_t channels, std::int32_t width, bool throughSetPixel) {
+  StoreLine(dest, row, samples, channels, width, throughSetPixel);
+}
+
+void qi::StoreLine16(QI_ImageMem* dest, std::int32_t row, const std::uint16_t* samples,
+                     std::int32_t channels, std::int32_t width, bool throughSetPixel) {
+  StoreLine(dest, row, samples, channels, width, throughSetPixel);
+}

@@ -30,6 +30,7 @@ std::uint8_t Field(std::uint32_t px, std::uint32_t mask, std::uint8_t empty) {
   const int shift = std::countr_zero(mask);
   const std::uint64_t max = mask >> shift;
   const std::uint64_t v = (px & mask) >> shift;
+  if (max == 255) return static_cast<std::uint8_t>(v);  // exact: no scaling to do
   return static_cast<std::uint8_t>((v * 255 + max / 2) / max);
 }
 
@@ -276,38 +277,47 @@ bool QI_ImageBMP::readRleLine() {
   }
 }
 
+// Each line is decoded into one RGB(A) line buffer and stored whole.
 std::int32_t QI_ImageBMP::readLine(QI_ImageMem* dest, std::int32_t row) {
   if (!stream_ || !dest || row < 0 || row >= dest->getHeight() || dest->getWidth() < width_ ||
       row_.empty())
     return 0;
+  const std::size_t w = static_cast<std::size_t>(width_);
+  const std::int32_t channels = coding_ == 3 && masks_[3] != 0 ? 4 : 3;
+  try {
+    line_.resize(w * static_cast<std::size_t>(channels));
+  } catch (const std::bad_alloc&) {
+    return Fail("out of memory\n");
+  }
+  std::uint8_t* o = line_.data();
+  const std::uint8_t* p = row_.data();
   if (coding_ == 1 || coding_ == 2) {
     if (!readRleLine()) return Fail("EOF / read error\n");
-    for (std::int32_t x = 0; x < width_; ++x) {
-      const std::uint8_t* c = &map_[row_[x] * 3u];
-      dest->setPixel8(x, row, c[0], c[1], c[2], 255);
-    }
-    return 1;
-  }
-  if (std::fread(row_.data(), 1, rowBytes_, stream_) != rowBytes_)
+    for (std::size_t x = 0; x < w; ++x, o += 3) std::copy_n(&map_[p[x] * 3u], 3, o);
+  } else if (std::fread(row_.data(), 1, rowBytes_, stream_) != rowBytes_) {
     return Fail("EOF / read error\n");
-  const std::uint8_t* p = row_.data();
-  for (std::int32_t x = 0; x < width_; ++x) {
-    if (bits_ <= 8) {
-      const std::size_t bit = static_cast<std::size_t>(x) * bits_;
+  } else if (bits_ <= 8) {
+    for (std::size_t x = 0; x < w; ++x, o += 3) {
+      const std::size_t bit = x * static_cast<std::size_t>(bits_);
       const unsigned i = (p[bit / 8] >> (8 - bits_ - bit % 8)) & ((1u << bits_) - 1);
-      dest->setPixel8(x, row, map_[i * 3], map_[i * 3 + 1], map_[i * 3 + 2], 255);
-      continue;
+      std::copy_n(&map_[i * 3], 3, o);
     }
-    std::uint32_t px = 0;
-    if (bits_ == 16)
-      px = vx::LoadLE16(p + x * 2);
-    else if (bits_ == 24)
-      px = p[x * 3] | p[x * 3 + 1] << 8 | static_cast<std::uint32_t>(p[x * 3 + 2]) << 16;
-    else
-      px = vx::LoadLE32(p + x * 4);
-    dest->setPixel8(x, row, Field(px, masks_[0], 0), Field(px, masks_[1], 0),
-                    Field(px, masks_[2], 0), Field(px, masks_[3], 255));
+  } else if (bits_ == 24) {  // the fixed 8-8-8 masks: blue, green, red bytes
+    for (std::size_t x = 0; x < w; ++x, o += 3, p += 3) {
+      o[0] = p[2];
+      o[1] = p[1];
+      o[2] = p[0];
+    }
+  } else {
+    for (std::size_t x = 0; x < w; ++x, o += channels) {
+      const std::uint32_t px = bits_ == 16 ? vx::LoadLE16(p + x * 2) : vx::LoadLE32(p + x * 4);
+      o[0] = Field(px, masks_[0], 0);
+      o[1] = Field(px, masks_[1], 0);
+      o[2] = Field(px, masks_[2], 0);
+      if (channels == 4) o[3] = Field(px, masks_[3], 255);
+    }
   }
+  qi::StoreLine8(dest, row, line_.data(), channels, width_);
   return 1;
 }
 

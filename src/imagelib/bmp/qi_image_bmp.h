@@ -38,8 +38,9 @@ class QI_ImageBMP : public QI_ImageFile {
   std::uint32_t masks_[4] = {};  // red, green, blue, alpha
   std::int32_t mapSize_ = 0;
   std::array<std::uint8_t, 256 * 3> map_{};
-  std::vector<std::uint8_t> row_;  // one stored line, or one line of RLE indices
-  bool rleEnd_ = false;            // end of bitmap seen
-  std::int32_t rleSkipLines_ = 0;  // blank lines still due from a delta
-  std::int32_t rleStartX_ = 0;     // where the line after a delta starts
+  std::vector<std::uint8_t> row_;   // one stored line, or one line of RLE indices
+  std::vector<std::uint8_t> line_;  // one decoded line, RGB or RGBA
+  bool rleEnd_ = false;             // end of bitmap seen
+  std::int32_t rleSkipLines_ = 0;   // blank lines still due from a delta
+  std::int32_t rleStartX_ = 0;      // where the line after a delta starts
 };

@@ -327,6 +327,18 @@ HRESULT CVxMediaFileParserCEIL::ReadImage(IVxImage** image, std::int32_t frame) 
     // 16-bit files (SGI) go through the 16-bit memory image so no precision is lost.
     const bool deep = file_->getBitsPerChannel() > 8;
     if (!PictureFits(w, h, deep ? 2 : 1)) return E_FAIL;
+    const double fileAspect = file_->getPixelAspect();
+    const double aspect = AspectImposed() ? PixelAspect() : fileAspect > 0.0 ? fileAspect : 1.0;
+
+    IVxImage* dst = *image;
+    if (const HRESULT hr = dst ? ReadStraight(dst, w, h, deep) : S_FALSE; hr != S_FALSE) {
+      if (FAILED(hr)) return hr;
+      // What the conversion below would carry over from the decoded picture.
+      dst->SetPixelAspect(aspect);
+      dst->SetFieldMode(VX_FIELD_PROGRESSIVE);
+      dst->SetTiming(CVxTime{}, CVxTime{});
+      return S_OK;
+    }
     std::unique_ptr<QI_ImageMem> mem = MakeMemImage(deep, w, h);
     if (!file_->read(mem.get())) return E_FAIL;
 
@@ -335,11 +347,9 @@ HRESULT CVxMediaFileParserCEIL::ReadImage(IVxImage** image, std::int32_t frame) 
         FAILED(hr))
       return hr;
     CopyToHost(mem.get(), decoded.get(), static_cast<std::size_t>(w) * 4 * (deep ? 2 : 1));
-    const double fileAspect = file_->getPixelAspect();
-    decoded->SetPixelAspect(AspectImposed() ? PixelAspect() : fileAspect > 0.0 ? fileAspect : 1.0);
+    decoded->SetPixelAspect(aspect);
     decoded->SetFieldMode(VX_FIELD_PROGRESSIVE);
 
-    IVxImage* dst = *image;
     vx::ComPtr<IVxImage> created;
     if (!dst) {
       VxPixelFormat native = NativeFormat();
@@ -357,6 +367,34 @@ HRESULT CVxMediaFileParserCEIL::ReadImage(IVxImage** image, std::int32_t frame) 
     if (created) *image = created.detach();
     return S_OK;
   });
+}
+
+// The host's own 16-bit RGBA image, or 8-bit RGBA for a file of at most 8 bits, holds exactly the
+// values the memory image would: the file's lines go straight into its rows, each stored whole
+// (qi::StoreLine), wrapped top line first. That saves the memory image, the copy into a host
+// image and the conversion: two passes over the picture. S_FALSE leaves anything else to the
+// general path.
+HRESULT CVxMediaFileParserCEIL::ReadStraight(IVxImage* dst, std::int32_t w, std::int32_t h,
+                                             bool deep) {
+  const VxPixelFormat f = dst->GetPixelFormat();
+  const bool wide = f == VX_PF_RGBA16;
+  BYTE* rows = dst->GetBuffer();
+  // RGBA8 only for files of at most 8 bits: memory images narrow 16-bit samples by truncation,
+  // the host's conversion rounds. A row order other than the two reads nothing and is left to
+  // the general path, which answers a black picture.
+  if (!(wide || (f == VX_PF_RGBA8 && !deep)) || !rows || dst->GetWidth() != w ||
+      dst->GetHeight() != h || dst->GetRowStride() != std::int64_t{w} * (wide ? 8 : 4) ||
+      (file_->getBottomUp() != 0 && file_->getBottomUp() != 1))
+    return S_FALSE;
+  std::unique_ptr<QI_ImageMem> view;
+  if (wide)
+    view = std::make_unique<QI_ImageRGBA16>(w, h, rows, true);
+  else
+    view = std::make_unique<QI_ImageRGBA8>(w, h, rows, true);
+  if (file_->read(view.get())) return S_OK;
+  // No half-decoded picture is left in the caller's image.
+  std::memset(rows, 0, static_cast<std::size_t>(dst->GetRowStride()) * static_cast<std::size_t>(h));
+  return E_FAIL;
 }
 
 HRESULT CVxMediaFileParserCEIL::WriteImage(IVxImage* image, std::int32_t frame) {

@@ -51,6 +51,7 @@ class CVxMediaFileParserCEIL : public CVxStillImageParser, public CVxSourceInfoF
 
   // Opens file `index` of the sequence on the file image and reads its header into format_.
   HRESULT LoadFile(std::int32_t index);
+  HRESULT ReadStraight(IVxImage* dst, std::int32_t w, std::int32_t h, bool deep);
   void UnloadFile();
   // Loads the first file of the sequence that loads, unless the record is already filled.
   HRESULT EnsureFormat();

@@ -184,10 +184,16 @@ std::int32_t QI_ImagePCX::readLine(QI_ImageMem* dest, std::int32_t row) {
     }
   }
   if (n != line_.size()) return Fail("EOF / read error\n");
+  try {
+    rgb_.resize(static_cast<std::size_t>(width_) * 3);
+  } catch (const std::bad_alloc&) {
+    return Fail("out of memory\n");
+  }
   const std::uint8_t* p = line_.data();
-  for (std::int32_t x = 0; x < width_; ++x) {
+  std::uint8_t* o = rgb_.data();
+  for (std::int32_t x = 0; x < width_; ++x, o += 3) {
     if (planes_ == 3) {
-      dest->setPixel8(x, row, p[x], p[lineBytes_ + x], p[2 * lineBytes_ + x], 255);
+      o[0] = p[x], o[1] = p[lineBytes_ + x], o[2] = p[2 * lineBytes_ + x];
       continue;
     }
     unsigned i = 0;
@@ -199,8 +205,9 @@ std::int32_t QI_ImagePCX::readLine(QI_ImageMem* dest, std::int32_t row) {
       for (std::int32_t k = 0; k < planes_; ++k)
         i |= ((p[k * lineBytes_ + x / 8] >> (7 - x % 8)) & 1u) << k;
     }
-    dest->setPixel8(x, row, map_[i * 3], map_[i * 3 + 1], map_[i * 3 + 2], 255);
+    std::copy_n(&map_[i * 3], 3, o);
   }
+  qi::StoreLine8(dest, row, rgb_.data(), 3, width_);
   return 1;
 }
 

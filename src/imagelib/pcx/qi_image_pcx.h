@@ -42,4 +42,5 @@ class QI_ImagePCX : public QI_ImageFile {
   std::array<std::uint8_t, 256 * 3> map_{};
   std::vector<std::uint8_t> line_;  // one line of all planes, reused
   std::vector<std::uint8_t> out_;   // one coded line when writing
+  std::vector<std::uint8_t> rgb_;   // one decoded line, stored whole
 };

@@ -1,5 +1,6 @@
 #include "imagelib/ppm/qi_image_ppm.h"
 
+#include <algorithm>
 #include <climits>
 #include <new>
 
@@ -182,16 +183,17 @@ std::int32_t QI_ImagePNM::readLine(QI_ImageMem* dest, std::int32_t row) {
   const std::size_t perLine =
       static_cast<std::size_t>(width_) * static_cast<std::size_t>(fileChannels_);
   const std::uint16_t* s = samples_.data() + static_cast<std::size_t>(height_ - 1 - row) * perLine;
-  const bool wide = maxval_ > 255;
-  for (std::int32_t x = 0; x < width_; ++x, s += fileChannels_) {
-    const std::uint16_t r = s[0], g = s[fileChannels_ == 3 ? 1 : 0],
-                        b = s[fileChannels_ == 3 ? 2 : 0];
-    if (wide)
-      dest->setPixel16(x, row, r, g, b, 65535);
-    else
-      dest->setPixel8(x, row, static_cast<std::uint8_t>(r), static_cast<std::uint8_t>(g),
-                      static_cast<std::uint8_t>(b), 255);
+  if (maxval_ > 255) {
+    qi::StoreLine16(dest, row, s, fileChannels_, width_);
+    return 1;
   }
+  try {
+    bytes_.resize(perLine);
+  } catch (const std::bad_alloc&) {
+    return Fail("out of memory\n");
+  }
+  std::copy_n(s, perLine, bytes_.begin());  // samples of at most 255 each
+  qi::StoreLine8(dest, row, bytes_.data(), fileChannels_, width_);
   return 1;
 }
 

@@ -45,6 +45,7 @@ class QI_ImagePNM : public QI_ImageFile {
   bool loaded_ = false;
   std::vector<std::uint16_t> samples_;  // the whole raster, top line first
   std::vector<std::uint8_t> line_;      // one stored line, reused
+  std::vector<std::uint8_t> bytes_;     // one 8-bit line handed to the memory image
 };
 
 class QI_ImagePPM : public QI_ImagePNM {

@@ -112,6 +112,7 @@ std::int32_t QI_ImageSGI::close() {
   starts_ = {};
   lengths_ = {};
   writing_ = false;
+  at_ = ~std::uint64_t{0};
   return 1;
 }
 
@@ -174,48 +175,95 @@ std::int32_t QI_ImageSGI::readHeader() {
     }
   }
   lineCounter_ = 0;
+  at_ = storage == 1 ? kHeaderSize + 8 * rows : kHeaderSize;
   return 1;
 }
 
-bool QI_ImageSGI::ReadRow(std::uint32_t r, std::uint16_t* out) {
-  const std::size_t bpc = static_cast<std::size_t>(bitsPerChannel_ / 8);
-  const std::size_t width = static_cast<std::size_t>(width_);
-  if (compression_ != QI_COMPRESSION_RLE) {
-    bytes_.resize(width * bpc);
-    if (!SeekTo(stream_, kHeaderSize + std::uint64_t{r} * width * bpc) ||
-        std::fread(bytes_.data(), 1, bytes_.size(), stream_) != bytes_.size())
-      return false;
-    for (std::size_t x = 0; x < width; ++x)
-      out[x] = bpc == 1 ? bytes_[x] : vx::LoadBE16(&bytes_[2 * x]);
+namespace {
+
+// Sample i of a row of big-endian T-sized units.
+template <class T>
+T Unit(const std::uint8_t* in, std::size_t i) {
+  if constexpr (sizeof(T) == 1)
+    return in[i];
+  else
+    return vx::LoadBE16(in + 2 * i);
+}
+
+// One channel row of `units` stored samples into every `stride`-th sample of `out` (one line of
+// `width` pixels): verbatim, or run-length codes with the count in the low 7 bits of a unit. A run
+// past the line end fails; a row that ends early leaves the rest of its line black.
+template <class T>
+bool UnpackRow(const std::uint8_t* in, std::size_t units, bool rle, T* out, std::size_t stride,
+               std::size_t width) {
+  if (!rle) {
+    if (units < width) return false;
+    for (std::size_t x = 0; x < width; ++x) out[x * stride] = Unit<T>(in, x);
     return true;
   }
-  if (r >= starts_.size()) return false;
-  bytes_.resize(lengths_[r]);
-  if (!SeekTo(stream_, starts_[r]) ||
-      std::fread(bytes_.data(), 1, bytes_.size(), stream_) != bytes_.size())
-    return false;
-  const std::size_t units = bytes_.size() / bpc;
-  const auto unit = [&](std::size_t i) -> std::uint16_t {
-    return bpc == 1 ? bytes_[i] : vx::LoadBE16(&bytes_[2 * i]);
-  };
   std::size_t i = 0, x = 0;
   while (i < units) {
-    const std::uint16_t c = unit(i++);
+    const unsigned c = Unit<T>(in, i++);
     const std::size_t n = c & 0x7F;
     if (n == 0) break;
     if (n > width - x) return false;  // a run past the line end
+    T* o = out + x * stride;
     if (c & 0x80) {
       if (n > units - i) return false;
-      for (std::size_t k = 0; k < n; ++k) out[x++] = unit(i++);
+      for (std::size_t k = 0; k < n; ++k) o[k * stride] = Unit<T>(in, i + k);
+      i += n;
     } else {
       if (i >= units) return false;
-      const std::uint16_t v = unit(i++);
-      std::fill_n(out + x, n, v);
-      x += n;
+      const T v = Unit<T>(in, i++);
+      for (std::size_t k = 0; k < n; ++k) o[k * stride] = v;
     }
+    x += n;
   }
-  // A row that ends early leaves the rest of its line black.
-  std::fill(out + x, out + width, std::uint16_t{0});
+  for (; x < width; ++x) out[x * stride] = 0;
+  return true;
+}
+
+}  // namespace
+
+// Rows of one line usually follow each other in the file: the stream is moved only when the
+// next row is somewhere else.
+bool QI_ImageSGI::FetchRow(std::uint32_t r) {
+  const std::size_t bpc = static_cast<std::size_t>(bitsPerChannel_ / 8);
+  std::uint64_t at = 0;
+  if (compression_ != QI_COMPRESSION_RLE) {
+    at = kHeaderSize + std::uint64_t{r} * static_cast<std::size_t>(width_) * bpc;
+    bytes_.resize(static_cast<std::size_t>(width_) * bpc);
+  } else {
+    if (r >= starts_.size()) return false;
+    at = starts_[r];
+    bytes_.resize(lengths_[r]);
+  }
+  if (at != at_ && !SeekTo(stream_, at)) return false;
+  at_ = ~std::uint64_t{0};
+  if (std::fread(bytes_.data(), 1, bytes_.size(), stream_) != bytes_.size()) return false;
+  at_ = at + bytes_.size();
+  return true;
+}
+
+// Each channel row is decoded straight into its place in one interleaved line, which is stored
+// whole: no pass over the line but the decode and the store.
+template <class T>
+bool QI_ImageSGI::ReadLineAs(std::vector<T>* line, QI_ImageMem* dest, std::int32_t row) {
+  const std::size_t width = static_cast<std::size_t>(width_);
+  const std::size_t channels = static_cast<std::size_t>(channels_);
+  line->resize(width * channels);
+  for (std::size_t c = 0; c < channels; ++c) {
+    const auto r = static_cast<std::uint32_t>(c * static_cast<std::size_t>(height_) +
+                                              static_cast<std::size_t>(lineCounter_));
+    if (!FetchRow(r) ||
+        !UnpackRow(bytes_.data(), bytes_.size() / sizeof(T), compression_ == QI_COMPRESSION_RLE,
+                   line->data() + c, channels, width))
+      return false;
+  }
+  if constexpr (sizeof(T) == 1)
+    qi::StoreLine8(dest, row, line->data(), channels_, width_, true);
+  else
+    qi::StoreLine16(dest, row, line->data(), channels_, width_, true);
   return true;
 }
 
@@ -223,35 +271,11 @@ std::int32_t QI_ImageSGI::readLine(QI_ImageMem* dest, std::int32_t row) {
   if (!stream_ || !dest || lineCounter_ >= height_ || row < 0 || row >= dest->getHeight() ||
       dest->getWidth() < width_ || width_ <= 0)
     return 0;
-  const std::size_t width = static_cast<std::size_t>(width_);
   try {
-    samples_.resize(width * static_cast<std::size_t>(channels_));
+    if (!(bitsPerChannel_ == 8 ? ReadLineAs(&line8_, dest, row) : ReadLineAs(&samples_, dest, row)))
+      return 0;
   } catch (const std::bad_alloc&) {
     return 0;
-  }
-  for (std::int32_t c = 0; c < channels_; ++c) {
-    const auto r = static_cast<std::uint32_t>(c * height_ + lineCounter_);
-    if (!ReadRow(r, &samples_[static_cast<std::size_t>(c) * width])) return 0;
-  }
-  const std::uint16_t* s = samples_.data();
-  const std::uint16_t* ch[4] = {s, s, s, nullptr};
-  if (channels_ >= 3) {
-    ch[1] = s + width;
-    ch[2] = s + 2 * width;
-  }
-  if (channels_ == 4) ch[3] = s + 3 * width;
-  if (bitsPerChannel_ == 8) {
-    for (std::size_t x = 0; x < width; ++x) {
-      const std::uint8_t v[4] = {
-          static_cast<std::uint8_t>(ch[0][x]), static_cast<std::uint8_t>(ch[1][x]),
-          static_cast<std::uint8_t>(ch[2][x]), static_cast<std::uint8_t>(ch[3] ? ch[3][x] : 0)};
-      dest->setPixel(static_cast<std::int32_t>(x), row, &v[0], &v[1], &v[2],
-                     ch[3] ? &v[3] : nullptr, QI_DEPTH_8);
-    }
-  } else {
-    for (std::size_t x = 0; x < width; ++x)
-      dest->setPixel(static_cast<std::int32_t>(x), row, &ch[0][x], &ch[1][x], &ch[2][x],
-                     ch[3] ? &ch[3][x] : nullptr, QI_DEPTH_16);
   }
   ++lineCounter_;
   return 1;

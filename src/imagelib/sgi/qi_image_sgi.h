@@ -32,7 +32,9 @@ class QI_ImageSGI : public QI_ImageFile {
   bool headerInReaderOrder() const { return readerOrder_; }
 
  private:
-  bool ReadRow(std::uint32_t r, std::uint16_t* out);
+  bool FetchRow(std::uint32_t r);
+  template <class T>
+  bool ReadLineAs(std::vector<T>* line, QI_ImageMem* dest, std::int32_t row);
   bool WriteRow(std::uint32_t r, const std::uint16_t* in);
   void EncodeRow(const std::uint16_t* in);
 
@@ -41,8 +43,10 @@ class QI_ImageSGI : public QI_ImageFile {
   std::int32_t lineCounter_ = 0;
   bool readerOrder_ = false;
   bool writing_ = false;
-  std::uint64_t fileEnd_ = 0;  // where the next run-length row goes
+  std::uint64_t fileEnd_ = 0;             // where the next run-length row goes
+  std::uint64_t at_ = ~std::uint64_t{0};  // where the stream stands after the last row read
   // Per-line buffers, reused from line to line.
   std::vector<std::uint8_t> bytes_;
   std::vector<std::uint16_t> samples_;
+  std::vector<std::uint8_t> line8_;
 };
