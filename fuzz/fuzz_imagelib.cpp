@@ -15,6 +15,7 @@
 #include <system_error>
 #include <vector>
 
+#include "base/bytes.h"
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/sgi/qi_image_sgi.h"
 #include "vx/platform.h"
@@ -97,6 +98,33 @@ std::vector<Bytes> Seeds() {
   Bytes map(1 + 768 + 9, 0);
   map[0] = 10, map[769] = 0xFF;
   seeds.push_back(map);
+  // RLA layouts our writer does not produce: 16-bit classic, ":00:", 10-bit and float newer
+  // layout, and two images chained through the next-image offset.
+  const auto rla = [](int storage, int revision, int bits, const char* time, Bytes line) {
+    Bytes f(744, 0);
+    f[11] = 1, f[19] = static_cast<std::uint8_t>(storage), f[21] = 1, f[23] = 1;
+    f[26] = static_cast<std::uint8_t>(revision >> 8), f[27] = static_cast<std::uint8_t>(revision);
+    f[659] = f[663] = static_cast<std::uint8_t>(bits);
+    for (int i = 0; time[i]; ++i) f[614 + i] = static_cast<std::uint8_t>(time[i]);
+    f[742] = 2, f[743] = 0xE8;
+    f.insert(f.end(), line.begin(), line.end());
+    return f;
+  };
+  const Bytes planes = {0, 5, 0xFC, 1, 2, 3, 4, 0, 3, 1, 0xFF, 0};
+  Bytes two = rla(0, 0xFFFE, 8, "", {0, 2, 1, 9, 0, 2, 1, 200});
+  const Bytes second = rla(0, 0xFFFE, 8, "", {0, 3, 0xFE, 7, 8, 0, 2, 1, 99});
+  const auto shift = static_cast<std::uint32_t>(two.size());
+  vx::StoreBE32(&two[736], shift);
+  two.insert(two.end(), second.begin(), second.end());
+  vx::StoreBE32(&two[shift + 740], shift + 744);
+  for (Bytes f :
+       {rla(1, 0, 0, "", planes), rla(1, 0, 0, "12:00:00", planes), rla(0, 0xFFFE, 10, "", planes),
+        rla(4, 0xFFFE, 32, "",
+            {0, 8, 0, 0, 0x40, 0x3F, 0, 0, 0x80, 0x3F, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0x3F}),
+        two}) {
+    f.insert(f.begin(), 1);
+    seeds.push_back(std::move(f));
+  }
   return seeds;
 }
 

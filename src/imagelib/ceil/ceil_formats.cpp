@@ -8,6 +8,7 @@
 #include "imagelib/jpeg/qi_image_jpeg.h"
 #include "imagelib/mi/qi_image_mi.h"
 #include "imagelib/sgi/qi_image_sgi.h"
+#include "imagelib/wave/qi_image_wave.h"
 
 namespace vx::ceil {
 namespace {
@@ -39,7 +40,7 @@ constexpr std::int32_t kPackBits[] = {QI_COMPRESSION_PACKBITS};
 // A format gets its class by replacing its nullptr with &Make<QI_ImageXxx>.
 const CeilFormat kFormats[] = {
     {5, &Make<QI_ImageSGI>, kNoneRle},  // "SGI"
-    {6, nullptr, kRle},                 // QI_ImageWAVE, "WAVEFRONT"
+    {6, &Make<QI_ImageWAVE>, kRle},     // "WAVEFRONT"
     {7, nullptr, kPackBits},            // QI_ImagePICT, "PICT"
     {8, &Make<QI_ImagePCX>, kRle},      // "PCX"
     {9, &Make<QI_ImageBMP>, kNone},     // "BMP": run-length is read only
