@@ -19,11 +19,16 @@ bool Sh(const std::string& cmd) {
   return std::system((cmd + " 2>/dev/null").c_str()) == 0;
 }
 
-// ImageMagick's decode of `name` as 8-bit RGB, top line first; empty when it failed.
+// ImageMagick's decode of `name` as RGB, top line first, the high bytes of its 16-bit values (its
+// own 8-bit output rounds colour-table entries); empty when it failed.
 Bytes Decoded(const TempDir& dir, const std::string& name) {
-  if (!Sh("convert " + vxtest::Quote(dir / name) + " -depth 8 rgb:" + vxtest::Quote(dir / "dump")))
+  if (!Sh("convert " + vxtest::Quote(dir / name) +
+          " -depth 16 -endian MSB rgb:" + vxtest::Quote(dir / "dump")))
     return {};
-  return vxtest::ReadFile(dir / "dump");
+  const Bytes b = vxtest::ReadFile(dir / "dump");
+  Bytes high;
+  for (std::size_t i = 0; i < b.size(); i += 2) high.push_back(b[i]);
+  return high;
 }
 
 // Our decode as 8-bit RGB, top line first, through a 16-bit image (the high bytes).

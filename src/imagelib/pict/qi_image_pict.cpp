@@ -552,8 +552,8 @@ bool QI_ImagePICT::PixelRecord(QI_ImagePICT& p, std::int32_t op) {
       need = 2 * w;
       break;
     case 32:
-      if (r.packType != 1 && r.rowBytes >= 8 && r.cmpCount != 3 && r.cmpCount != 4) return false;
-      need = r.packType == 1 || r.rowBytes < 8 ? 4 * w : r.cmpCount * w;
+      if (r.packType != 1 && r.cmpCount != 3 && r.cmpCount != 4) return false;
+      need = r.packType == 1 ? 4 * w : r.cmpCount * w;
       break;
     default:
       std::fputs("bad bits per pixel in expand_buf\n", stderr);
@@ -623,7 +623,7 @@ bool QI_ImagePICT::ExpandRow(const Record& r) {
       d[3 * x + 1] = static_cast<std::uint16_t>(((v >> 5) & 31) << 11);
       d[3 * x + 2] = static_cast<std::uint16_t>((v & 31) << 11);
     }
-  } else if (r.packType == 1 || r.rowBytes < 8) {
+  } else if (r.packType == 1) {
     for (std::int32_t x = 0; x < w; ++x)
       for (int c = 0; c < 3; ++c) d[3 * x + c] = static_cast<std::uint16_t>(s[4 * x + 1 + c] << 8);
   } else {
@@ -741,8 +741,8 @@ std::int32_t QI_ImagePICT::writeHeader() {
     return fail();
   const auto w = static_cast<std::uint16_t>(width_), h = static_cast<std::uint16_t>(height_);
   const std::uint16_t rect[4] = {0, 0, h, w};
-  // One pixel a row is below PackBits' 8-byte minimum: such rows go unpacked, four bytes a pixel.
-  const std::uint16_t packType = width_ > 1 ? 4 : 1;
+  // Rows of one pixel are stored whole, and other readers take them as the components alone.
+  const std::int32_t rowBytes = width_ == 1 ? (channels_ == 4 ? 4 : 3) : 4 * width_;
   std::vector<std::uint16_t> words = {0};  // the picture size, set at close
   words.insert(words.end(), rect, rect + 4);
   const std::uint16_t head[] = {0x0011, 0x02FF, 0x0C00, 0xFFFE, 0, 0x48, 0, 0x48, 0};
@@ -751,29 +751,14 @@ std::int32_t QI_ImagePICT::writeHeader() {
   const std::uint16_t clip[] = {0, 0, 0x001E, 0x0001, 10};
   words.insert(words.end(), clip, clip + 5);
   words.insert(words.end(), rect, rect + 4);
-  const std::uint16_t pixmap[] = {0x009A, 0, 0x00FF,
-                                  static_cast<std::uint16_t>(0x8000 | 4 * width_)};
+  const std::uint16_t pixmap[] = {0x009A, 0, 0x00FF, static_cast<std::uint16_t>(0x8000 | rowBytes)};
   words.insert(words.end(), pixmap, pixmap + 4);
   words.insert(words.end(), rect, rect + 4);
-  const std::uint16_t fields[] = {0,
-                                  packType,
-                                  0,
-                                  0,
-                                  0x48,
-                                  0,
-                                  0x48,
-                                  0,
-                                  16,
-                                  32,
-                                  static_cast<std::uint16_t>(channels_ == 4 ? 4 : 3),
-                                  8,
-                                  0,
-                                  0,
-                                  0,
-                                  0,
-                                  0,
-                                  0};
+  // Version 0, pack type 4 (planes), 72 dpi, RGBDirect, 32 bits in 3 or 4 components of 8.
+  const auto cmp = static_cast<std::uint16_t>(channels_ == 4 ? 4 : 3);
+  const std::uint16_t fields[] = {0, 4, 0, 0, 0x48, 0, 0x48, 0, 16, 32, cmp, 8};
   words.insert(words.end(), fields, fields + sizeof fields / 2);
+  words.insert(words.end(), 6, 0);            // plane bytes, table, reserved
   words.insert(words.end(), rect, rect + 4);  // source
   words.insert(words.end(), rect, rect + 4);  // destination
   words.push_back(0);                         // srcCopy
@@ -787,30 +772,26 @@ std::int32_t QI_ImagePICT::writeHeader() {
   return 1;
 }
 
+// A row's planes (alpha first when kept), PackBits-coded plane by plane after the row's byte
+// count. One pixel a row is below PackBits' 8-byte minimum: such rows go whole.
 bool QI_ImagePICT::EncodeRow(QI_ImageMem* src, std::int32_t row) {
   const std::size_t w = static_cast<std::size_t>(width_);
-  const std::size_t planes = channels_ == 4 ? 4 : 3, skip = 4 - planes;
-  raw_.resize(4 * w);
+  const std::size_t planes = channels_ == 4 ? 4 : 3, first = 4 - planes;
+  raw_.assign(4 * w, 0);
   for (std::size_t x = 0; x < w; ++x) {
     std::uint8_t v[4];
     src->getPixel8(static_cast<std::int32_t>(x), row, &v[1], &v[2], &v[3], &v[0]);
-    if (planes == 3) v[0] = 0;
-    if (w == 1) {
-      std::memcpy(&raw_[0], v, 4);
-    } else {
-      for (std::size_t c = skip; c < 4; ++c) raw_[(c - skip) * w + x] = v[c];
-    }
+    for (std::size_t c = first; c < 4; ++c) raw_[(c - first) * w + x] = v[c];
   }
-  packed_.clear();
   if (w == 1) {
-    packed_.assign(raw_.begin(), raw_.end());
+    packed_.assign(raw_.begin(), raw_.begin() + static_cast<std::ptrdiff_t>(planes));
     return true;
   }
-  const bool wideCount = 4 * w > 250;
-  packed_.resize(wideCount ? 2 : 1);
+  const std::size_t countBytes = 4 * w > 250 ? 2 : 1;
+  packed_.assign(countBytes, 0);
   for (std::size_t c = 0; c < planes; ++c) PackBits(&raw_[c * w], w, &packed_);
-  const std::size_t n = packed_.size() - (wideCount ? 2 : 1);
-  if (wideCount)
+  const std::size_t n = packed_.size() - countBytes;
+  if (countBytes == 2)
     vx::StoreBE16(packed_.data(), static_cast<std::uint16_t>(n));
   else
     packed_[0] = static_cast<std::uint8_t>(n);
