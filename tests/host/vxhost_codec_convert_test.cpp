@@ -47,7 +47,7 @@ TEST(VxhostCodecConvert, EachFormatKeepsWhatItHoldsBothWays) {
   } cases[] = {
       {"sgi", 0, "src.dpx"},   {"ppm", 0, "src.dpx"},    {"bmp", 128, "src.dpx"},
       {"pcx", 128, "src.dpx"}, {"jpg", 2600, "src.dpx"}, {"pgm", 128, "grey.pgm"},
-      {"als", -1, ""},
+      {"pct", 128, "src.dpx"}, {"als", -1, ""},
   };
   // Our grey is .30 R + .59 G + .11 B of the coded values.
   const std::string grey = "convert " + Quote(dir / "src.dpx") +
