@@ -73,6 +73,7 @@ TEST(Pict, OpcodesRecordsAndBadFiles) {
       {"0x0C00, 0x00A5 and 0x8100 lengths",
        Pict(8, 1, W({0x0C00}) + Bytes(24, 0xFF) + W({0xA5, 2, 0xFFFF, 0x8100, 0, 2, 0}) + bits), 1, "", {{3, 0, kWhite}}},
       {"empty picture", Pict(3, 2, W({0x001E, 0x00FF})), 1, "", {{0, 0, kWhite}, {2, 1, kWhite}}},
+      {"empty 30000 x 30000 picture", Pict(30000, 30000, W({0x00FF})), -1, "", {}},
       {"line drawing", Pict(4, 3, W({0x0020, 0, 0, 2, 3, 0x00FF})), 1, "",
        {{0, 0, kBlack}, {1, 1, kBlack}, {2, 1, kBlack}, {3, 2, kBlack}, {1, 0, kWhite}, {2, 2, kWhite}}},
       {"a line before the pixels", Pict(8, 1, W({0x0022, 0, 0, 0x0300}) + bits), -1, "", {}},

@@ -11,7 +11,9 @@ namespace {
 
 constexpr std::uint64_t kPrefix = 512;
 // The line drawing keeps a byte a pixel; a frame past this is refused rather than allocated.
+// Nor does a picture get more pixels than this beyond what its pixel record justifies.
 constexpr std::uint64_t kMaxDrawing = std::uint64_t{1} << 26;
+constexpr std::uint64_t kMaxBlank = kMaxDrawing;
 // 32-bit rows of four bytes a pixel must fit in rowBytes' 15 bits.
 constexpr std::int32_t kMaxWriteWidth = 0x7FFF / 4;
 
@@ -411,7 +413,11 @@ std::int32_t QI_ImagePICT::readHeader() {
         op = Byte();
       }
       if (hitEnd_) return fail();
-      if (op == 0x00FF) return 1;  // an empty picture, or a line drawing
+      // An empty picture, or a line drawing; blank paper is not worth more than kMaxBlank.
+      if (op == 0x00FF)
+        return drawing_ || std::uint64_t(width_) * static_cast<std::uint64_t>(height_) <= kMaxBlank
+                   ? 1
+                   : fail();
       if (const QI_PictOpcode* e = opcodeEntry(op)) {
         if (e->handler) {
           if (op >= 0x20 && op <= 0x23 && !drawing_ && !StartDrawing()) return fail();
@@ -560,10 +566,21 @@ bool QI_ImagePICT::PixelRecord(QI_ImagePICT& p, std::int32_t op) {
       return false;
   }
   if (need > r.rowBytes) return false;
-  // Every packed row has its byte count at least: a record the file cannot hold is refused
-  // before any of it is decoded.
-  const std::uint64_t counts = std::uint64_t(r.height) * (r.rowBytes > 250 ? 2 : 1);
-  if (r.rowBytes >= 8 && p.fileSize_ - std::min(p.fileSize_, p.pos_) < counts) return false;
+  // A packed row holds its count and at least one control and unit per 128 units: a record the
+  // file cannot hold so is refused before any of it is decoded. Rows stored whole (below 8
+  // bytes) carry on past a cut end instead.
+  if (r.rowBytes >= 8) {
+    const std::uint64_t unit = r.pixelSize == 16 ? 2 : 1;
+    const std::uint64_t row =
+        (r.rowBytes > 250 ? 2 : 1) +
+        (static_cast<std::uint64_t>(need) + 128 * unit - 1) / (128 * unit) * (1 + unit);
+    if (p.fileSize_ - std::min(p.fileSize_, p.pos_) < row * static_cast<std::uint64_t>(r.height))
+      return false;
+  }
+  // The frame may be larger than the record, but not by a picture's worth of blank paper.
+  const std::uint64_t frame = std::uint64_t(p.width_) * static_cast<std::uint64_t>(p.height_);
+  if (frame > kMaxBlank && frame / 2 > std::uint64_t(w) * static_cast<std::uint64_t>(r.height))
+    return false;
   r.present = true;
   p.record_ = std::move(r);
   return true;
