@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <initializer_list>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -71,6 +72,53 @@ Bytes Written(QI_ImageFile& file, std::uint8_t pick) {
   return out;
 }
 
+// Big-endian words.
+Bytes W(std::initializer_list<int> words) {
+  Bytes b;
+  for (int v : words) b.push_back(static_cast<std::uint8_t>(v >> 8)), b.push_back(v & 0xFF);
+  return b;
+}
+
+// PICT files of what our writer never makes (pick 2): version 1, indices with colour tables and
+// regions, 5-5-5 runs, two-byte row counts, patterns, text and line drawings.
+void PictSeeds(std::vector<Bytes>* seeds) {
+  const auto pict = [&](int w, int h, const Bytes& ops) {
+    Bytes s(513, 0);
+    s[0] = 2;
+    const Bytes head = W({0, 0, 0, h, w});
+    s.insert(s.end(), head.begin(), head.end());
+    s.insert(s.end(), ops.begin(), ops.end());
+    seeds->push_back(s);
+  };
+  const Bytes rect8 = W({0, 0, 1, 8});
+  Bytes v1 = {0x11, 1, 0x01, 0, 10};
+  for (int i = 0; i < 4; ++i) v1.insert(v1.end(), rect8.begin(), rect8.end());
+  v1.insert(v1.begin() + 13, {0x90, 0, 2});
+  v1.insert(v1.end(), {0, 0, 0xA5, 0, 0xFF});
+  pict(8, 1, v1);
+  pict(8, 2,
+       W({0x0011, 0x02FF, 0x001E, 0x0180, 0x0102, 0x0300, 0x00A1, 5, 3, 0x4142, 0x4300, 0x0099,
+          0x8002, 0,      0,      2,      8,      0,      0,      0, 0, 0x48,   0,      0x48,
+          0,      0,      2,      1,      2,      0,      0,      0, 0, 0,      0,      0,
+          0,      0x8000, 3,      0,      0xFFFF, 0,      0,      0, 0, 0xFFFF, 0,      0,
+          0,      0,      0xFFFF, 0,      0x8000, 0x8000, 0x8000, 0, 0, 2,      8,      0,
+          0,      2,      8,      0,      10,     0,      0,      2, 8, 0x1B1B, 0xE4E4, 0x00FF}));
+  pict(16, 16, W({0x0011, 0x02FF, 0x0012, 2,      0,      0,      0,      0,      0x1111, 0x2222,
+                  0x3333, 0x0013, 1,      0,      0,      0,      0,      1,      0,      0,
+                  2,      8,      0xAA55, 0x0020, 1,      1,      14,     14,     0x0021, 0,
+                  15,     0x0022, 3,      3,      0x05FB, 0x0023, 0x0202, 0x0028, 2,      2,
+                  0x0341, 0x4243, 0x002B, 0x0102, 0x0141, 0x00FF}));
+  pict(4, 2, W({0x0011, 0x02FF, 0x009A, 0,      0xFF,   0x8008, 0,      0,      2,     4, 0, 3,
+                0,      0,      0x48,   0,      0x48,   0,      16,     16,     3,     5, 0, 0,
+                0,      0,      0,      0,      0,      0,      2,      4,      0,     0, 2, 4,
+                0,      0x03FD, 0x7C00, 0x0903, 0x001F, 0x03E0, 0x7C00, 0x7FFF, 0x00FF}));
+  pict(260, 1, W({0x0011, 0x02FF, 0x0098, 0x8104, 0,      0,      1,     260, 0,   0,      0,
+                  0,      0x48,   0,      0x48,   0,      0,      8,     1,   8,   0,      0,
+                  0,      0,      0,      0,      0,      0,      0,     1,   0,   0x1111, 0x2222,
+                  0x3333, 1,      0xAAAA, 0xBBBB, 0xCCCC, 0,      0,     1,   260, 0,      0,
+                  1,      260,    0,      4,      0x8101, 0x8500, 0x00FF}));
+}
+
 std::vector<Bytes> Seeds() {
   std::vector<Bytes> seeds;
   for (int type : {QI_PIXEL_GRAY, QI_PIXEL_RGB, QI_PIXEL_RGBA})
@@ -125,6 +173,7 @@ std::vector<Bytes> Seeds() {
     f.insert(f.begin(), 1);
     seeds.push_back(std::move(f));
   }
+  PictSeeds(&seeds);
   return seeds;
 }
 

@@ -45,9 +45,11 @@ TEST(VxhostCodecConvert, EachFormatKeepsWhatItHoldsBothWays) {
     long tolerance;       // against the source, 16-bit units; -1: ImageMagick does not read it
     const char* against;  // what the target is compared with
   } cases[] = {
-      {"sgi", 0, "src.dpx"},   {"ppm", 0, "src.dpx"},    {"bmp", 128, "src.dpx"},
-      {"pcx", 128, "src.dpx"}, {"jpg", 2600, "src.dpx"}, {"pgm", 128, "grey.pgm"},
-      {"als", -1, ""},         {"rla", -1, ""},  // ImageMagick 6 reads one-line RLA files only
+      {"sgi", 0, "src.dpx"},    {"ppm", 0, "src.dpx"},
+      {"bmp", 128, "src.dpx"},  {"pcx", 128, "src.dpx"},
+      {"jpg", 2600, "src.dpx"}, {"pgm", 128, "grey.pgm"},
+      {"pct", 128, "src.dpx"},  {"als", -1, ""},
+      {"rla", -1, ""},  // ImageMagick 6 reads one-line RLA files only
   };
   // Our grey is .30 R + .59 G + .11 B of the coded values.
   const std::string grey = "convert " + Quote(dir / "src.dpx") +

@@ -3,6 +3,7 @@
 #include "imagelib/alias/qi_image_alias.h"
 #include "imagelib/bmp/qi_image_bmp.h"
 #include "imagelib/pcx/qi_image_pcx.h"
+#include "imagelib/pict/qi_image_pict.h"
 #include "imagelib/ppm/qi_image_ppm.h"
 #include "imagelib/gif/qi_image_gif.h"
 #include "imagelib/jpeg/qi_image_jpeg.h"
@@ -39,17 +40,17 @@ constexpr std::int32_t kPackBits[] = {QI_COMPRESSION_PACKBITS};
 
 // A format gets its class by replacing its nullptr with &Make<QI_ImageXxx>.
 const CeilFormat kFormats[] = {
-    {5, &Make<QI_ImageSGI>, kNoneRle},  // "SGI"
-    {6, &Make<QI_ImageWAVE>, kRle},     // "WAVEFRONT"
-    {7, nullptr, kPackBits},            // QI_ImagePICT, "PICT"
-    {8, &Make<QI_ImagePCX>, kRle},      // "PCX"
-    {9, &Make<QI_ImageBMP>, kNone},     // "BMP": run-length is read only
-    {10, &Make<QI_ImagePPM>, kNone},    // "PPM"
-    {11, &Make<QI_ImagePGM>, kNone},    // "PGM"
-    {12, kGif, kLzw},                   // "GIF"
-    {13, &Make<QI_ImageALIAS>, kRle},   // "ALIAS"
-    {14, kJpeg, kJpegOnly},             // "JFIF (JPEG)"
-    {19, &Make<QI_ImageMI>, kNone},     // "MAP"
+    {5, &Make<QI_ImageSGI>, kNoneRle},    // "SGI"
+    {6, &Make<QI_ImageWAVE>, kRle},       // "WAVEFRONT"
+    {7, &Make<QI_ImagePICT>, kPackBits},  // "PICT"
+    {8, &Make<QI_ImagePCX>, kRle},        // "PCX"
+    {9, &Make<QI_ImageBMP>, kNone},       // "BMP": run-length is read only
+    {10, &Make<QI_ImagePPM>, kNone},      // "PPM"
+    {11, &Make<QI_ImagePGM>, kNone},      // "PGM"
+    {12, kGif, kLzw},                     // "GIF"
+    {13, &Make<QI_ImageALIAS>, kRle},     // "ALIAS"
+    {14, kJpeg, kJpegOnly},               // "JFIF (JPEG)"
+    {19, &Make<QI_ImageMI>, kNone},       // "MAP"
 };
 
 }  // namespace
