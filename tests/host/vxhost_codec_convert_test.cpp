@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -75,6 +76,30 @@ TEST(VxhostCodecConvert, EachFormatKeepsWhatItHoldsBothWays) {
     r = vxtest::RunHost(dir.path(), "thumbnail " + out + " thumb_" + c.ext + ".ppm --size 8");
     EXPECT_EQ(r.code, 0) << r.err;
   }
+#endif
+}
+
+TEST(VxhostCodecConvert, DescriptiveTextsTravelBetweenFormats) {
+#ifdef _WIN32
+  GTEST_SKIP() << "runs ImageMagick through a POSIX shell";
+#else
+  if (std::system("command -v identify >/dev/null 2>&1") != 0)
+    GTEST_SKIP() << "ImageMagick is not installed";
+  vxtest::TempDir dir;
+  const std::string header = "P6\n# shot 12, take 3\n2 1\n255\n";
+  std::vector<std::uint8_t> ppm(header.begin(), header.end());
+  for (int v : {16, 32, 48, 64, 80, 96}) ppm.push_back(static_cast<std::uint8_t>(v));
+  vxtest::WriteFile(dir / "c.ppm", ppm);
+  // PPM comment -> JPEG COM marker (as ImageMagick reads it) -> RLA description -> PGM comment.
+  for (const char* step : {"convert c.ppm c.jpg", "convert c.jpg c.rla", "convert c.rla c.pgm"})
+    ASSERT_EQ(vxtest::RunHost(dir.path(), step).code, 0) << step;
+  const std::string identify =
+      "identify -format %c " + Quote(dir / "c.jpg") + " > " + Quote(dir / "comment.txt");
+  ASSERT_EQ(std::system(identify.c_str()), 0);
+  const auto said = vxtest::ReadFile(dir / "comment.txt");
+  EXPECT_EQ(std::string(said.begin(), said.end()), "shot 12, take 3");
+  const auto pgm = vxtest::ReadFile(dir / "c.pgm");
+  EXPECT_EQ(std::string(pgm.begin(), pgm.begin() + 21), "P5\n# shot 12, take 3\n");
 #endif
 }
 

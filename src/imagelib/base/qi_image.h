@@ -11,6 +11,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "vx/vxchar.h"
 
@@ -304,6 +308,14 @@ class QI_ImageFile : public QI_Image {
   std::int32_t getCurrentImage() const { return currentImage_; }
   std::FILE* getStream() const { return stream_; }
 
+  // Descriptive texts under the metadata record's keys ("comment", "description", "creator",
+  // "date", or "format:name"): a format fills those it holds while reading its header and
+  // writes those it holds from what is set before writeHeader. Opening a stream clears them.
+  using Texts = std::vector<std::pair<std::string, std::string>>;
+  const Texts& getTexts() const { return texts_; }
+  std::string getText(std::string_view key) const;
+  void setText(std::string_view key, std::string_view value);  // empty removes
+
  protected:
   // The stdio open every format's `open` uses: the wide path reaches the system as the system
   // wants it (UTF-8 on POSIX). Stores the stream and the wide path; 0 on failure.
@@ -320,6 +332,7 @@ class QI_ImageFile : public QI_Image {
   std::int32_t imageCount_ = 1;
   std::int32_t currentImage_ = 0;
   std::FILE* stream_ = nullptr;
+  Texts texts_;
 };
 
 // Byte-order helpers of the format classes: values read byte by byte from a stream (false when
@@ -331,4 +344,7 @@ bool WriteBE16(std::FILE* f, std::uint16_t v);
 bool WriteBE32(std::FILE* f, std::uint32_t v);
 bool WriteLE16(std::FILE* f, std::uint16_t v);
 bool WriteLE32(std::FILE* f, std::uint32_t v);
+// A text field of a header: up to the first zero byte, printable ASCII and line breaks kept
+// (anything else becomes '?'), trailing blanks dropped.
+std::string FieldText(const std::uint8_t* field, std::size_t size);
 }  // namespace qi

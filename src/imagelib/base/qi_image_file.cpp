@@ -1,5 +1,6 @@
 // The file-image base and the byte-order helpers of the format classes.
 #include <cstdlib>
+#include <new>
 #include <cstring>
 #include <string>
 
@@ -131,7 +132,27 @@ std::int32_t QI_ImageFile::openStream(const VxChar* widePath, const VxChar* wide
   if (!f) return 0;
   stream_ = f;
   setWidePath(widePath);
+  texts_.clear();
   return 1;
+}
+
+std::string QI_ImageFile::getText(std::string_view key) const {
+  for (const auto& [k, v] : texts_)
+    if (k == key) return v;
+  return {};
+}
+
+void QI_ImageFile::setText(std::string_view key, std::string_view value) try {
+  for (auto it = texts_.begin(); it != texts_.end(); ++it)
+    if (it->first == key) {
+      if (value.empty())
+        texts_.erase(it);
+      else
+        it->second = value;
+      return;
+    }
+  if (!value.empty()) texts_.emplace_back(key, value);
+} catch (const std::bad_alloc&) {  // a description is not worth failing the picture for
 }
 
 std::int32_t QI_ImageFile::closeStream() {
@@ -190,6 +211,20 @@ bool WriteLE16(std::FILE* f, std::uint16_t v) {
 }
 bool WriteLE32(std::FILE* f, std::uint32_t v) {
   return WriteBytes(f, v, 4, false);
+}
+
+std::string FieldText(const std::uint8_t* field, std::size_t size) {
+  std::string text;
+  try {
+    for (std::size_t i = 0; i < size && field[i] != 0; ++i)
+      text.push_back((field[i] >= 0x20 && field[i] < 0x7F) || field[i] == '\n'
+                         ? static_cast<char>(field[i])
+                         : '?');
+    while (!text.empty() && text.back() == ' ') text.pop_back();
+  } catch (const std::bad_alloc&) {
+    text.clear();
+  }
+  return text;
 }
 
 }  // namespace qi

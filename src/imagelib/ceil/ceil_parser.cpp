@@ -431,6 +431,18 @@ HRESULT CVxMediaFileParserCEIL::WriteFile(IVxImage* image, const VxString& name)
   CopyFromHost(rgba.get(), mem.get(), static_cast<std::size_t>(w) * 4 * (deep ? 2 : 1));
 
   if (!file_->open(name.c_str(), VXT("wb"))) return E_FAIL;
+  // The source's descriptive texts, for the formats that hold some.
+  if (IVxMetadata* md = WriteMetadata()) {
+    int count = 0;
+    md->GetTextCount(&count);
+    for (int i = 0; i < count; ++i) {
+      VxChar *key = nullptr, *value = nullptr;
+      if (SUCCEEDED(md->GetTextAt(i, &key, &value)) && key && value)
+        file_->setText(vx::ToUtf8(key), vx::ToUtf8(value));
+      VxSysFreeString(key);
+      VxSysFreeString(value);
+    }
+  }
   const bool ok = file_->writeHeader() && file_->write(mem.get());
   file_->close();  // run-length formats complete their tables here
   if (!ok) {
@@ -444,6 +456,18 @@ HRESULT CVxMediaFileParserCEIL::WriteFile(IVxImage* image, const VxString& name)
 
 HRESULT CVxMediaFileParserCEIL::FillMetadata(std::int32_t frame, IVxMetadata* out) {
   if (mode_ == kClosed) return E_UNEXPECTED;
+  if (mode_ == kRead) {
+    // What the file's header says about itself; a file that does not load still has its name.
+    if (SUCCEEDED(LoadFile(frame))) {
+      for (const auto& [key, value] : file_->getTexts()) vx::md::SetText(out, key, value);
+      if (const float aspect = file_->getPixelAspect(); aspect > 0.0f) {
+        VxMetadataRecord r = vx::md::GetRecord(out);
+        r.pixelAspect = aspect;
+        out->SetRecord(&r);
+      }
+    }
+    UnloadFile();
+  }
   if (HRESULT hr = SelectFile(frame); FAILED(hr)) return hr;
   const std::string name = BaseName(CurrentFileName());
   if (!name.empty()) vx::md::SetText(out, vx::md::kFileName, name);

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdio>
 #include <new>
+#include <string>
 
 #if VX_HAVE_GIFLIB
 #include <gif_lib.h>
@@ -134,6 +135,7 @@ std::int32_t QI_ImageGIF::readHeader() {
     return Fail("GIF: screen size does not fit the file\n");
   // Count the images; a file cut inside a later image still gives the images before it.
   std::int32_t count = 0;
+  std::string comment;
   for (GifRecordType type = UNDEFINED_RECORD_TYPE; type != TERMINATE_RECORD_TYPE;) {
     if (DGifGetRecordType(gif.f, &type) == GIF_ERROR) break;
     if (type == IMAGE_DESC_RECORD_TYPE) {
@@ -142,10 +144,15 @@ std::int32_t QI_ImageGIF::readHeader() {
     } else if (type == EXTENSION_RECORD_TYPE) {
       int code = 0;
       GifByteType* block = nullptr;
-      if (DGifGetExtension(gif.f, &code, &block) == GIF_ERROR || !SkipBlocks(gif.f, block)) break;
+      if (DGifGetExtension(gif.f, &code, &block) == GIF_ERROR) break;
+      // The first sub-block of the first comment: what writers put there fits in one.
+      if (code == COMMENT_EXT_FUNC_CODE && block && comment.empty())
+        comment = qi::FieldText(block + 1, block[0]);
+      if (!SkipBlocks(gif.f, block)) break;
     }
   }
   if (count == 0) return Fail("GIF: no image\n");
+  setText("comment", comment);
   setWidth(static_cast<std::int32_t>(w));
   setHeight(static_cast<std::int32_t>(h));
   channels_ = 4;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
 
 #if VX_HAVE_LIBJPEG
 #include <jpeglib.h>
@@ -51,7 +52,9 @@ struct OpArgs {
   std::uint64_t fileSize;
   JSAMPROW row;
   int width, height, components, quality;
-  int outComponents;  // set by kReadHeader
+  int outComponents;    // set by kReadHeader
+  const char* comment;  // kStartWrite: a COM marker when not empty
+  std::size_t commentSize;
 };
 
 void ErrorExit(j_common_ptr cinfo) {
@@ -92,6 +95,7 @@ int Guarded(QiJpegState* s, Op op, OpArgs* a) {
           (64 << 20) + std::min<std::uint64_t>(a->fileSize, std::uint64_t{1} << 24) * 256);
       jpeg_stdio_src(&s->d, a->stream);
       jpeg_save_markers(&s->d, JPEG_APP0 + 1, 0xFFFF);
+      jpeg_save_markers(&s->d, JPEG_COM, 0xFFFF);
       jpeg_read_header(&s->d, TRUE);
       // Even the flattest JPEG spends a few bits on every 8 x 8 block of every component.
       const std::uint64_t pixels = std::uint64_t{s->d.image_width} * s->d.image_height;
@@ -135,6 +139,9 @@ int Guarded(QiJpegState* s, Op op, OpArgs* a) {
       jpeg_set_defaults(&s->c);
       jpeg_set_quality(&s->c, a->quality, TRUE);
       jpeg_start_compress(&s->c, TRUE);
+      if (a->commentSize > 0)
+        jpeg_write_marker(&s->c, JPEG_COM, reinterpret_cast<const JOCTET*>(a->comment),
+                          static_cast<unsigned>(std::min<std::size_t>(a->commentSize, 65533)));
       return 1;
     case kWriteLine:
       if (!s->encoding || s->c.next_scanline >= s->c.image_height) return 0;
@@ -148,6 +155,13 @@ int Guarded(QiJpegState* s, Op op, OpArgs* a) {
       return 1;
   }
   return 0;
+}
+
+// The first COM marker's text.
+std::string Comment(const jpeg_decompress_struct& d) {
+  for (jpeg_saved_marker_ptr m = d.marker_list; m; m = m->next)
+    if (m->marker == JPEG_COM) return qi::FieldText(m->data, m->data_length);
+  return {};
 }
 
 // The orientation tag (0x0112) of the first EXIF block, 1 when there is none or it is unreadable.
@@ -289,6 +303,7 @@ std::int32_t QI_ImageJPEG::readHeader() {
     return 0;
   }
   orientation_ = ExifOrientation(state_->d);
+  setText("comment", Comment(state_->d));
   setWidth(a.width);
   setHeight(a.height);
   const bool grey = a.outComponents == 1;
@@ -341,11 +356,16 @@ std::int32_t QI_ImageJPEG::writeHeader() {
   a.height = height_;
   a.components = channels_ == 1 ? 1 : 3;
   a.quality = quality_;
+  std::string comment;
   try {
     line_.resize(static_cast<std::size_t>(width_) * static_cast<std::size_t>(a.components));
+    comment = getText("comment");
+    if (comment.empty()) comment = getText("description");
   } catch (const std::bad_alloc&) {
     return Fail("JPEG: out of memory\n");
   }
+  a.comment = comment.data();
+  a.commentSize = comment.size();
   if (!Guarded(state_, kStartWrite, &a)) {
     std::fprintf(stderr, "JPEG: %s\n", state_->message);
     return 0;

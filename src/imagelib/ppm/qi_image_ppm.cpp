@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <new>
+#include <string>
 
 namespace {
 
@@ -23,13 +24,22 @@ bool IsSpace(int c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
-// Skips white space and comments, then reads one unsigned decimal number; false when none is
-// there or it exceeds `limit`.
-bool ReadNumber(std::FILE* f, std::uint32_t limit, std::uint32_t* out) {
+// Skips white space and comments (kept in `comments`, when given, up to a few kilobytes), then
+// reads one unsigned decimal number; false when none is there or it exceeds `limit`.
+bool ReadNumber(std::FILE* f, std::uint32_t limit, std::uint32_t* out,
+                std::string* comments = nullptr) {
+  constexpr std::size_t kKept = 4096;
   int c = std::fgetc(f);
   for (;;) {
     if (c == '#') {
-      while (c != EOF && c != '\n' && c != '\r') c = std::fgetc(f);
+      std::string line;
+      for (c = std::fgetc(f); c != EOF && c != '\n' && c != '\r'; c = std::fgetc(f))
+        if (comments && line.size() < kKept) line.push_back(static_cast<char>(c));
+      if (comments && comments->size() + line.size() < kKept) {
+        const std::size_t start = line.find_first_not_of(' ');
+        if (!comments->empty()) comments->push_back('\n');
+        comments->append(start == std::string::npos ? "" : line.substr(start));
+      }
     } else if (IsSpace(c)) {
       c = std::fgetc(f);
     } else {
@@ -122,9 +132,16 @@ std::int32_t QI_ImagePNM::readHeader() {
   if (magic[0] != 'P' || (magic[1] != text && magic[1] != binary)) return Fail("bad magic\n");
   ascii_ = magic[1] == text;
   std::uint32_t w = 0, h = 0, maxval = 0;
-  if (!ReadNumber(stream_, INT32_MAX, &w) || !ReadNumber(stream_, INT32_MAX, &h) ||
-      !ReadNumber(stream_, 65535, &maxval) || w == 0 || h == 0 || maxval == 0)
+  std::string comments;
+  try {
+    if (!ReadNumber(stream_, INT32_MAX, &w, &comments) ||
+        !ReadNumber(stream_, INT32_MAX, &h, &comments) ||
+        !ReadNumber(stream_, 65535, &maxval, &comments) || w == 0 || h == 0 || maxval == 0)
+      return Fail("bad header\n");
+  } catch (const std::bad_alloc&) {
     return Fail("bad header\n");
+  }
+  setText("comment", comments);
   const long here = std::ftell(stream_);
   if (here < 0) return Fail("EOF / read error\n");
   dataStart_ = static_cast<std::uint64_t>(here);
@@ -197,14 +214,26 @@ std::int32_t QI_ImagePNM::readLine(QI_ImageMem* dest, std::int32_t row) {
   return 1;
 }
 
-std::int32_t QI_ImagePNM::writeHeader() {
+std::int32_t QI_ImagePNM::writeHeader() try {
   if (!stream_ || width_ < 1 || height_ < 1 || !SeekTo(stream_, 0)) return 0;
   const char magic = fileChannels_ == 3 ? '6' : '5';
-  const int n = std::fprintf(stream_, "P%c\n%d %d\n%d\n", magic, width_, height_,
-                             bitsPerChannel_ == 16 ? 65535 : 255);
-  if (n <= 0) return 0;
-  dataStart_ = static_cast<std::uint64_t>(n);
+  std::string header = std::string("P") + magic + "\n";
+  // The source's comment (or description), one "# " line per line of it.
+  std::string comment = getText("comment");
+  if (comment.empty()) comment = getText("description");
+  for (std::size_t at = 0; at < comment.size();) {
+    std::size_t end = comment.find_first_of("\r\n", at);
+    if (end == std::string::npos) end = comment.size();
+    header += "# " + comment.substr(at, end - at) + "\n";
+    at = end + 1;
+  }
+  header += std::to_string(width_) + " " + std::to_string(height_) + "\n" +
+            (bitsPerChannel_ == 16 ? "65535" : "255") + "\n";
+  if (std::fwrite(header.data(), 1, header.size(), stream_) != header.size()) return 0;
+  dataStart_ = header.size();
   return 1;
+} catch (const std::bad_alloc&) {
+  return 0;
 }
 
 // Each line goes to its own place, so rows may come in either order.

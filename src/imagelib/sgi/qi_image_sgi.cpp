@@ -153,6 +153,7 @@ std::int32_t QI_ImageSGI::readHeader() {
   setChannels(static_cast<std::int32_t>(zs));
   setPixelType(zs == 1 ? QI_PIXEL_GRAY : zs == 3 ? QI_PIXEL_RGB : QI_PIXEL_RGBA);
   setBytesPerChannel(bpc);
+  setText("sgi:name", qi::FieldText(h + 24, 80));
   compression_ = storage == 1 ? QI_COMPRESSION_RLE : QI_COMPRESSION_NONE;
   readerOrder_ = !big;
   starts_ = {};

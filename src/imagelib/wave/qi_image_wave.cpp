@@ -25,7 +25,9 @@ constexpr std::size_t kRevision = 26;
 constexpr std::size_t kGamma = 28;
 constexpr std::size_t kChromaticities = 44;  // red, green, blue, white point: 24 bytes each
 constexpr std::size_t kName = 144;
+constexpr std::size_t kDescription = 272;
 constexpr std::size_t kProgram = 400;
+constexpr std::size_t kUser = 496;
 constexpr std::size_t kDate = 528;
 constexpr std::size_t kAspectRatio = 572;
 constexpr std::size_t kColourSpace = 580;
@@ -94,6 +96,23 @@ std::string DateText() {
                 static_cast<unsigned>(ymd.day()), static_cast<int>(hms.hours().count()),
                 static_cast<int>(hms.minutes().count()), static_cast<int>(ymd.year()));
   return text;
+}
+
+// "Nov 25 16:07 2026" as "2026-11-25T16:07"; empty when the text is not of that form.
+std::string IsoDate(const std::string& text) {
+  static const char kMonths[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  char month[4] = {};
+  int day = 0, hour = 0, minute = 0, year = 0;
+  if (std::sscanf(text.c_str(), "%3s %d %d:%d %d", month, &day, &hour, &minute, &year) != 5)
+    return {};
+  const char* m = std::strstr(kMonths, month);
+  if (!m || (m - kMonths) % 3 != 0 || day < 1 || day > 31 || hour > 23 || minute > 59 ||
+      year < 1900 || year > 9999)
+    return {};
+  char iso[64];
+  std::snprintf(iso, sizeof iso, "%04d-%02d-%02dT%02d:%02d", year,
+                static_cast<int>((m - kMonths) / 3 + 1), day, hour, minute);
+  return iso;
 }
 
 }  // namespace
@@ -253,6 +272,14 @@ std::int32_t QI_ImageWAVE::readHeader() {
     // Refused past 8: deeper samples come through at 8-bit precision.
     setBitsPerChannel(8 * storage + 8);
     setPixelType(colour == 1 ? QI_PIXEL_GRAY : matte ? QI_PIXEL_RGBA : QI_PIXEL_RGB);
+    texts_.clear();
+    setText("description", qi::FieldText(h + kDescription, 128));
+    setText("creator", qi::FieldText(h + kProgram, 64));
+    setText("originator", qi::FieldText(h + kUser, 32));
+    setText("wave:name", qi::FieldText(h + kName, 128));
+    const std::string date = qi::FieldText(h + kDate, 20);
+    const std::string iso = IsoDate(date);
+    setText(iso.empty() ? "wave:date" : "date", iso.empty() ? date : iso);
     colour_ = colourDesc;
     matte_ = matteDesc;
     colourChannels_ = colour;
@@ -411,6 +438,9 @@ std::int32_t QI_ImageWAVE::writeHeader() {
       PutText(h + kName, 128, name);
     }
     PutText(h + kProgram, 64, "vxprsr");
+    const std::string description = getText("description");
+    PutText(h + kDescription, 128, description.empty() ? getText("comment") : description);
+    PutText(h + kUser, 32, getText("originator"));
     PutText(h + kDate, 20, DateText());
   } catch (const std::bad_alloc&) {
     return fail();
