@@ -10,13 +10,7 @@ namespace {
 constexpr std::size_t kHeaderSize = 10;
 constexpr std::size_t kMaxRun = 255;
 
-bool StreamSize(std::FILE* f, std::uint64_t* size) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return false;
-  const long end = std::ftell(f);
-  if (end < 0) return false;
-  *size = static_cast<std::uint64_t>(end);
-  return true;
-}
+using qi::StreamSize;
 
 }  // namespace
 

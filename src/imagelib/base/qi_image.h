@@ -344,6 +344,11 @@ bool WriteBE16(std::FILE* f, std::uint16_t v);
 bool WriteBE32(std::FILE* f, std::uint32_t v);
 bool WriteLE16(std::FILE* f, std::uint16_t v);
 bool WriteLE32(std::FILE* f, std::uint32_t v);
+// Stream positions as 64-bit offsets (false past what the stream can seek to), the stream's
+// size (it is left at the end), and whether an open mode ("rb", "w+b", ...) writes.
+bool SeekTo(std::FILE* f, std::uint64_t offset);
+bool StreamSize(std::FILE* f, std::uint64_t* size);
+bool WritesTo(const VxChar* mode);
 // A text field of a header: up to the first zero byte, printable ASCII and line breaks kept
 // (anything else becomes '?'), trailing blanks dropped.
 std::string FieldText(const std::uint8_t* field, std::size_t size);

@@ -1,4 +1,5 @@
 // The file-image base and the byte-order helpers of the format classes.
+#include <climits>
 #include <cstdlib>
 #include <new>
 #include <cstring>
@@ -211,6 +212,25 @@ bool WriteLE16(std::FILE* f, std::uint16_t v) {
 }
 bool WriteLE32(std::FILE* f, std::uint32_t v) {
   return WriteBytes(f, v, 4, false);
+}
+
+bool SeekTo(std::FILE* f, std::uint64_t offset) {
+  return offset <= static_cast<std::uint64_t>(LONG_MAX) &&
+         std::fseek(f, static_cast<long>(offset), SEEK_SET) == 0;
+}
+
+bool StreamSize(std::FILE* f, std::uint64_t* size) {
+  if (std::fseek(f, 0, SEEK_END) != 0) return false;
+  const long end = std::ftell(f);
+  if (end < 0) return false;
+  *size = static_cast<std::uint64_t>(end);
+  return true;
+}
+
+bool WritesTo(const VxChar* mode) {
+  for (; mode && *mode; ++mode)
+    if (*mode == 'w' || *mode == 'a' || *mode == '+') return true;
+  return false;
 }
 
 std::string FieldText(const std::uint8_t* field, std::size_t size) {

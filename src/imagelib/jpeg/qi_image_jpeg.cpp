@@ -20,11 +20,7 @@ int Fail(const char* why) {
   return 0;
 }
 
-bool WritesTo(const VxChar* mode) {
-  for (; mode && *mode; ++mode)
-    if (*mode == 'w' || *mode == 'a' || *mode == '+') return true;
-  return false;
-}
+using qi::WritesTo;
 
 }  // namespace
 

@@ -13,18 +13,9 @@ constexpr std::uint64_t kTrailer = 16;
 constexpr std::uint32_t kWrittenEntries = 256;
 constexpr std::uint32_t kMostEntries = 65536;
 
-bool SeekTo(std::FILE* f, std::uint64_t offset) {
-  return offset <= static_cast<std::uint64_t>(LONG_MAX) &&
-         std::fseek(f, static_cast<long>(offset), SEEK_SET) == 0;
-}
+using qi::SeekTo;
 
-bool StreamSize(std::FILE* f, std::uint64_t* size) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return false;
-  const long end = std::ftell(f);
-  if (end < 0) return false;
-  *size = static_cast<std::uint64_t>(end);
-  return true;
-}
+using qi::StreamSize;
 
 int Fail(const char* why) {
   std::fputs(why, stderr);

@@ -11,13 +11,7 @@ constexpr std::size_t kHeaderSize = 128;
 constexpr std::size_t kMapBytes = 769;  // 0x0C and 256 RGB entries
 constexpr std::size_t kMaxRun = 63;
 
-bool StreamSize(std::FILE* f, std::uint64_t* size) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return false;
-  const long end = std::ftell(f);
-  if (end < 0) return false;
-  *size = static_cast<std::uint64_t>(end);
-  return true;
-}
+using qi::StreamSize;
 
 std::int32_t Fail(const char* why) {
   std::fputs(why, stderr);

@@ -191,19 +191,9 @@ bool IsPixelRecord(std::int32_t op) {
   return op == 0x90 || op == 0x91 || op == 0x98 || op == 0x99 || op == 0x9A;
 }
 
-bool StreamSize(std::FILE* f, std::uint64_t* size) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return false;
-  const long end = std::ftell(f);
-  if (end < 0) return false;
-  *size = static_cast<std::uint64_t>(end);
-  return true;
-}
+using qi::StreamSize;
 
-bool WritesTo(const VxChar* mode) {
-  for (; mode && *mode; ++mode)
-    if (*mode == 'w' || *mode == 'a' || *mode == '+') return true;
-  return false;
-}
+using qi::WritesTo;
 
 std::int32_t Signed16(std::uint16_t v) {
   return static_cast<std::int16_t>(v);

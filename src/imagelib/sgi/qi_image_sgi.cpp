@@ -12,25 +12,11 @@ namespace {
 constexpr std::uint16_t kMagic = 474;
 constexpr std::uint32_t kHeaderSize = 512;
 
-bool SeekTo(std::FILE* f, std::uint64_t offset) {
-  return offset <= static_cast<std::uint64_t>(LONG_MAX) &&
-         std::fseek(f, static_cast<long>(offset), SEEK_SET) == 0;
-}
+using qi::SeekTo;
 
-// The stream's length, or false when it cannot be told (a pipe).
-bool StreamSize(std::FILE* f, std::uint64_t* size) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return false;
-  const long end = std::ftell(f);
-  if (end < 0) return false;
-  *size = static_cast<std::uint64_t>(end);
-  return true;
-}
+using qi::StreamSize;
 
-bool WritesTo(const VxChar* mode) {
-  for (; mode && *mode; ++mode)
-    if (*mode == 'w' || *mode == 'a' || *mode == '+') return true;
-  return false;
-}
+using qi::WritesTo;
 
 }  // namespace
 

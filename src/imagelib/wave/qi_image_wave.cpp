@@ -37,24 +37,11 @@ constexpr std::size_t kNextImage = 736;
 constexpr std::uint16_t kNewLayout = 0xFFFE;
 constexpr std::uint16_t kFloatType = 4;
 
-bool SeekTo(std::FILE* f, std::uint64_t offset) {
-  return offset <= static_cast<std::uint64_t>(LONG_MAX) &&
-         std::fseek(f, static_cast<long>(offset), SEEK_SET) == 0;
-}
+using qi::SeekTo;
 
-bool StreamSize(std::FILE* f, std::uint64_t* size) {
-  if (std::fseek(f, 0, SEEK_END) != 0) return false;
-  const long end = std::ftell(f);
-  if (end < 0) return false;
-  *size = static_cast<std::uint64_t>(end);
-  return true;
-}
+using qi::StreamSize;
 
-bool WritesTo(const VxChar* mode) {
-  for (; mode && *mode; ++mode)
-    if (*mode == 'w' || *mode == 'a' || *mode == '+') return true;
-  return false;
-}
+using qi::WritesTo;
 
 bool ReadAt(std::FILE* f, std::uint64_t offset, void* out, std::size_t n) {
   if (SeekTo(f, offset) && std::fread(out, 1, n, f) == n) return true;
