@@ -388,16 +388,30 @@ std::int32_t QI_ImageWAVE::readLine(QI_ImageMem* dest, std::int32_t row) {
   } catch (const std::bad_alloc&) {
     return 0;
   }
-  for (std::int32_t c = 0; c < used; ++c) {
-    const Channel& d = c < colourChannels_ ? colour_ : matte_;
-    const std::size_t at = colourChannels_ == 1 && c == 1 ? 3 : static_cast<std::size_t>(c);
-    To8Bits(samples_[c].data(), width, d.bytes, d.bits, d.isFloat, &line_[at]);
-  }
   std::uint8_t* p = line_.data();
-  if (colourChannels_ == 1)
-    for (std::size_t x = 0; x < width; ++x) p[4 * x + 1] = p[4 * x + 2] = p[4 * x];
-  if (!matteChannels_)
-    for (std::size_t x = 0; x < width; ++x) p[4 * x + 3] = 255;
+  const auto plain = [](const Channel& d) { return d.bits == 8 && d.bytes == 1 && !d.isFloat; };
+  if (plain(colour_) && (!matteChannels_ || plain(matte_))) {
+    // The common 8-bit file: every plane into RGBA pixels in one pass, a store a pixel.
+    const std::uint8_t* r = samples_[0].data();
+    const std::uint8_t* g = colourChannels_ == 3 ? samples_[1].data() : r;
+    const std::uint8_t* b = colourChannels_ == 3 ? samples_[2].data() : r;
+    const std::uint8_t* a = matteChannels_ ? samples_[colourChannels_].data() : nullptr;
+    for (std::size_t x = 0; x < width; ++x) {
+      const std::uint32_t alpha = a ? a[x] : 255u;
+      vx::StoreLE32(p + 4 * x, std::uint32_t{r[x]} | std::uint32_t{g[x]} << 8 |
+                                   std::uint32_t{b[x]} << 16 | alpha << 24);
+    }
+  } else {
+    for (std::int32_t c = 0; c < used; ++c) {
+      const Channel& d = c < colourChannels_ ? colour_ : matte_;
+      const std::size_t at = colourChannels_ == 1 && c == 1 ? 3 : static_cast<std::size_t>(c);
+      To8Bits(samples_[c].data(), width, d.bytes, d.bits, d.isFloat, &line_[at]);
+    }
+    if (colourChannels_ == 1)
+      for (std::size_t x = 0; x < width; ++x) p[4 * x + 1] = p[4 * x + 2] = p[4 * x];
+    if (!matteChannels_)
+      for (std::size_t x = 0; x < width; ++x) p[4 * x + 3] = 255;
+  }
   qi::StoreLine8(dest, row, p, 4, width_);
   lineEnd_ = end;
   ++lineCounter_;
