@@ -1,7 +1,7 @@
 // Reading a 4096 x 2160 picture through the codec-family parser into the host's 16-bit RGBA image,
 // against OpenImageIO reading the same file into the same layout in the same run: a 16-bit RGBA
-// run-length SGI and a 24-bit BMP. Each OpenImageIO case runs right after ours and reports
-// "oiio_over_ours", its time per picture over ours.
+// run-length SGI, a 24-bit BMP and an 8-bit RGBA RLA written by OpenImageIO. Each OpenImageIO
+// case runs right after ours and reports "oiio_over_ours", its time per picture over ours.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -29,6 +29,7 @@ namespace {
 constexpr int kWidth = 4096;
 constexpr int kHeight = 2160;
 constexpr int kSgiCode = 5;
+constexpr int kRlaCode = 6;
 constexpr int kBmpCode = 9;
 
 // Flat bands a run-length coder packs (steps of a gradient 32 pixels wide, the alpha a ramp by
@@ -54,13 +55,32 @@ void Paint(Image* image, T top) {
   }
 }
 
-// Writes the picture once with our own file classes; an empty path when that fails.
+// Writes the picture once, the SGI and BMP with our own file classes and the RLA with
+// OpenImageIO; an empty path when that fails.
 std::filesystem::path MakeFile(int code) {
-  const auto path = std::filesystem::temp_directory_path() /
-                    (code == kSgiCode ? "vx_bench_imagelib_4k.sgi" : "vx_bench_imagelib_4k.bmp");
+  const char* name = code == kSgiCode   ? "vx_bench_imagelib_4k.sgi"
+                     : code == kRlaCode ? "vx_bench_imagelib_4k.rla"
+                                        : "vx_bench_imagelib_4k.bmp";
+  const auto path = std::filesystem::temp_directory_path() / name;
   const VxString wide = vx::FromUtf8(path.string());
   bool ok = false;
-  if (code == kSgiCode) {
+  if (code == kRlaCode) {
+#ifdef VX_HAVE_OIIO
+    QI_ImageRGBA8 picture(kWidth, kHeight);
+    Paint(&picture, std::uint8_t{255});
+    std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 4);
+    for (int y = 0; y < kHeight; ++y) {
+      for (int x = 0; x < kWidth; ++x) {
+        std::uint8_t* p = &pixels[(std::size_t{kWidth} * y + x) * 4];
+        picture.getPixel8(x, y, p, p + 1, p + 2, p + 3);
+      }
+    }
+    auto out = OIIO::ImageOutput::create(path.string());
+    const OIIO::ImageSpec spec(kWidth, kHeight, 4, OIIO::TypeDesc::UINT8);
+    ok = out && out->open(path.string(), spec) &&
+         out->write_image(OIIO::TypeDesc::UINT8, pixels.data()) && out->close();
+#endif
+  } else if (code == kSgiCode) {
     QI_ImageRGBA16 picture(kWidth, kHeight);
     Paint(&picture, std::uint16_t{65535});
     QI_ImageSGI file;
@@ -87,7 +107,8 @@ std::filesystem::path MakeFile(int code) {
 const std::filesystem::path& File(int code) {
   static const std::filesystem::path sgi = MakeFile(kSgiCode);
   static const std::filesystem::path bmp = MakeFile(kBmpCode);
-  return code == kSgiCode ? sgi : bmp;
+  static const std::filesystem::path rla = MakeFile(kRlaCode);
+  return code == kSgiCode ? sgi : code == kRlaCode ? rla : bmp;
 }
 
 // Milliseconds per picture of our reads, by format code, for the OpenImageIO run that follows.
@@ -126,7 +147,8 @@ void BM_ParserRead4K(benchmark::State& state) {
 // The same file into the same RGBA16 layout, the fastest way OpenImageIO offers: a 16-bit file
 // read as UINT16 straight into the RGBA16 buffer. An 8-bit file (the BMP, three channels) read
 // as its own UINT8 and widened (v * 257) by a plain loop, which here is about twice as fast as
-// asking OpenImageIO for UINT16 (with or without an 8-byte pixel stride). The alpha of a
+// asking OpenImageIO for UINT16 (with or without an 8-byte pixel stride); the 8-bit RLA likewise,
+// its four channels read as UINT8 and widened. The alpha of a
 // three-channel file is set once before the loop, so OpenImageIO is not charged for filling it.
 void BM_OiioRead4K(benchmark::State& state) {
   const auto& path = File(static_cast<int>(state.range(0)));
@@ -163,7 +185,11 @@ void BM_OiioRead4K(benchmark::State& state) {
 #endif
 
 void Cases(benchmark::internal::Benchmark* b) {
-  b->ArgName("code")->Arg(kSgiCode)->Arg(kBmpCode)->Unit(benchmark::kMillisecond)->UseRealTime();
+  b->ArgName("code")->Arg(kSgiCode)->Arg(kBmpCode);
+#ifdef VX_HAVE_OIIO
+  b->Arg(kRlaCode);  // written by OpenImageIO
+#endif
+  b->Unit(benchmark::kMillisecond)->UseRealTime();
 }
 
 void Register() {
@@ -183,6 +209,9 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  for (const int code : {kSgiCode, kBmpCode}) std::filesystem::remove(File(code));
+  for (const int code : {kSgiCode, kBmpCode, kRlaCode}) {
+    const auto& path = File(code);
+    if (!path.empty()) std::filesystem::remove(path);
+  }
   return 0;
 }

@@ -729,9 +729,7 @@ std::int32_t QI_ImagePICT::readLine(QI_ImageMem* dest, std::int32_t row) {
   } catch (const std::bad_alloc&) {
     return 0;
   }
-  for (std::size_t x = 0; x < width; ++x)
-    dest->setPixel16(static_cast<std::int32_t>(x), row, line_[3 * x], line_[3 * x + 1],
-                     line_[3 * x + 2], 0xFFFF);
+  qi::StoreLine16(dest, row, line_.data(), 3, width_);
   ++lineCounter_;
   return 1;
 }

@@ -175,6 +175,7 @@ std::int32_t QI_ImageWAVE::close() {
   }
   closeStream();
   lineOffsets_ = {};
+  lineEnd_ = kNowhere;
   writing_ = false;
   return 1;
 }
@@ -276,6 +277,7 @@ std::int32_t QI_ImageWAVE::readHeader() {
     return fail();
   }
   lineCounter_ = 0;
+  lineEnd_ = kNowhere;
   return 1;
 }
 
@@ -356,14 +358,22 @@ std::int32_t QI_ImageWAVE::readLine(QI_ImageMem* dest, std::int32_t row) {
     return 0;
   const std::size_t width = static_cast<std::size_t>(width_);
   const std::int32_t used = colourChannels_ + matteChannels_;
-  if (!SeekTo(stream_, lineOffsets_[static_cast<std::size_t>(lineCounter_)])) return 0;
+  // Lines are mostly stored one after the other: seek only when this one is elsewhere, as a
+  // seek can drop the stream's buffer.
+  const std::uint64_t start = lineOffsets_[static_cast<std::size_t>(lineCounter_)];
+  const bool there = lineEnd_ == start;
+  lineEnd_ = kNowhere;
+  if (!there && !SeekTo(stream_, start)) return 0;
+  std::uint64_t end = start;
   try {
     for (std::int32_t c = 0; c < used; ++c) {
-      std::uint16_t count = 0;
-      if (!qi::ReadBE16(stream_, &count)) {
+      std::uint8_t size[2];
+      if (std::fread(size, 1, 2, stream_) != 2) {
         std::fputs("EOF / read error\n", stderr);
         return 0;
       }
+      const std::uint16_t count = vx::LoadBE16(size);
+      end += 2 + std::uint64_t{count};
       if (count == 0) {
         std::fputs(" channelReadMultiFormat Lost track of where we are\n", stderr);
         continue;
@@ -378,17 +388,32 @@ std::int32_t QI_ImageWAVE::readLine(QI_ImageMem* dest, std::int32_t row) {
   } catch (const std::bad_alloc&) {
     return 0;
   }
-  for (std::int32_t c = 0; c < used; ++c) {
-    const Channel& d = c < colourChannels_ ? colour_ : matte_;
-    const std::size_t at = colourChannels_ == 1 && c == 1 ? 3 : static_cast<std::size_t>(c);
-    To8Bits(samples_[c].data(), width, d.bytes, d.bits, d.isFloat, &line_[at]);
+  std::uint8_t* p = line_.data();
+  const auto plain = [](const Channel& d) { return d.bits == 8 && d.bytes == 1 && !d.isFloat; };
+  if (plain(colour_) && (!matteChannels_ || plain(matte_))) {
+    // The common 8-bit file: every plane into RGBA pixels in one pass, a store a pixel.
+    const std::uint8_t* r = samples_[0].data();
+    const std::uint8_t* g = colourChannels_ == 3 ? samples_[1].data() : r;
+    const std::uint8_t* b = colourChannels_ == 3 ? samples_[2].data() : r;
+    const std::uint8_t* a = matteChannels_ ? samples_[colourChannels_].data() : nullptr;
+    for (std::size_t x = 0; x < width; ++x) {
+      const std::uint32_t alpha = a ? a[x] : 255u;
+      vx::StoreLE32(p + 4 * x, std::uint32_t{r[x]} | std::uint32_t{g[x]} << 8 |
+                                   std::uint32_t{b[x]} << 16 | alpha << 24);
+    }
+  } else {
+    for (std::int32_t c = 0; c < used; ++c) {
+      const Channel& d = c < colourChannels_ ? colour_ : matte_;
+      const std::size_t at = colourChannels_ == 1 && c == 1 ? 3 : static_cast<std::size_t>(c);
+      To8Bits(samples_[c].data(), width, d.bytes, d.bits, d.isFloat, &line_[at]);
+    }
+    if (colourChannels_ == 1)
+      for (std::size_t x = 0; x < width; ++x) p[4 * x + 1] = p[4 * x + 2] = p[4 * x];
+    if (!matteChannels_)
+      for (std::size_t x = 0; x < width; ++x) p[4 * x + 3] = 255;
   }
-  for (std::size_t x = 0; x < width; ++x) {
-    std::uint8_t* p = &line_[4 * x];
-    if (colourChannels_ == 1) p[1] = p[2] = p[0];
-    if (!matteChannels_) p[3] = 255;
-    dest->setPixel8(static_cast<std::int32_t>(x), row, p[0], p[1], p[2], p[3]);
-  }
+  qi::StoreLine8(dest, row, p, 4, width_);
+  lineEnd_ = end;
   ++lineCounter_;
   return 1;
 }

@@ -54,6 +54,9 @@ class QI_ImageWAVE : public QI_ImageFile {
   std::int32_t matteChannels_ = 0;
   std::int32_t variant_ = 0;
   std::int32_t lineCounter_ = 0;
+  // Where the stream stands after the last line read, or kNowhere when that is not known.
+  static constexpr std::uint64_t kNowhere = ~std::uint64_t{0};
+  std::uint64_t lineEnd_ = kNowhere;
   bool writing_ = false;
   // Per-line buffers, reused from line to line: the code read or written, each channel's
   // samples (read: decoded bytes, one plane after the other), the line as 8-bit RGBA.
