@@ -190,3 +190,28 @@ TEST(TargaInterop, PeersReadOurFiles) {
 }
 
 }  // namespace
+
+// vxhost's generic writer options reach the parser: PPM -> uncompressed top-first Targa -> PPM.
+TEST(TargaInterop, VxhostOptionsChooseTheLayout) {
+#ifdef _WIN32
+  GTEST_SKIP() << "runs vxhost and ImageMagick through a POSIX shell";
+#else
+  if (!HaveTools()) GTEST_SKIP() << "ImageMagick or oiiotool is not installed";
+  vxtest::TempDir dir;
+  ASSERT_TRUE(Sh("convert -seed 5 -size 33x17 plasma: -depth 8 " + Quote(dir / "src.ppm")));
+  auto r = vxtest::RunHost(dir.path(),
+                           "convert src.ppm t.tga -o compression=none -o origin=top-left");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto file = vxtest::ReadFile(dir / "t.tga");
+  ASSERT_GT(file.size(), 18u);
+  EXPECT_EQ(file[2], 2);
+  EXPECT_EQ(file[17], 0x20);
+  ExpectSame(Decode(dir / "t.tga"), Decode(dir / "src.ppm"));
+  r = vxtest::RunHost(dir.path(), "convert t.tga back.ppm");
+  ASSERT_EQ(r.code, 0) << r.err;
+  ExpectSame(Decode(dir / "back.ppm"), Decode(dir / "src.ppm"));
+  r = vxtest::RunHost(dir.path(), "info t.tga");
+  EXPECT_NE(r.out.find("targa:origin: top-left"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("targa:alpha: none"), std::string::npos) << r.out;
+#endif
+}
