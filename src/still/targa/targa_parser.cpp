@@ -147,12 +147,15 @@ HRESULT CVxTargaFileParser::ReadData(vx::os::FileHandle file) {
   if (!h.Rle())
     bytes = std::uint64_t{h.width} * h.height * static_cast<std::uint64_t>(h.PixelBytes());
   if (bytes > size - h.dataOffset || !vx::FitsSizeT(bytes) || bytes > 0xFFFFFFFFu) return E_FAIL;
+  dataBytes_ = 0;
   if (data_.size() < bytes) {
     data_.clear();
     data_.resize(static_cast<std::size_t>(bytes));
   }
   if (!ReadWhole(file, h.dataOffset, data_.data(), bytes)) return E_FAIL;
-  return CheckTargaData(h, data_.data(), static_cast<std::size_t>(bytes)) ? S_OK : E_FAIL;
+  if (!CheckTargaData(h, data_.data(), static_cast<std::size_t>(bytes))) return E_FAIL;
+  dataBytes_ = static_cast<std::size_t>(bytes);
+  return S_OK;
 }
 
 // ---- Stream queries -------------------------------------------------------------------------
@@ -273,7 +276,7 @@ HRESULT CVxTargaFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
       t.pixels = dst->GetBuffer();
       t.rowStride = dst->GetRowStride();
       t.rgba = dst->GetPixelFormat() == VX_PF_RGBA8;
-      if (!DecodeTarga(h, map_, data_.data(), data_.size(), t, &vx::WorkerPool::Shared()))
+      if (!DecodeTarga(h, map_, data_.data(), dataBytes_, t, &vx::WorkerPool::Shared()))
         return E_FAIL;
       dst->SetPixelAspect(aspect);
       dst->SetFieldMode(VX_FIELD_PROGRESSIVE);

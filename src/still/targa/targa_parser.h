@@ -47,6 +47,7 @@ class CVxTargaFileParser : public CVxStillImageParser, public CVxSourceInfoFromM
   vx::targa::TargaHeader header_;
   std::vector<std::uint32_t> map_;
   std::vector<std::uint8_t> data_;  // kept between frames so a sequence reuses it
+  std::size_t dataBytes_ = 0;       // of data_, the current file's
   bool writeRle_ = true;
   bool writeTopToBottom_ = false;
 };
