@@ -327,7 +327,7 @@ void ParseExtension(const std::uint8_t* e, TargaExtension* x) {
   x->software = FieldText(e + kExtSoftware, 41);
   const std::uint16_t version = LoadLE16(e + kExtSoftwareVersion);
   if (version != 0) {
-    char text[16];
+    char text[32];
     const char letter = static_cast<char>(e[kExtSoftwareVersion + 2]);
     std::snprintf(text, sizeof text, "%u.%02u%c", version / 100u, version % 100u,
                   letter > ' ' && letter < 127 ? letter : '\0');

@@ -45,7 +45,7 @@ bool ReadWhole(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
 std::string DateText(const std::uint16_t d[6]) {
   // month, day, year, hour, minute, second
   if (d[2] == 0 || d[0] < 1 || d[0] > 12 || d[1] < 1 || d[1] > 31) return {};
-  char text[32];
+  char text[48];
   if (d[3] < 24 && d[4] < 60 && d[5] < 60) {
     std::snprintf(text, sizeof text, "%04u-%02u-%02uT%02u:%02u:%02u", d[2], d[0], d[1], d[3], d[4],
                   d[5]);
