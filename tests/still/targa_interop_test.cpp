@@ -199,8 +199,8 @@ TEST(TargaInterop, VxhostOptionsChooseTheLayout) {
   if (!HaveTools()) GTEST_SKIP() << "ImageMagick or oiiotool is not installed";
   vxtest::TempDir dir;
   ASSERT_TRUE(Sh("convert -seed 5 -size 33x17 plasma: -depth 8 " + Quote(dir / "src.ppm")));
-  auto r = vxtest::RunHost(dir.path(),
-                           "convert src.ppm t.tga -o compression=none -o origin=top-left");
+  auto r =
+      vxtest::RunHost(dir.path(), "convert src.ppm t.tga -o compression=none -o origin=top-left");
   ASSERT_EQ(r.code, 0) << r.err;
   const auto file = vxtest::ReadFile(dir / "t.tga");
   ASSERT_GT(file.size(), 18u);
