@@ -13,6 +13,7 @@
 #include "imagelib/ceil/ceil_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/quillpic/quillpic_parser.h"
+#include "still/targa/targa_parser.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -48,6 +49,7 @@ constexpr ClassEntry kClasses[] = {
     // clang-format off
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
     {"CVxQuillPicFileParser", &Parser<CVxQuillPicFileParser>},
+    {"CVxTargaFileParser", &Parser<CVxTargaFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},
