@@ -12,6 +12,7 @@
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
 #include "still/dpx/dpx_parser.h"
+#include "still/hdr/hdr_parser.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -46,6 +47,7 @@ struct ClassEntry {
 constexpr ClassEntry kClasses[] = {
     // clang-format off
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
+    {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},
