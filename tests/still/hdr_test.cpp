@@ -3,10 +3,12 @@
 // and ImageMagick both ways.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -168,7 +170,9 @@ TEST(HdrRead, HeaderScanlinesAndFaultsByTable) {
     vxtest::WriteFile(file, c.file);
     Parser parser;
     ASSERT_EQ(parser.Open(file), S_OK);
-    if (c.option) ASSERT_EQ(parser.Option(c.option), S_OK);
+    if (c.option) {
+      ASSERT_EQ(parser.Option(c.option), S_OK);
+    }
     // A failed read leaves the caller's picture as it was.
     vx::ComPtr<IVxImage> image;
     ASSERT_EQ(VxCreateImage(2, 2, VX_PF_RGBAF32, image.put()), S_OK);
@@ -295,8 +299,8 @@ bool Have(const char* tool) {
   return std::system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-bool Run(const std::string& cmd) {
-  return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0;
+bool Shell(const std::string& cmd) {
+  return std::system((cmd + " 2>/dev/null").c_str()) == 0;
 }
 
 // A decoder of our own for the test: header skipped to the resolution line, then run-length or
@@ -342,7 +346,7 @@ bool TinyDecode(const Bytes& f, int* w, int* h, Bytes* rgbe) {
 bool TheirPixels(const std::string& tool, const std::filesystem::path& file,
                  const std::filesystem::path& scratch, Picture* out) {
   if (tool == "oiiotool") {
-    if (!Run("oiiotool --dumpdata " + vxtest::Quote(file) + " > " + vxtest::Quote(scratch)))
+    if (!Shell("oiiotool --dumpdata " + vxtest::Quote(file) + " > " + vxtest::Quote(scratch)))
       return false;
     std::FILE* f = std::fopen(scratch.string().c_str(), "r");
     if (!f) return false;
@@ -369,7 +373,7 @@ bool TheirPixels(const std::string& tool, const std::filesystem::path& file,
     std::fclose(f);
     return n == w * h;
   }
-  if (!Run("convert " + vxtest::Quote(file) + " -strip -endian LSB " + vxtest::Quote(scratch)))
+  if (!Shell("convert " + vxtest::Quote(file) + " -strip -endian LSB " + vxtest::Quote(scratch)))
     return false;
   const Bytes f = vxtest::ReadFile(scratch);
   int w = 0, h = 0, n = 0;
@@ -413,7 +417,7 @@ TEST(HdrInterop, ToolFilesDecodeToTheirBytes) {
       const auto file = dir / "tool.hdr";
       char cmd[512];
       std::snprintf(cmd, sizeof cmd, t.make, size, vxtest::Quote(file).c_str());
-      ASSERT_TRUE(Run(cmd)) << cmd;
+      ASSERT_TRUE(Shell(cmd)) << cmd;
       const Bytes bytes = vxtest::ReadFile(file);
       int w = 0, h = 0;
       Bytes rgbe;
@@ -422,15 +426,15 @@ TEST(HdrInterop, ToolFilesDecodeToTheirBytes) {
       ASSERT_EQ(ReadPicture(file, &ours), S_OK);
       ASSERT_EQ(ours.width, w);
       ASSERT_EQ(ours.height, h);
-      int distinct = 0;
+      std::set<std::uint32_t> colours;
       for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
           const std::uint8_t* q = &rgbe[(static_cast<std::size_t>(y) * w + x) * 4];
           for (int c = 0; c < 3; ++c)
             ASSERT_EQ(ours.At(x, y)[c], Rgbe(q[c], q[3])) << x << "," << y;
-          distinct += x > 0 && std::memcmp(q, q - 4, 4) != 0;
+          colours.insert(static_cast<std::uint32_t>(q[0] | q[1] << 8 | q[2] << 16 | q[3] << 24));
         }
-      EXPECT_GT(distinct, w * h / 4);  // a varied picture, not one colour
+      EXPECT_GE(colours.size(), 3u);  // a varied picture, not one colour
       ++ran;
     }
   }
@@ -468,7 +472,11 @@ TEST(HdrInterop, OurFilesReadInBothTools) {
           const float largest = std::max(p[0], std::max(p[1], p[2]));
           for (int c = 0; c < 3; ++c) {
             // RGBE keeps 8 bits against the largest channel; tools may decode without the + 0.5.
-            EXPECT_NEAR(theirs.At(x, y)[c], p[c], largest / 128) << x << "," << y << "," << c;
+            // ImageMagick here is Q16 without HDRI: it holds 0..1 in 16-bit steps.
+            const bool q16 = program == "convert";
+            EXPECT_NEAR(theirs.At(x, y)[c], q16 ? std::min(p[c], 1.0f) : p[c],
+                        largest / 128 + (q16 ? 2.0f / 65535 : 0.0f))
+                << x << "," << y << "," << c;
             EXPECT_NEAR(back.At(x, y)[c], p[c], largest / 256) << x << "," << y << "," << c;
           }
         }
