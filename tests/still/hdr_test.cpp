@@ -487,3 +487,27 @@ TEST(HdrInterop, OurFilesReadInBothTools) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(HdrHost, InfoShowsHeaderLinesAndConvertTakesExposure) {
+  vxtest::TempDir dir;
+  vxtest::WriteFile(dir / "in.hdr",
+                    Text("#?RADIANCE\nEXPOSURE=0.5\nPRIMARIES=0.708 0.292 0.17 0.797 0.131 0.046 "
+                         "0.3127 0.329\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 8\n") +
+                        RleLine(8, 140, 70, 35, 131));
+  vxtest::HostRun r = vxtest::RunHost(dir.path(), "info in.hdr");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("hdr:exposure: 0.5"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("hdr:primaries: 0.708 0.292 0.17 0.797"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("hdr:format: 32-bit_rle_rgbe"), std::string::npos) << r.out;
+  // Two stops up on the way in, written as they come: the exponent byte two higher.
+  r = vxtest::RunHost(dir.path(), "convert in.hdr out.hdr -i exposure=2 -o linear=1");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const Bytes out = vxtest::ReadFile(dir / "out.hdr");
+  const Bytes want =
+      Text("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 8\n") + RleLine(8, 140, 70, 35, 133);
+  EXPECT_EQ(out, want);
+}
+
+}  // namespace
