@@ -100,9 +100,9 @@ HRESULT CVxHdrFileParser::LoadHeader(bool whole) {
   vx::os::UniqueFile file(vx::os::OpenRead(name.c_str()));
   std::uint64_t size = 0;
   if (!file || !vx::os::Size(file.get(), &size)) return E_FAIL;
-  if (size > SIZE_MAX / 2) return E_OUTOFMEMORY;
   for (;;) {
     const std::uint64_t bytes = whole ? size : std::min<std::uint64_t>(size, kHeaderPrefix);
+    if (bytes > SIZE_MAX / 2) return E_OUTOFMEMORY;  // more than a 32-bit process can hold
     file_.resize(static_cast<std::size_t>(bytes));
     if (!ReadAll(file.get(), bytes, file_.data())) return E_FAIL;
     HdrHeader parsed;
