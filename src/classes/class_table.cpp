@@ -14,6 +14,7 @@
 #include "still/dpx/dpx_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
+#include "still/hdr/hdr_parser.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -50,6 +51,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
     {"CVxQuillPicFileParser", &Parser<CVxQuillPicFileParser>},
     {"CVxTargaFileParser", &Parser<CVxTargaFileParser>},
+    {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},

@@ -253,6 +253,22 @@ VXSDK_API void VxFreeLUT(VxLUT3D* lut);
 VXSDK_API HRESULT VxLUTHelperApply3DLut(const VxLUT3D* lut, float* pixels, std::size_t count,
                                         int channels);
 
+// Preset 1D transfer curves of the host, applied per colour channel (alpha is kept). A curve's
+// forward direction takes linear light to its code values, the reverse direction back, so
+// reverse(display) then forward(linear) turns a display-referred picture into linear light.
+// Preset 0 is linear (the identity); preset 6 is the display curve, the sRGB one (IEC 61966-2-1,
+// mirrored below zero and continued above one).
+enum : DWORD { VX_PRESET_LUT_LINEAR = 0, VX_PRESET_LUT_DISPLAY = 6 };
+// The id under which the helpers below know host preset `preset`; E_INVALIDARG when the host
+// has no such preset, E_POINTER for a null `id`.
+VXSDK_API HRESULT VxGetPresetLUTId(DWORD preset, DWORD* id);
+// Apply a preset's curve in place to `count` pixels of `channels` (3 or 4) interleaved floats.
+// E_INVALIDARG for an unknown id or another channel count, E_POINTER for null pixels.
+VXSDK_API HRESULT VxLUTHelperApplyForward1DLut(DWORD id, float* pixels, std::size_t count,
+                                               int channels);
+VXSDK_API HRESULT VxLUTHelperApplyReverse1DLut(DWORD id, float* pixels, std::size_t count,
+                                               int channels);
+
 // ---- Host flags, project properties and message boxes ---------------------------------------
 VXSDK_API void VxSetShowParserUI(BOOL show);
 VXSDK_API BOOL VxGetShowParserUI();
