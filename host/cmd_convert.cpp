@@ -15,7 +15,8 @@ namespace {
 struct ConvertArgs {
   std::string input, output;
   std::string depth, layout, packing, endian, lut, transfer, frames;
-  std::vector<std::string> options;  // -o name=value
+  std::vector<std::string> options;      // -o name=value
+  std::vector<std::string> readOptions;  // --read-option name=value
   bool force = false, quiet = false, sequence = false, json = false;
 };
 
@@ -55,6 +56,7 @@ class Converter {
     std::string error;
     if (!ResolveInput(args_.input, args_.sequence, &input_, &error))
       return Fail(args_.input, error);
+    input_.options = args_.readOptions;
     if (!FindParserFor(args_.output, &outEntry_))
       return Fail(args_.output, NoParserText(args_.output));
     if (!(outEntry_.capabilities & 2))
@@ -387,6 +389,8 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_option("--lut", args.lut, "3D LUT (.cube) to apply before writing");
   cmd->add_option("--frames", args.frames, "Frame numbers to convert: N, A-B, A- or -B");
   cmd->add_option("-o,--option", args.options, "Any writer option as name=value (repeatable)");
+  cmd->add_option("--read-option", args.readOptions,
+                  "Any reader option as name=value (repeatable), e.g. size=1920x1080");
   cmd->add_flag("--force", args.force, "Replace output files that exist");
   cmd->add_flag("--sequence", args.sequence,
                 "Treat an input file name with a frame number as its whole numbered sequence");

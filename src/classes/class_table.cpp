@@ -11,7 +11,9 @@
 #include "frame/catalogue.h"
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
+#include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
+#include "still/yuv/yuv_parser.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -46,6 +48,8 @@ struct ClassEntry {
 constexpr ClassEntry kClasses[] = {
     // clang-format off
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
+    {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
+    {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},
