@@ -32,8 +32,8 @@ struct Parser {
 };
 
 // One frame of `width` x `height` whose every pair of pixels is (y0, y1, cb, cr).
-std::vector<std::uint8_t> Frame(int mode, std::uint32_t width, std::uint32_t height, int y0,
-                                int y1, int cb, int cr) {
+std::vector<std::uint8_t> Frame(int mode, std::uint32_t width, std::uint32_t height, int y0, int y1,
+                                int cb, int cr) {
   std::vector<std::uint8_t> f;
   const std::uint32_t pairs = width / 2 * height;
   if (mode == 0) {

@@ -171,10 +171,10 @@ void EncodeLines(YuvLayout layout, const RgbPicture& in, YuvRaster r, std::uint8
     for (std::uint32_t i = 0; i < pairs; ++i, px += 2 * n) {
       const std::int64_t r0 = px[0] * widen, g0 = px[1] * widen, b0 = px[2] * widen;
       const std::int64_t r1 = px[n] * widen, g1 = px[n + 1] * widen, b1 = px[n + 2] * widen;
-      const int y0 = Round(c.y[0] * r0 + c.y[1] * g0 + c.y[2] * b0, kEncodeFraction, c.y0,
-                           c.yMin, c.yMax);
-      const int y1 = Round(c.y[0] * r1 + c.y[1] * g1 + c.y[2] * b1, kEncodeFraction, c.y0,
-                           c.yMin, c.yMax);
+      const int y0 =
+          Round(c.y[0] * r0 + c.y[1] * g0 + c.y[2] * b0, kEncodeFraction, c.y0, c.yMin, c.yMax);
+      const int y1 =
+          Round(c.y[0] * r1 + c.y[1] * g1 + c.y[2] * b1, kEncodeFraction, c.y0, c.yMin, c.yMax);
       // The pair's sums carry one more fraction bit: their average.
       const std::int64_t rs = r0 + r1, gs = g0 + g1, bs = b0 + b1;
       const int cb = Round(c.cb[0] * rs + c.cb[1] * gs + c.cb[2] * bs, kEncodeFraction + 1, c.c0,

@@ -147,8 +147,7 @@ HRESULT CVxYUVFileParser::SetOption(void* option, DWORD kind) {
     if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
     const std::string text = vx::ToUtf8(static_cast<const VxChar*>(option));
     const std::size_t eq = text.find('=');
-    if (eq == std::string::npos || std::string_view(text).substr(0, eq) != "size")
-      return S_FALSE;
+    if (eq == std::string::npos || std::string_view(text).substr(0, eq) != "size") return S_FALSE;
     const std::string_view value = std::string_view(text).substr(eq + 1);
     // An empty value goes back to finding the raster from the file size.
     YuvRaster r;
