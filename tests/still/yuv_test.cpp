@@ -105,6 +105,7 @@ TEST(YuvParser, SizeOptionOverridesAndTruncatedFilesFail) {
       {"hd.yuv", "size=640x1440", S_OK, S_OK, 640, 1440},
       {"hd.yuv", "size=64x4", S_OK, S_OK, 64, 4},  // the first frame of a longer file
       {"hd.yuv", "size=2000x1000", S_OK, E_FAIL, 0, 0},
+      {"hd.yuv", "size=65536x65536", S_OK, E_FAIL, 0, 0},       // past 4 GiB: no frame at all
       {"hd.yuv", "size=641x4", E_INVALIDARG, S_OK, 1280, 720},  // 4:2:2 needs an even width
       {"hd.yuv", "size=", S_OK, S_OK, 1280, 720},
       {"hd.yuv", "depth=10", S_FALSE, S_OK, 1280, 720},

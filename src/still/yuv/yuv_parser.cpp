@@ -84,7 +84,8 @@ HRESULT CVxYUVFileParser::Probe(vx::os::UniqueFile* keep, YuvRaster* raster) {
   if (!file || !vx::os::Size(file.get(), &size)) return E_FAIL;
   if (size_.width) {
     // A given raster reads the file's first frame; a file too short for it is truncated.
-    if (size < FrameBytes(layout_, size_)) return E_FAIL;
+    const std::uint64_t bytes = FrameBytes(layout_, size_);
+    if (bytes == 0 || size < bytes) return E_FAIL;
     *raster = size_;
   } else if (!RasterFromFileSize(layout_, size, raster)) {
     return E_FAIL;
