@@ -185,7 +185,7 @@ TEST(YuvInterop, VxhostConvertsDpxThroughYuv16AndBack) {
   pclose(p);
   ASSERT_TRUE(got);
   const long peak = std::strtol(text, nullptr, 10);
-  EXPECT_LE(peak, 400) << text;
+  EXPECT_LE(peak, 128) << text;  // 84 here: 10-bit codes and the ramp's chroma over pairs
   run = vxtest::RunHost(dir.path(), "thumbnail out.yuv16 t.ppm --size 8 --read-option size=96x40");
   EXPECT_EQ(run.code, 0) << run.err;
   vxtest::WriteFile(dir / "x.chr", {1, 2, 3});
