@@ -181,9 +181,10 @@ bool OpenInput(const Module& module, const Input& input, OpenedParser* out, std:
     return false;
   }
   if (SUCCEEDED(hr)) hr = out->parser->Open(input.wide.c_str(), input.openFlags());
-  if (hr == E_NOTIMPL) {
-    // A row kept for a format the build cannot read: say so rather than blame the file.
-    *error = "the " + out->entry.name + " format is not supported by this build (E_NOTIMPL)";
+  if (hr == E_NOTIMPL && out->entry.name == "CHYRON") {
+    // The row stays registered so hosts get an answer, but no file of it is read: say why
+    // rather than blame the file.
+    *error = "CHYRON: this format has no published description; not supported (E_NOTIMPL)";
     return false;
   }
   if (FAILED(hr)) {
