@@ -56,6 +56,7 @@ class Converter {
     std::string error;
     if (!ResolveInput(args_.input, args_.sequence, &input_, &error))
       return Fail(args_.input, error);
+    input_.options = args_.readOptions;
     if (!FindParserFor(args_.output, &outEntry_))
       return Fail(args_.output, NoParserText(args_.output));
     if (!(outEntry_.capabilities & 2))
@@ -63,7 +64,6 @@ class Converter {
                                     WritersOfKind(outEntry_.mediaKind));
     if (!BuildOptions()) return false;
     if (!OpenInput(module_, input_, &reader_, &error)) return Fail(args_.input, error);
-    if (!ApplyReadOptions()) return false;
     source_ = reader_.parser.As<IVxParserSourceInfo>(IID_IVxParserSourceInfo);
 
     BOOL hasPicture = FALSE, hasSound = FALSE;
@@ -126,24 +126,6 @@ class Converter {
       options_.push_back({o, true});
     }
     if (!FrameRangeOk()) return Fail(args_.input, "--frames takes N, A-B, A- or -B");
-    return true;
-  }
-
-  // The reader's options (an import setting such as exposure=1), before anything is read.
-  bool ApplyReadOptions() {
-    for (const std::string& o : args_.readOptions) {
-      if (o.find('=') == std::string::npos)
-        return Fail(args_.input, "read option '" + o + "' is not name=value");
-      const VxString text = vx::FromUtf8(o);
-      const HRESULT hr =
-          reader_.parser->SetOption(const_cast<VxChar*>(text.c_str()), VX_OPTION_TEXT);
-      if (hr == S_FALSE || hr == E_NOTIMPL) {
-        std::fprintf(stderr, "%s: read option %s is not one of %s's; ignored\n",
-                     args_.input.c_str(), o.c_str(), reader_.entry.name.c_str());
-      } else if (FAILED(hr)) {
-        return Fail(args_.input, "read option " + o + ": " + Words(hr));
-      }
-    }
     return true;
   }
 
@@ -408,7 +390,7 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_option("--frames", args.frames, "Frame numbers to convert: N, A-B, A- or -B");
   cmd->add_option("-o,--option", args.options, "Any writer option as name=value (repeatable)");
   cmd->add_option("-i,--read-option", args.readOptions,
-                  "Any reader option as name=value, e.g. exposure=1 (repeatable)");
+                  "Any reader option as name=value (repeatable), e.g. exposure=1, size=1920x1080");
   cmd->add_flag("--force", args.force, "Replace output files that exist");
   cmd->add_flag("--sequence", args.sequence,
                 "Treat an input file name with a frame number as its whole numbered sequence");

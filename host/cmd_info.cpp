@@ -26,6 +26,7 @@ struct InfoArgs {
   bool json = false;
   bool sequence = false;
   double rate = 25;
+  std::vector<std::string> readOptions;
 };
 
 // Describes one file or sequence; false (with the line on standard error) when it cannot.
@@ -38,6 +39,7 @@ bool Describe(const Module& module, const std::string& file, const InfoArgs& arg
   Input input;
   std::string error;
   if (!ResolveInput(file, args.sequence, &input, &error)) return fail(error);
+  input.options = args.readOptions;
   OpenedParser opened;
   if (!OpenInput(module, input, &opened, &error)) return fail(error);
 
@@ -84,6 +86,8 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_option("--rate", args.rate, "Frames per second of sound time codes (non-drop)")
       ->capture_default_str()
       ->check(CLI::Range(1.0, 100.0));
+  cmd->add_option("--read-option", args.readOptions,
+                  "Any reader option as name=value (repeatable), e.g. size=1920x1080");
   cmd->callback([&options] { Run(options, args); });
 }
 

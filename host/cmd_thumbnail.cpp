@@ -20,6 +20,7 @@ struct ThumbnailArgs {
   int frame = 0;
   int size = 256;
   bool sequence = false;
+  std::vector<std::string> readOptions;
 };
 
 struct DrawerSlot {
@@ -105,8 +106,9 @@ bool Thumbnail(const Module& module, const ThumbnailArgs& args) {
   Input input;
   OpenedParser opened;
   std::string error;
-  if (!ResolveInput(file, args.sequence, &input, &error) ||
-      !OpenInput(module, input, &opened, &error)) {
+  const bool resolved = ResolveInput(file, args.sequence, &input, &error);
+  input.options = args.readOptions;
+  if (!resolved || !OpenInput(module, input, &opened, &error)) {
     FileError(file, error);
     return false;
   }
@@ -163,6 +165,8 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_flag("--sequence", args.sequence,
                 "Treat a file name with a frame number as its whole numbered sequence");
   cmd->add_option("--size", args.size, "Longest side in pixels")->capture_default_str();
+  cmd->add_option("--read-option", args.readOptions,
+                  "Any reader option as name=value (repeatable), e.g. size=1920x1080");
   cmd->callback([&options] {
     auto module = LoadModule(options);
     if (!module || !EnsureRegistered(*module) || !Thumbnail(*module, args)) SetExitCode(1);

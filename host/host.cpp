@@ -181,9 +181,30 @@ bool OpenInput(const Module& module, const Input& input, OpenedParser* out, std:
     return false;
   }
   if (SUCCEEDED(hr)) hr = out->parser->Open(input.wide.c_str(), input.openFlags());
+  if (hr == E_NOTIMPL && out->entry.name == "CHYRON") {
+    // The row stays registered so hosts get an answer, but no file of it is read: say why
+    // rather than blame the file.
+    *error = "CHYRON: this format has no published description; not supported (E_NOTIMPL)";
+    return false;
+  }
   if (FAILED(hr)) {
     *error = ReadFailureText(hr, out->entry);
     return false;
+  }
+  for (const std::string& option : input.options) {
+    if (option.find('=') == std::string::npos) {
+      *error = "read option '" + option + "' is not name=value";
+      return false;
+    }
+    const VxString text = vx::FromUtf8(option);
+    hr = out->parser->SetOption(const_cast<VxChar*>(text.c_str()), VX_OPTION_TEXT);
+    if (hr == S_FALSE || hr == E_NOTIMPL) {
+      std::fprintf(stderr, "%s: read option %s is not one of %s's; ignored\n", input.file.c_str(),
+                   option.c_str(), out->entry.name.c_str());
+    } else if (FAILED(hr)) {
+      *error = "read option " + option + ": " + Words(hr);
+      return false;
+    }
   }
   return true;
 }

@@ -131,6 +131,7 @@ struct Input {
   std::string file;  // as the user wrote it (UTF-8)
   VxString wide;     // what the parser opens
   bool sequence = false;
+  std::vector<std::string> options;  // "name=value" texts for the reader (--read-option)
   DWORD openFlags() const { return sequence ? DWORD{0} : DWORD{VX_OPEN_NO_PATTERN}; }
 };
 // False (with *error in words) when the name is neither an existing file nor a pattern that
@@ -144,7 +145,8 @@ struct OpenedParser {
   vx::registry::Entry entry;
   ComPtr<IVxMediaFileParser> parser;
 };
-// False with *error in words: no parser for the extension, no class built, or Open failed.
+// False with *error in words: no parser for the extension, no class built, Open failed, or the
+// reader refused one of the input's options.
 bool OpenInput(const Module& module, const Input& input, OpenedParser* out, std::string* error);
 
 // Text taken from files, made safe for terminals and JSON: valid UTF-8 is kept, other bytes and

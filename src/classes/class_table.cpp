@@ -11,10 +11,12 @@
 #include "frame/catalogue.h"
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
+#include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
+#include "still/hdr/hdr_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
-#include "still/hdr/hdr_parser.h"
+#include "still/yuv/yuv_parser.h"
 #include "vx/sdk.h"
 
 namespace vx::frame {
@@ -52,6 +54,8 @@ constexpr ClassEntry kClasses[] = {
     {"CVxQuillPicFileParser", &Parser<CVxQuillPicFileParser>},
     {"CVxTargaFileParser", &Parser<CVxTargaFileParser>},
     {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
+    {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
+    {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},
