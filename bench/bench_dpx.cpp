@@ -27,7 +27,7 @@ std::filesystem::path TestFile() {
   std::error_code ec;
   if (std::filesystem::file_size(p, ec) == vx::dpx::kHeaderSize + kDataBytes) return p;
   using namespace vx;
-using namespace vx::dpx;
+  using namespace vx::dpx;
   std::vector<std::uint8_t> h(kHeaderSize, 0);
   std::memcpy(h.data(), kMagicBig, 4);
   Store32(&h[kOffImageOffset], kHeaderSize, true);
