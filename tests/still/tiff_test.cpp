@@ -108,7 +108,7 @@ class Builder {
   Bytes out_;
 };
 
-// The usual tags of a w x h picture; `more` are added (tags may repeat none of these).
+// The usual tags of a w x h picture, uncompressed; `more` are added or replace them.
 std::vector<Entry> Tags(std::uint32_t w, std::uint32_t h, std::vector<std::uint32_t> bits,
                         std::uint32_t photometric, std::uint32_t rowsPerStrip,
                         std::vector<Entry> more = {}) {
@@ -117,7 +117,14 @@ std::vector<Entry> Tags(std::uint32_t w, std::uint32_t h, std::vector<std::uint3
       {258, 3, bits, {}},          {259, 3, {1}, {}},
       {262, 3, {photometric}, {}}, {277, 3, {static_cast<std::uint32_t>(bits.size())}, {}}};
   if (rowsPerStrip) e.push_back({278, 4, {rowsPerStrip}, {}});
-  e.insert(e.end(), more.begin(), more.end());
+  for (const Entry& m : more) {
+    auto same = std::find_if(e.begin(), e.end(), [&](const Entry& x) { return x.tag == m.tag; });
+    if (same != e.end()) {
+      *same = m;
+    } else {
+      e.push_back(m);
+    }
+  }
   return e;
 }
 
@@ -272,14 +279,14 @@ TEST(TiffRead, HandLaidFilesReadAsLaidOut) {
        3,
        1,
        {{0, 0, 0, 0, 0, 65535}, {1, 0, 65535, 65535, 65535, 65535}, {2, 0, 0, 0, 0, 65535}}},
-      // Indices 0, 3: entry 0 red, entry 3 (0x1000, 0x2000, 0x3000) scaled to 8 bits.
+      // Indices 0, 3: entry 0 red, entry 3 (0x1000, 0x2000, 0x3000) at the map's 16 bits.
       {"2-bit palette",
        false,
        {palette},
        0,
        2,
        1,
-       {{0, 0, 65535, 0, 0, 65535}, {1, 0, 16 * kE, 32 * kE, 48 * kE, 65535}}},
+       {{0, 0, 65535, 0, 0, 65535}, {1, 0, 0x1000, 0x2000, 0x3000, 65535}}},
       {"planar rgb",
        false,
        {planar},
@@ -385,8 +392,9 @@ TEST(TiffRead, BrokenFilesFailWithoutTouchingTheImage) {
     const char* name;
     Bytes bytes;
   };
-  Page shortStrip = whole;
-  shortStrip.chunks[0].resize(10);  // one and a bit lines of two
+  // PackBits: one literal run of 18 bytes announced, 9 there.
+  Page shortStrip{Tags(3, 2, {8, 8, 8}, 2, 2, {{259, 3, {32773}, {}}}),
+                  {{17, 1, 2, 3, 4, 5, 6, 7, 8, 9}}};
   Bytes pastEnd = good;
   pastEnd.resize(good.size() - 4);  // the directory's tail cut
   const Case cases[] = {

@@ -19,7 +19,7 @@ namespace vx::tiff {
 Depth TiffPage::NativeDepth() const {
   if (rgbaInterface) return Depth::k8;
   if (sampleFormat == 3) return Depth::kFloat;
-  if (photometric == 3) return bits > 8 ? Depth::k16 : Depth::k8;  // the map is 16-bit
+  if (photometric == 3) return Depth::k16;  // the map is 16-bit
   return bits > 8 ? Depth::k16 : Depth::k8;
 }
 
