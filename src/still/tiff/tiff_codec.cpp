@@ -473,6 +473,22 @@ void ComposeFloat(const Layout& L, const float* const* planes, int stride, std::
   }
 }
 
+template <typename T>
+void CopyRgb(const std::uint8_t* src, int samples, bool alpha, std::size_t count, std::uint8_t* dst,
+             std::int64_t col) {
+  const std::size_t step = static_cast<std::size_t>(samples) * sizeof(T);
+  for (std::size_t i = 0; i < count; ++i, src += step, dst += col) {
+    T v[4];
+    std::memcpy(v, src, 3 * sizeof(T));
+    if (alpha) {
+      std::memcpy(v + 3, src + 3 * sizeof(T), sizeof(T));
+    } else {
+      v[3] = static_cast<T>(Out<T>::kMax);
+    }
+    std::memcpy(dst, v, sizeof v);
+  }
+}
+
 // One worker's share: chunks [begin, end) of plane 0 (strips or tiles), every plane decoded.
 bool DecodeChunks(TIFF* tif, const TiffPage& p, const Layout& L, const TiffTarget& t,
                   const Placement& m, std::uint32_t begin, std::uint32_t end) {
@@ -504,6 +520,11 @@ bool DecodeChunks(TIFF* tif, const TiffPage& p, const Layout& L, const TiffTarge
   } else {
     ints.resize(lineSamples * planes);
   }
+  // 8 or 16-bit RGB(A) lines of the target's own depth are copied as they are.
+  const bool direct = !L.isFloat && !L.isSigned && !L.palette && !L.cmyk && L.colours == 3 &&
+                      planes == 1 && p.samples <= 4 &&
+                      ((p.bits == 16 && t.depth == Depth::k16) ||
+                       (p.bits == 8 && t.depth == Depth::k8));
   for (std::uint32_t chunk = begin; chunk < end && chunk < perPlane; ++chunk) {
     const std::uint32_t x0 = p.tiled ? chunk % across * cw : 0;
     const std::uint32_t y0 = p.tiled ? chunk / across * chh : chunk * chh;
@@ -522,7 +543,14 @@ bool DecodeChunks(TIFF* tif, const TiffPage& p, const Layout& L, const TiffTarge
       const std::int64_t fileRow = y0 + r;
       std::uint8_t* dst = t.pixels + m.origin + fileRow * m.row + std::int64_t{x0} * m.col;
       const std::size_t count = cols;
-      if (L.isFloat) {
+      if (direct) {
+        const std::uint8_t* src = raw.data() + rowBytes * r;
+        if (t.depth == Depth::k16) {
+          CopyRgb<std::uint16_t>(src, p.samples, L.alphaIndex >= 0, count, dst, m.col);
+        } else {
+          CopyRgb<std::uint8_t>(src, p.samples, L.alphaIndex >= 0, count, dst, m.col);
+        }
+      } else if (L.isFloat) {
         const float* ptrs[8] = {};
         for (int pl = 0; pl < planes && pl < 8; ++pl) {
           float* line = floats.data() + lineSamples * pl;

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "base/checked.h"
 #include "base/guard.h"
@@ -61,15 +61,16 @@ std::string DateToTiff(const std::string& t) {
 }
 
 std::string NowTiff() {
-  const std::time_t now = std::time(nullptr);
-  std::tm tm{};
-#if defined(_WIN32)
-  gmtime_s(&tm, &now);
-#else
-  gmtime_r(&now, &tm);
-#endif
+  using namespace std::chrono;
+  const auto now = floor<seconds>(system_clock::now());
+  const auto day = floor<days>(now);
+  const year_month_day ymd{day};
+  const hh_mm_ss hms{now - day};
   char text[32];
-  std::strftime(text, sizeof text, "%Y:%m:%d %H:%M:%S", &tm);
+  std::snprintf(text, sizeof text, "%04d:%02u:%02u %02d:%02d:%02d", static_cast<int>(ymd.year()),
+                static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                static_cast<int>(hms.hours().count()), static_cast<int>(hms.minutes().count()),
+                static_cast<int>(hms.seconds().count()));
   return text;
 }
 
