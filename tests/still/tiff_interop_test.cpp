@@ -308,7 +308,7 @@ TEST(TiffInterop, VxhostWritesAndDescribes) {
   vxtest::TempDir dir;
   ASSERT_TRUE(Sh("convert -seed 5 -size 33x17 plasma: -depth 16 " + Quote(dir / "src.png") +
                  " && convert " + Quote(dir / "src.png") + " " + Quote(dir / "src.ppm")));
-  auto r = vxtest::RunHost(dir.path(), "convert src.ppm t.tif -o compression=lzw --depth 16");
+  auto r = vxtest::RunHost(dir.path(), "convert src.ppm t.tif --compression lzw --depth 16");
   ASSERT_EQ(r.code, 0) << r.err;
   ExpectNear(Decode(dir / "t.tif"), Decode(dir / "src.ppm"), 0);
   r = vxtest::RunHost(dir.path(), "info t.tif");
