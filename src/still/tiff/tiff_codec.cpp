@@ -521,10 +521,10 @@ bool DecodeChunks(TIFF* tif, const TiffPage& p, const Layout& L, const TiffTarge
     ints.resize(lineSamples * planes);
   }
   // 8 or 16-bit RGB(A) lines of the target's own depth are copied as they are.
-  const bool direct = !L.isFloat && !L.isSigned && !L.palette && !L.cmyk && L.colours == 3 &&
-                      planes == 1 && p.samples <= 4 &&
-                      ((p.bits == 16 && t.depth == Depth::k16) ||
-                       (p.bits == 8 && t.depth == Depth::k8));
+  const bool direct =
+      !L.isFloat && !L.isSigned && !L.palette && !L.cmyk && L.colours == 3 && planes == 1 &&
+      p.samples <= 4 &&
+      ((p.bits == 16 && t.depth == Depth::k16) || (p.bits == 8 && t.depth == Depth::k8));
   for (std::uint32_t chunk = begin; chunk < end && chunk < perPlane; ++chunk) {
     const std::uint32_t x0 = p.tiled ? chunk % across * cw : 0;
     const std::uint32_t y0 = p.tiled ? chunk / across * chh : chunk * chh;
