@@ -473,9 +473,31 @@ void ComposeFloat(const Layout& L, const float* const* planes, int stride, std::
   }
 }
 
+// Lines shown left to right get loops of fixed steps the compiler can widen.
+template <typename T, int kSamples>
+void CopyRgbRun(const T* src, std::size_t count, T* dst) {
+  for (std::size_t i = 0; i < count; ++i, src += kSamples, dst += 4) {
+    dst[0] = src[0];
+    dst[1] = src[1];
+    dst[2] = src[2];
+    dst[3] = kSamples == 4 ? src[3] : static_cast<T>(Out<T>::kMax);
+  }
+}
+
 template <typename T>
 void CopyRgb(const std::uint8_t* src, int samples, bool alpha, std::size_t count, std::uint8_t* dst,
              std::int64_t col) {
+  if (col == 4 * static_cast<std::int64_t>(sizeof(T)) &&
+      (samples == 3 || (samples == 4 && alpha)) &&
+      reinterpret_cast<std::uintptr_t>(src) % alignof(T) == 0 &&
+      reinterpret_cast<std::uintptr_t>(dst) % alignof(T) == 0) {
+    if (samples == 3) {
+      CopyRgbRun<T, 3>(reinterpret_cast<const T*>(src), count, reinterpret_cast<T*>(dst));
+    } else {
+      CopyRgbRun<T, 4>(reinterpret_cast<const T*>(src), count, reinterpret_cast<T*>(dst));
+    }
+    return;
+  }
   const std::size_t step = static_cast<std::size_t>(samples) * sizeof(T);
   for (std::size_t i = 0; i < count; ++i, src += step, dst += col) {
     T v[4];
