@@ -14,7 +14,7 @@ namespace {
 
 struct ConvertArgs {
   std::string input, output;
-  std::string depth, layout, packing, endian, lut, transfer, frames;
+  std::string depth, layout, packing, endian, lut, transfer, frames, compression;
   std::vector<std::string> options;      // -o name=value
   std::vector<std::string> readOptions;  // -i name=value
   bool force = false, quiet = false, sequence = false, json = false;
@@ -120,6 +120,7 @@ class Converter {
     user("endian", args_.endian);
     user("transfer", args_.transfer);
     user("lut", args_.lut);
+    user("compression", args_.compression);
     for (const auto& o : args_.options) {
       if (o.find('=') == std::string::npos)
         return Fail(args_.output, "option '" + o + "' is not name=value");
@@ -387,6 +388,8 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_option("--transfer", args.transfer,
                   "printing-density, linear, rec709 or user (default: the source's)");
   cmd->add_option("--lut", args.lut, "3D LUT (.cube) to apply before writing");
+  cmd->add_option("--compression", args.compression,
+                  "The writer's compression, e.g. none, rle, lzw, deflate, packbits");
   cmd->add_option("--frames", args.frames, "Frame numbers to convert: N, A-B, A- or -B");
   cmd->add_option("-o,--option", args.options, "Any writer option as name=value (repeatable)");
   cmd->add_option("-i,--read-option", args.readOptions,

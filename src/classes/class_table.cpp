@@ -16,6 +16,7 @@
 #include "still/hdr/hdr_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
+#include "still/tiff/tiff_parser.h"
 #include "still/yuv/yuv_parser.h"
 #include "vx/sdk.h"
 
@@ -53,6 +54,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxDPXFileParser", &Parser<CVxDPXFileParser>},
     {"CVxQuillPicFileParser", &Parser<CVxQuillPicFileParser>},
     {"CVxTargaFileParser", &Parser<CVxTargaFileParser>},
+    {"CVxTIFFFileParser", &Parser<CVxTIFFFileParser>},
     {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
     {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
     {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
