@@ -14,6 +14,7 @@
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
+#include "still/png/png_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
 #include "still/yuv/yuv_parser.h"
@@ -54,6 +55,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxQuillPicFileParser", &Parser<CVxQuillPicFileParser>},
     {"CVxTargaFileParser", &Parser<CVxTargaFileParser>},
     {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
+    {"CVxPNGFileParser", &Parser<CVxPNGFileParser>},
     {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
     {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
