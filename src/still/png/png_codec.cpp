@@ -160,7 +160,10 @@ bool ParsePng(const std::uint8_t* data, std::size_t size, PngInfo* out) {
     const std::uint32_t length = Be32(data + at), type = Be32(data + at + 4);
     if (length > 0x7FFFFFFFu || length > size - at - 12) return false;
     const std::uint8_t* p = data + at + 8;
-    const bool crcOk = crc32(crc32(0, nullptr, 0), data + at + 4, length + 4) == Be32(p + length);
+    // Only the ancillary chunks read here are checked: libpng checks the critical ones, and a
+    // CRC over all the IDAT bytes would cost a good share of a decode.
+    const std::uint8_t* typeAt = data + at + 4;
+    auto crcOk = [&] { return crc32(0, typeAt, length + 4) == Be32(p + length); };
     at += std::size_t{length} + 12;
     if (first) {
       if (type != Tag("IHDR") || length != 13) return false;
@@ -202,10 +205,12 @@ bool ParsePng(const std::uint8_t* data, std::size_t size, PngInfo* out) {
       end = true;
     } else if (type == Tag("PLTE")) {
       palette = true;
+    } else if (!(type & 0x20000000u)) {
+      return false;  // a critical chunk we do not know
+    } else if (!crcOk()) {
+      continue;  // an ancillary chunk with a bad CRC is dropped, as libpng drops it
     } else if (type == Tag("tRNS")) {
       info.hasTrns = info.colorType != kGreyAlpha && info.colorType != kRgba && length > 0;
-    } else if (!crcOk) {
-      continue;  // an ancillary chunk with a bad CRC is dropped, as libpng drops it
     } else if (type == Tag("gAMA") && length == 4) {
       info.gamma = Be32(p);
     } else if (type == Tag("sRGB") && length == 1) {
@@ -230,8 +235,6 @@ bool ParsePng(const std::uint8_t* data, std::size_t size, PngInfo* out) {
       info.time = text;
     } else if (type == Tag("tEXt") || type == Tag("zTXt") || type == Tag("iTXt")) {
       ReadText(type, p, length, &textBudget, &info.texts);
-    } else if (!(type & 0x20000000u)) {
-      return false;  // a critical chunk we do not know
     }
   }
   if (!idat || (info.colorType == kPalette && !palette)) return false;
@@ -309,15 +312,19 @@ struct EncodeArgs {
   int textCount;
 };
 
-void SetDecodeTransforms(png_structp png, const PngInfo& info, VxPixelFormat f) {
+// What libpng kept of the header decides the filler: a tRNS it refused is no alpha.
+void SetDecodeTransforms(png_structp png, png_infop pi, const PngInfo& info, VxPixelFormat f) {
   png_set_expand(png);  // palette to RGB, low-bit grey to 8 bits, tRNS to alpha
   const bool grey = f == VX_PF_GRAY8 || f == VX_PF_GRAY16;
   const bool alpha = f == VX_PF_RGBA8 || f == VX_PF_BGRA8 || f == VX_PF_RGBA16;
+  const bool fileAlpha =
+      (png_get_color_type(png, pi) & PNG_COLOR_MASK_ALPHA) || png_get_valid(png, pi, PNG_INFO_tRNS);
   if (info.Grey() && !grey) png_set_gray_to_rgb(png);
-  if (!alpha)
+  if (!alpha) {
     png_set_strip_alpha(png);
-  else if (!info.Alpha())
+  } else if (!fileAlpha) {
     png_set_add_alpha(png, info.bitDepth == 16 ? 0xFFFF : 0xFF, PNG_FILLER_AFTER);
+  }
   if (f == VX_PF_BGRA8) png_set_bgr(png);
   if (info.bitDepth == 16 && std::endian::native == std::endian::little) png_set_swap(png);
   if (info.interlaced) png_set_interlace_handling(png);
@@ -342,7 +349,7 @@ bool RunDecode(PngState* s, DecodeArgs* a) {
   if (png_get_image_width(s->png, s->info) != a->info->width ||
       png_get_image_height(s->png, s->info) != a->info->height)
     png_error(s->png, "header changed");
-  SetDecodeTransforms(s->png, *a->info, a->target->format);
+  SetDecodeTransforms(s->png, s->info, *a->info, a->target->format);
   png_read_update_info(s->png, s->info);
   const std::size_t rowBytes =
       static_cast<std::size_t>(a->info->width) *
