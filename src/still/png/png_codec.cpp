@@ -303,7 +303,28 @@ struct DecodeArgs {
   const PngInfo* info;
   const PngTarget* target;
   png_bytepp rows;
+  png_bytep scratch;  // one file row, for the 16-bit RGB(A) rows we widen ourselves; else null
 };
+
+// File row (big-endian RGB or RGBA 16) to host RGBA16 in one pass: libpng's swap and filler
+// would be two more passes over every row.
+void WidenRow16(const std::uint8_t* in, std::uint8_t* out, std::uint32_t width, bool alpha) {
+  if (alpha) {
+    for (std::uint32_t i = 0; i < width; ++i, in += 8, out += 8) {
+      std::uint64_t v;
+      std::memcpy(&v, in, 8);
+      v = (v & 0x00FF00FF00FF00FFu) << 8 | (v >> 8 & 0x00FF00FF00FF00FFu);
+      std::memcpy(out, &v, 8);
+    }
+    return;
+  }
+  for (std::uint32_t i = 0; i < width; ++i, in += 6, out += 8) {
+    std::uint64_t v = 0;
+    std::memcpy(&v, in, 6);
+    v = (v & 0x00FF00FF00FF00FFu) << 8 | (v >> 8 & 0x00FF00FF00FF00FFu) | 0xFFFF000000000000u;
+    std::memcpy(out, &v, 8);
+  }
+}
 
 struct EncodeArgs {
   const PngWriteInfo* info;
@@ -349,6 +370,20 @@ bool RunDecode(PngState* s, DecodeArgs* a) {
   if (png_get_image_width(s->png, s->info) != a->info->width ||
       png_get_image_height(s->png, s->info) != a->info->height)
     png_error(s->png, "header changed");
+  if (a->scratch) {
+    const bool alpha = png_get_color_type(s->png, s->info) == PNG_COLOR_TYPE_RGB_ALPHA;
+    if (!alpha && png_get_valid(s->png, s->info, PNG_INFO_tRNS)) png_error(s->png, "tRNS");
+    png_read_update_info(s->png, s->info);
+    if (png_get_rowbytes(s->png, s->info) != std::size_t{a->info->width} * (alpha ? 8 : 6))
+      png_error(s->png, "unexpected row layout");
+    for (std::uint32_t y = 0; y < a->info->height; ++y) {
+      png_read_row(s->png, a->scratch, nullptr);
+      WidenRow16(a->scratch, a->rows[y], a->info->width, alpha);
+    }
+    png_read_end(s->png, nullptr);
+    png_destroy_read_struct(&s->png, &s->info, nullptr);
+    return true;
+  }
   SetDecodeTransforms(s->png, s->info, *a->info, a->target->format);
   png_read_update_info(s->png, s->info);
   const std::size_t rowBytes =
@@ -414,10 +449,14 @@ bool DecodePng(const std::uint8_t* data, std::size_t size, const PngInfo& info,
   if (!CanDecodeInto(info, target.format) || !target.pixels) return false;
   std::vector<png_bytep> rows(info.height);
   for (std::uint32_t y = 0; y < info.height; ++y) rows[y] = target.pixels + target.rowStride * y;
+  const bool widen = std::endian::native == std::endian::little && !info.interlaced &&
+                     info.bitDepth == 16 && target.format == VX_PF_RGBA16 &&
+                     (info.colorType == kRgba || (info.colorType == kRgb && !info.hasTrns));
+  std::vector<std::uint8_t> scratch(widen ? std::size_t{info.width} * 8 : 0);
   PngState s{};
   s.in = data;
   s.inSize = size;
-  DecodeArgs a{&info, &target, rows.data()};
+  DecodeArgs a{&info, &target, rows.data(), widen ? scratch.data() : nullptr};
   return RunDecode(&s, &a);
 }
 
