@@ -42,6 +42,13 @@ bool IsOwnKey(std::string_view key) {
                      [&](const char* k) { return key == k; });
 }
 
+bool EqualNoCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
 double AspectOf(const PngInfo& info) {
   return info.hasPhys ? static_cast<double>(info.physY) / info.physX : 1.0;
 }
@@ -476,8 +483,9 @@ HRESULT CVxPNGFileParser::FillMetadata(std::int32_t frame, IVxMetadata* out) {
   text("png:time", p.time);
   for (const auto& [key, value] : p.texts) {
     std::string mapped = "png:" + key;
+    // Writers differ in case ("comment", "Comment"): the registered keywords match either way.
     for (const KeyPair& k : kKeys)
-      if (key == k.png) mapped = k.record;
+      if (EqualNoCase(key, k.png)) mapped = k.record;
     if (IsOwnKey(mapped)) continue;
     text(mapped, value);
   }
