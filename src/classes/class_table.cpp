@@ -14,6 +14,7 @@
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
+#include "still/png/png_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
 #include "still/tiff/tiff_parser.h"
@@ -56,6 +57,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxTargaFileParser", &Parser<CVxTargaFileParser>},
     {"CVxTIFFFileParser", &Parser<CVxTIFFFileParser>},
     {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
+    {"CVxPNGFileParser", &Parser<CVxPNGFileParser>},
     {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
     {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},

@@ -58,6 +58,7 @@ TEST(VxhostCodecConvert, EachFormatKeepsWhatItHoldsBothWays) {
       {"als", -1, ""},
       {"rla", -1, ""},  // ImageMagick 6 reads one-line RLA files only
       {"tga", -1, ""},  // ImageMagick 6.9 leaves bottom-first lines as stored (tags the origin)
+      {"png", 0, "src.dpx"},  // 16-bit RGB, exact
       // Float RGBE, written as it comes; ImageMagick decodes without the + 0.5 of a mantissa,
       // half a step (256 at full scale) under ours.
       {"hdr", 512, "src.dpx", " -o linear=1", 256},
