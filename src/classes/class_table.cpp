@@ -14,6 +14,7 @@
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
+#include "still/psd/psd_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
 #include "still/yuv/yuv_parser.h"
@@ -56,6 +57,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxHdrFileParser", &Parser<CVxHdrFileParser>},
     {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
     {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
+    {"CVxMediaFileParserPSD", &Parser<CVxMediaFileParserPSD>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},
