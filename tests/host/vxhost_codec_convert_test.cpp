@@ -61,6 +61,7 @@ TEST(VxhostCodecConvert, EachFormatKeepsWhatItHoldsBothWays) {
       // Float RGBE, written as it comes; ImageMagick decodes without the + 0.5 of a mantissa,
       // half a step (256 at full scale) under ours.
       {"hdr", 512, "src.dpx", " -o linear=1", 256},
+      {"psd", 0, "src.dpx"},  // 16-bit RGB, RLE
   };
   // Our grey is .30 R + .59 G + .11 B of the coded values.
   const std::string grey = "convert " + Quote(dir / "src.dpx") +
