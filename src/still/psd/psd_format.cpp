@@ -113,6 +113,15 @@ bool ReadLayerInfo(const Reader& r, std::uint64_t offset, std::uint64_t length, 
   std::vector<std::uint8_t> extra;
   for (int i = 0; i < layers; ++i) {
     if (!vx::RangeInside(p, 18, end) || !r.At(p, b, 18)) return false;
+    // An inverted rectangle or one larger than any document is damage, not a layer.
+    const auto top = static_cast<std::int32_t>(LoadBE32(b)),
+               left = static_cast<std::int32_t>(LoadBE32(b + 4)),
+               bottom = static_cast<std::int32_t>(LoadBE32(b + 8)),
+               right = static_cast<std::int32_t>(LoadBE32(b + 12));
+    if (bottom < top || right < left ||
+        std::int64_t{bottom} - top > static_cast<std::int64_t>(kMaxSidePsb) ||
+        std::int64_t{right} - left > static_cast<std::int64_t>(kMaxSidePsb))
+      return false;
     const unsigned channels = LoadBE16(b + 16);
     if (channels > kMaxChannels) return false;
     p += 18 + std::uint64_t{channels} * channelInfo;
@@ -374,6 +383,50 @@ void Combine(const PsdDocument& doc, const std::uint8_t* const* ch, T* out) {
   }
 }
 
+// The merged picture of a document with transparency is composited over white:
+// stored = colour x alpha + (1 - alpha). Both directions, in place on RGBA rows; alpha 0 and
+// full alpha stay as they are.
+constexpr std::uint32_t kUnit8 = 255u << 16;
+struct Reciprocals {
+  std::uint32_t of[256];  // 255 / a in 16.16
+  Reciprocals() {
+    of[0] = 0;
+    for (unsigned a = 1; a < 256; ++a) of[a] = (kUnit8 + a / 2) / a;
+  }
+};
+
+void Unmatte(std::uint8_t* p, std::size_t w) {
+  static const Reciprocals r;
+  for (std::size_t x = 0; x < w; ++x, p += 4) {
+    const unsigned a = p[3];
+    if (a == 255 || a == 0) continue;
+    for (int c = 0; c < 3; ++c) {
+      const int v = static_cast<int>(p[c]) - static_cast<int>(255 - a);
+      p[c] = v <= 0 ? 0
+                    : static_cast<std::uint8_t>(std::min<std::uint32_t>(
+                          (static_cast<std::uint32_t>(v) * r.of[a] + 0x8000) >> 16, 255));
+    }
+  }
+}
+void Unmatte(std::uint16_t* p, std::size_t w) {
+  for (std::size_t x = 0; x < w; ++x, p += 4) {
+    const unsigned a = p[3];
+    if (a == 65535 || a == 0) continue;
+    const double k = 65535.0 / a;
+    for (int c = 0; c < 3; ++c) {
+      const double v = (static_cast<double>(p[c]) - (65535 - a)) * k;
+      p[c] = static_cast<std::uint16_t>(std::clamp(v, 0.0, 65535.0) + 0.5);
+    }
+  }
+}
+void Unmatte(float* p, std::size_t w) {
+  for (std::size_t x = 0; x < w; ++x, p += 4) {
+    const float a = p[3];
+    if (a >= 1.0f || a <= 0.0f) continue;
+    for (int c = 0; c < 3; ++c) p[c] = (p[c] - (1.0f - a)) / a;
+  }
+}
+
 void PutBE16(std::vector<std::uint8_t>* o, unsigned v) {
   o->push_back(static_cast<std::uint8_t>(v >> 8));
   o->push_back(static_cast<std::uint8_t>(v));
@@ -627,10 +680,13 @@ bool DecodePsd(const PsdDocument& doc, const PsdPicture& pic, std::uint8_t* pixe
       std::uint8_t* row = pixels + rowStride * static_cast<std::int64_t>(y);
       if (doc.depth == 16) {
         Combine(doc, ch, reinterpret_cast<std::uint16_t*>(row));
+        if (doc.alpha) Unmatte(reinterpret_cast<std::uint16_t*>(row), doc.width);
       } else if (doc.depth == 32) {
         Combine(doc, ch, reinterpret_cast<float*>(row));
+        if (doc.alpha) Unmatte(reinterpret_cast<float*>(row), doc.width);
       } else {
         Combine(doc, ch, row);
+        if (doc.alpha) Unmatte(row, doc.width);
       }
     }
   };
@@ -654,7 +710,7 @@ bool EncodePsd(const PsdWriteInfo& info, const std::uint8_t* pixels, std::int64_
   const std::size_t rowBytes = w * bytes;
   // Every channel row packed on its own; the transparency goes first in the layer, fourth in
   // the merged picture.
-  std::vector<std::vector<std::uint8_t>> packed(channels * h);
+  std::vector<std::vector<std::uint8_t>> packed(channels * h), merged(info.alpha ? 3 * h : 0);
   auto pack = [&](int y) {
     std::vector<std::uint8_t> line(rowBytes);
     const std::uint8_t* row = pixels + rowStride * y;
@@ -665,10 +721,23 @@ bool EncodePsd(const PsdWriteInfo& info, const std::uint8_t* pixels, std::int64_
         const auto* r16 = reinterpret_cast<const std::uint16_t*>(row);
         for (std::size_t x = 0; x < w; ++x) StoreBE16(&line[2 * x], r16[4 * x + c]);
       }
-      auto& o = packed[h * c + y];
-      o.clear();
-      PackRow(line.data(), rowBytes, &o);
-      if (o.size() > 0xFFFF) return;
+      // The layer keeps the colour as it is; the merged picture has it over white.
+      PackRow(line.data(), rowBytes, &packed[h * c + y]);
+      if (!info.alpha || c == 3) continue;
+      if (bytes == 1) {
+        for (std::size_t x = 0; x < w; ++x) {
+          const unsigned a = row[4 * x + 3];
+          line[x] = static_cast<std::uint8_t>((row[4 * x + c] * a + 127) / 255 + (255 - a));
+        }
+      } else {
+        const auto* r16 = reinterpret_cast<const std::uint16_t*>(row);
+        for (std::size_t x = 0; x < w; ++x) {
+          const std::uint32_t a = r16[4 * x + 3];
+          StoreBE16(&line[2 * x],
+                    static_cast<std::uint16_t>((r16[4 * x + c] * a + 32767) / 65535 + (65535 - a)));
+        }
+      }
+      PackRow(line.data(), rowBytes, &merged[h * c + y]);
     }
   };
   if (pool) {
@@ -771,13 +840,15 @@ bool EncodePsd(const PsdWriteInfo& info, const std::uint8_t* pixels, std::int64_
     PutBE32(&o, 0);  // global layer mask
   }
   PutBE16(&o, kRle);
+  auto mergedRow = [&](int c, std::size_t y) -> const std::vector<std::uint8_t>& {
+    return info.alpha && c < 3 ? merged[h * c + y] : packed[h * c + y];
+  };
+  for (int c = 0; c < channels; ++c)
+    for (std::size_t y = 0; y < h; ++y) PutBE16(&o, static_cast<unsigned>(mergedRow(c, y).size()));
   for (int c = 0; c < channels; ++c) {
     for (std::size_t y = 0; y < h; ++y)
-      PutBE16(&o, static_cast<unsigned>(packed[h * c + y].size()));
+      o.insert(o.end(), mergedRow(c, y).begin(), mergedRow(c, y).end());
   }
-  for (int c = 0; c < channels; ++c)
-    for (std::size_t y = 0; y < h; ++y)
-      o.insert(o.end(), packed[h * c + y].begin(), packed[h * c + y].end());
   return true;
 }
 

@@ -1,6 +1,7 @@
 #include "still/psd/psd_parser.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
