@@ -73,8 +73,8 @@ Bytes Layer(const std::string& name, const std::u16string& unicode = {}) {
     for (char16_t c : unicode) Be(&extra, c, 2);
   }
   Bytes b;
-  Be(&b, 0, 16);  // rectangle
-  Be(&b, 0, 2);   // channels
+  b.insert(b.end(), 16, 0);  // rectangle
+  Be(&b, 0, 2);              // channels
   Text(&b, "8BIMnorm");
   Be(&b, 0xFF000800, 4);
   Be(&b, extra.size(), 4);
