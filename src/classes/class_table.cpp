@@ -15,6 +15,7 @@
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
 #include "still/png/png_parser.h"
+#include "still/psd/psd_parser.h"
 #include "still/quillpic/quillpic_parser.h"
 #include "still/targa/targa_parser.h"
 #include "still/tiff/tiff_parser.h"
@@ -60,6 +61,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxPNGFileParser", &Parser<CVxPNGFileParser>},
     {"CVxYUVFileParser", &Parser<CVxYUVFileParser>},
     {"CVxChyronFileParser", &Parser<CVxChyronFileParser>},
+    {"CVxMediaFileParserPSD", &Parser<CVxMediaFileParserPSD>},
     {"CVxAudioParserWAV", &Parser<CVxAudioParserWAV>},
     {"CVxAudioParserAIFF", &Parser<CVxAudioParserAIFF>},
     {"CVxMediaFileParserCEIL", &BuildCeil},

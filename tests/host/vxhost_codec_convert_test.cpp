@@ -63,6 +63,7 @@ TEST(VxhostCodecConvert, EachFormatKeepsWhatItHoldsBothWays) {
       // half a step (256 at full scale) under ours.
       {"hdr", 512, "src.dpx", " -o linear=1", 256},
       {"tif", 0, "src.dpx", " -o compression=lzw"},
+      {"psd", 0, "src.dpx"},  // 16-bit RGB, RLE
   };
   // Our grey is .30 R + .59 G + .11 B of the coded values.
   const std::string grey = "convert " + Quote(dir / "src.dpx") +
