@@ -491,6 +491,9 @@ TEST(HdrInterop, OurFilesReadInBothTools) {
 namespace {
 
 TEST(HdrHost, InfoShowsHeaderLinesAndConvertTakesExposure) {
+#ifdef _WIN32
+  GTEST_SKIP() << "runs vxhost through a POSIX shell";
+#else
   vxtest::TempDir dir;
   vxtest::WriteFile(dir / "in.hdr",
                     Text("#?RADIANCE\nEXPOSURE=0.5\nPRIMARIES=0.708 0.292 0.17 0.797 0.131 0.046 "
@@ -508,6 +511,7 @@ TEST(HdrHost, InfoShowsHeaderLinesAndConvertTakesExposure) {
   const Bytes want =
       Text("#?RADIANCE\nFORMAT=32-bit_rle_rgbe\n\n-Y 1 +X 8\n") + RleLine(8, 140, 70, 35, 133);
   EXPECT_EQ(out, want);
+#endif
 }
 
 }  // namespace
