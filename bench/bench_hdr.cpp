@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "still/hdr/hdr_parser.h"
+#include "bench_peer.h"
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
@@ -77,20 +78,7 @@ void BM_HdrParserRead4K(benchmark::State& state) {
     return;
   }
   state.counters["file_MB"] = static_cast<double>(std::filesystem::file_size(path)) / 1e6;
-  const VxString wide = vx::FromUtf8(path.string());
-  auto parser = vx::ComPtr<CVxHdrFileParser>::Share(new CVxHdrFileParser());
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    IVxImage* target = image.get();
-    if (FAILED(parser->Open(wide.c_str(), VX_OPEN_NO_PATTERN)) ||
-        FAILED(parser->ReadImage(&target, 0))) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(image->GetBuffer());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  OurTime() = spent.count() / static_cast<double>(state.iterations());
+  OurTime() = vxbench::TimeParserRead<CVxHdrFileParser>(state, path, image.get()).wall;
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -100,19 +88,10 @@ void BM_HdrParserRead4K(benchmark::State& state) {
 void BM_OiioHdrRead4K(benchmark::State& state) {
   const auto& path = File();
   std::vector<float> pixels(std::size_t{kWidth} * kHeight * 4, 1.0f);
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    auto in = OIIO::ImageInput::open(path.string());
-    if (!in || in->spec().width != kWidth || in->spec().height != kHeight ||
-        !in->read_image(0, 0, 0, 3, OIIO::TypeDesc::FLOAT, pixels.data(), 16)) {
-      state.SkipWithError("OpenImageIO read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(pixels.data());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  const double ms = spent.count() / static_cast<double>(state.iterations());
-  if (OurTime() > 0.0) state.counters["oiio_over_ours"] = ms / OurTime();
+  const double ms = vxbench::TimeOiioRead(state, path, kWidth, kHeight, 3, OIIO::TypeDesc::FLOAT,
+                                          pixels.data(), 16)
+                        .wall;
+  vxbench::Ratio(state, "oiio_over_ours", ms, OurTime());
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif

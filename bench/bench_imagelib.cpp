@@ -17,6 +17,7 @@
 #include "imagelib/bmp/qi_image_bmp.h"
 #include "imagelib/ceil/ceil_parser.h"
 #include "imagelib/sgi/qi_image_sgi.h"
+#include "bench_peer.h"
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
@@ -75,10 +76,7 @@ std::filesystem::path MakeFile(int code) {
         picture.getPixel8(x, y, p, p + 1, p + 2, p + 3);
       }
     }
-    auto out = OIIO::ImageOutput::create(path.string());
-    const OIIO::ImageSpec spec(kWidth, kHeight, 4, OIIO::TypeDesc::UINT8);
-    ok = out && out->open(path.string(), spec) &&
-         out->write_image(OIIO::TypeDesc::UINT8, pixels.data()) && out->close();
+    ok = vxbench::OiioWrite(path, kWidth, kHeight, 4, OIIO::TypeDesc::UINT8, pixels.data());
 #endif
   } else if (code == kSgiCode) {
     QI_ImageRGBA16 picture(kWidth, kHeight);
@@ -125,21 +123,9 @@ void BM_ParserRead4K(benchmark::State& state) {
     state.SkipWithError("no file or image");
     return;
   }
-  const VxString wide = vx::FromUtf8(path.string());
-  auto parser = vx::ComPtr<CVxMediaFileParserCEIL>::Share(
-      new CVxMediaFileParserCEIL(static_cast<int>(state.range(0))));
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    IVxImage* target = image.get();
-    if (FAILED(parser->Open(wide.c_str(), VX_OPEN_NO_PATTERN)) ||
-        FAILED(parser->ReadImage(&target, 0))) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(image->GetBuffer());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  OurTimes()[state.range(0)] = spent.count() / static_cast<double>(state.iterations());
+  OurTimes()[state.range(0)] = vxbench::TimeParserRead<CVxMediaFileParserCEIL>(
+                                   state, path, image.get(), static_cast<int>(state.range(0)))
+                                   .wall;
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -155,13 +141,14 @@ void BM_OiioRead4K(benchmark::State& state) {
   constexpr std::size_t kPixels = std::size_t{kWidth} * kHeight;
   std::vector<std::uint16_t> pixels(kPixels * 4, 65535);
   std::vector<std::uint8_t> narrow(kPixels * 4);
-  const auto t0 = std::chrono::steady_clock::now();
+  const vxbench::Stopwatch watch;
   for (auto _ : state) {
     auto in = OIIO::ImageInput::open(path.string());
-    const int channels = in ? std::min(in->spec().nchannels, 4) : 0;
-    const bool bytes = in && in->spec().format == OIIO::TypeDesc::UINT8;
+    const OIIO::ImageSpec* file = in ? &in->spec() : nullptr;
+    const int channels = file ? std::min(file->nchannels, 4) : 0;
+    const bool bytes = file && file->format == OIIO::TypeDesc::UINT8;
     const std::size_t step = static_cast<std::size_t>(channels);
-    if (!in || in->spec().width != kWidth || in->spec().height != kHeight ||
+    if (!file || file->width != kWidth || file->height != kHeight ||
         !(bytes ? in->read_image(0, 0, 0, channels, OIIO::TypeDesc::UINT8, narrow.data())
                 : in->read_image(0, 0, 0, channels, OIIO::TypeDesc::UINT16, pixels.data(), 8))) {
       state.SkipWithError("OpenImageIO read failed");
@@ -175,11 +162,9 @@ void BM_OiioRead4K(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(pixels.data());
   }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  const double ms = spent.count() / static_cast<double>(state.iterations());
   const auto ours = OurTimes().find(state.range(0));
-  if (ours != OurTimes().end() && ours->second > 0.0)
-    state.counters["oiio_over_ours"] = ms / ours->second;
+  if (ours != OurTimes().end())
+    vxbench::Ratio(state, "oiio_over_ours", watch.PerIteration(state).wall, ours->second);
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif

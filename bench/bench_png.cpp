@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "still/png/png_parser.h"
+#include "bench_peer.h"
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
@@ -49,10 +50,7 @@ std::filesystem::path MakeFile() {
   bool ok = false;
 #ifdef VX_HAVE_OIIO
   const std::vector<std::uint16_t> pixels = Paint();
-  auto out = OIIO::ImageOutput::create(path.string());
-  OIIO::ImageSpec spec(kWidth, kHeight, 3, OIIO::TypeDesc::UINT16);
-  ok = out && out->open(path.string(), spec) &&
-       out->write_image(OIIO::TypeDesc::UINT16, pixels.data()) && out->close();
+  ok = vxbench::OiioWrite(path, kWidth, kHeight, 3, OIIO::TypeDesc::UINT16, pixels.data());
 #endif
   return ok ? path : std::filesystem::path{};
 }
@@ -69,13 +67,6 @@ double& LibpngTime() {
 double& OurTime() {
   static double ms = 0.0;
   return ms;
-}
-
-// Processor time per picture: the decodes are single-threaded, and on a shared machine the wall
-// clock mostly measures the others.
-double Elapsed(std::clock_t t0, benchmark::State& state) {
-  return 1000.0 * static_cast<double>(std::clock() - t0) / CLOCKS_PER_SEC /
-         static_cast<double>(state.iterations());
 }
 
 // libpng alone, C-style so its error jump crosses no destructor.
@@ -107,7 +98,7 @@ void BM_PngLibpngRead4K(benchmark::State& state) {
     state.SkipWithError("no file");
     return;
   }
-  const std::clock_t t0 = std::clock();
+  const vxbench::Stopwatch watch;
   for (auto _ : state) {
     if (!LibpngDecode(path.string().c_str(), pixels.data())) {
       state.SkipWithError("libpng read failed");
@@ -115,7 +106,7 @@ void BM_PngLibpngRead4K(benchmark::State& state) {
     }
     benchmark::DoNotOptimize(pixels.data());
   }
-  LibpngTime() = Elapsed(t0, state);
+  LibpngTime() = watch.PerIteration(state).cpu;
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -127,20 +118,10 @@ void BM_PngParserRead4K(benchmark::State& state) {
     state.SkipWithError("no file or image");
     return;
   }
-  const VxString wide = vx::FromUtf8(path.string());
-  auto parser = vx::ComPtr<CVxPNGFileParser>::Share(new CVxPNGFileParser());
-  const std::clock_t t0 = std::clock();
-  for (auto _ : state) {
-    IVxImage* target = image.get();
-    if (FAILED(parser->Open(wide.c_str(), VX_OPEN_NO_PATTERN)) ||
-        FAILED(parser->ReadImage(&target, 0))) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(image->GetBuffer());
-  }
-  OurTime() = Elapsed(t0, state);
-  if (LibpngTime() > 0.0) state.counters["ours_over_libpng"] = OurTime() / LibpngTime();
+  // Processor time: the decodes are single-threaded, and on a shared machine the wall clock
+  // mostly measures the others.
+  OurTime() = vxbench::TimeParserRead<CVxPNGFileParser>(state, path, image.get()).cpu;
+  vxbench::Ratio(state, "ours_over_libpng", OurTime(), LibpngTime());
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -148,18 +129,10 @@ void BM_PngParserRead4K(benchmark::State& state) {
 void BM_PngOiioRead4K(benchmark::State& state) {
   const auto& path = File();
   std::vector<std::uint16_t> pixels(std::size_t{kWidth} * kHeight * 3);
-  const std::clock_t t0 = std::clock();
-  for (auto _ : state) {
-    auto in = OIIO::ImageInput::open(path.string());
-    if (!in || in->spec().width != kWidth || in->spec().height != kHeight ||
-        !in->read_image(0, 0, 0, 3, OIIO::TypeDesc::UINT16, pixels.data())) {
-      state.SkipWithError("OpenImageIO read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(pixels.data());
-  }
-  const double ms = Elapsed(t0, state);
-  if (OurTime() > 0.0) state.counters["oiio_over_ours"] = ms / OurTime();
+  const double ms =
+      vxbench::TimeOiioRead(state, path, kWidth, kHeight, 3, OIIO::TypeDesc::UINT16, pixels.data())
+          .cpu;
+  vxbench::Ratio(state, "oiio_over_ours", ms, OurTime());
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "still/psd/psd_parser.h"
+#include "bench_peer.h"
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
@@ -82,20 +83,7 @@ void BM_PsdParserRead4K(benchmark::State& state) {
     state.SkipWithError("no file (ImageMagick missing?) or image");
     return;
   }
-  const VxString wide = vx::FromUtf8(path.string());
-  auto parser = vx::ComPtr<CVxMediaFileParserPSD>::Share(new CVxMediaFileParserPSD());
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    IVxImage* target = image.get();
-    if (FAILED(parser->Open(wide.c_str(), VX_OPEN_NO_PATTERN)) ||
-        FAILED(parser->ReadImage(&target, 0))) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(image->GetBuffer());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  OurTime() = spent.count() / static_cast<double>(state.iterations());
+  OurTime() = vxbench::TimeParserRead<CVxMediaFileParserPSD>(state, path, image.get()).wall;
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -106,19 +94,10 @@ void BM_PsdOiioRead4K(benchmark::State& state) {
   std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 4);
   OIIO::ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    auto in = OIIO::ImageInput::open(path.string(), &config);
-    if (!in || in->spec().width != kWidth || in->spec().height != kHeight ||
-        !in->read_image(0, 0, 0, 4, OIIO::TypeDesc::UINT8, pixels.data())) {
-      state.SkipWithError("OpenImageIO read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(pixels.data());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  const double ms = spent.count() / static_cast<double>(state.iterations());
-  if (OurTime() > 0.0) state.counters["oiio_over_ours"] = ms / OurTime();
+  const double ms = vxbench::TimeOiioRead(state, path, kWidth, kHeight, 4, OIIO::TypeDesc::UINT8,
+                                          pixels.data(), OIIO::AutoStride, &config)
+                        .wall;
+  vxbench::Ratio(state, "oiio_over_ours", ms, OurTime());
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif

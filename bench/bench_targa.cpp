@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "still/targa/targa_parser.h"
+#include "bench_peer.h"
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
@@ -50,12 +51,10 @@ std::filesystem::path MakeFile() {
   bool ok = false;
 #ifdef VX_HAVE_OIIO
   const std::vector<std::uint8_t> pixels = Paint();
-  auto out = OIIO::ImageOutput::create(path.string());
-  OIIO::ImageSpec spec(kWidth, kHeight, 4, OIIO::TypeDesc::UINT8);
-  spec.attribute("compression", "rle");
-  spec.attribute("oiio:UnassociatedAlpha", 1);
-  ok = out && out->open(path.string(), spec) &&
-       out->write_image(OIIO::TypeDesc::UINT8, pixels.data()) && out->close();
+  OIIO::ParamValueList extra;
+  extra.attribute("compression", "rle");
+  extra.attribute("oiio:UnassociatedAlpha", 1);
+  ok = vxbench::OiioWrite(path, kWidth, kHeight, 4, OIIO::TypeDesc::UINT8, pixels.data(), extra);
 #endif
   return ok ? path : std::filesystem::path{};
 }
@@ -78,20 +77,7 @@ void BM_TargaParserRead4K(benchmark::State& state) {
     state.SkipWithError("no file or image");
     return;
   }
-  const VxString wide = vx::FromUtf8(path.string());
-  auto parser = vx::ComPtr<CVxTargaFileParser>::Share(new CVxTargaFileParser());
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    IVxImage* target = image.get();
-    if (FAILED(parser->Open(wide.c_str(), VX_OPEN_NO_PATTERN)) ||
-        FAILED(parser->ReadImage(&target, 0))) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(image->GetBuffer());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  OurTime() = spent.count() / static_cast<double>(state.iterations());
+  OurTime() = vxbench::TimeParserRead<CVxTargaFileParser>(state, path, image.get()).wall;
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -103,19 +89,10 @@ void BM_TargaOiioRead4K(benchmark::State& state) {
   std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 4);
   OIIO::ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    auto in = OIIO::ImageInput::open(path.string(), &config);
-    if (!in || in->spec().width != kWidth || in->spec().height != kHeight ||
-        !in->read_image(0, 0, 0, 4, OIIO::TypeDesc::UINT8, pixels.data())) {
-      state.SkipWithError("OpenImageIO read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(pixels.data());
-  }
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  const double ms = spent.count() / static_cast<double>(state.iterations());
-  if (OurTime() > 0.0) state.counters["oiio_over_ours"] = ms / OurTime();
+  const double ms = vxbench::TimeOiioRead(state, path, kWidth, kHeight, 4, OIIO::TypeDesc::UINT8,
+                                          pixels.data(), OIIO::AutoStride, &config)
+                        .wall;
+  vxbench::Ratio(state, "oiio_over_ours", ms, OurTime());
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif

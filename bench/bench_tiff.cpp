@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "still/tiff/tiff_parser.h"
+#include "bench_peer.h"
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
 
@@ -52,12 +53,10 @@ std::filesystem::path MakeFile() {
   bool ok = false;
 #ifdef VX_HAVE_OIIO
   const std::vector<std::uint16_t> pixels = Paint();
-  auto out = OIIO::ImageOutput::create(path.string());
-  OIIO::ImageSpec spec(kWidth, kHeight, 3, OIIO::TypeDesc::UINT16);
-  spec.attribute("compression", "zip");
-  spec.attribute("tiff:Predictor", 2);
-  ok = out && out->open(path.string(), spec) &&
-       out->write_image(OIIO::TypeDesc::UINT16, pixels.data()) && out->close();
+  OIIO::ParamValueList extra;
+  extra.attribute("compression", "zip");
+  extra.attribute("tiff:Predictor", 2);
+  ok = vxbench::OiioWrite(path, kWidth, kHeight, 3, OIIO::TypeDesc::UINT16, pixels.data(), extra);
 #endif
   return ok ? path : std::filesystem::path{};
 }
@@ -67,26 +66,23 @@ const std::filesystem::path& File() {
   return path;
 }
 
-double& OurTime() {
-  static double ms = 0.0;
+// Wall and processor time of every thread per picture, as the machine may be shared: wall time
+// then says more about the neighbours than about the code.
+vxbench::Times& OurTimes() {
+  static vxbench::Times ms;
   return ms;
 }
 
-// Processor time of the whole process (every thread) per picture, as the machine may be shared:
-// wall time then says more about the neighbours than about the code.
-double& OurCpu() {
-  static double ms = 0.0;
-  return ms;
-}
-
-double CpuMilliseconds(std::clock_t c0, benchmark::State& state) {
-  return 1000.0 * static_cast<double>(std::clock() - c0) / CLOCKS_PER_SEC /
-         static_cast<double>(state.iterations());
-}
-
-double Milliseconds(std::chrono::steady_clock::time_point t0, benchmark::State& state) {
-  const std::chrono::duration<double, std::milli> spent = std::chrono::steady_clock::now() - t0;
-  return spent.count() / static_cast<double>(state.iterations());
+void Compare(benchmark::State& state, const vxbench::Times& peer, const char* wall, const char* cpu,
+             bool oursFirst) {
+  state.counters["process_cpu_ms"] = peer.cpu;
+  if (oursFirst) {
+    vxbench::Ratio(state, wall, OurTimes().wall, peer.wall);
+    vxbench::Ratio(state, cpu, OurTimes().cpu, peer.cpu);
+  } else {
+    vxbench::Ratio(state, wall, peer.wall, OurTimes().wall);
+    vxbench::Ratio(state, cpu, peer.cpu, OurTimes().cpu);
+  }
 }
 
 // Open, then ReadImage into the host's RGBA16 image, as a host reads a frame.
@@ -97,22 +93,8 @@ void BM_TiffParserRead4K(benchmark::State& state) {
     state.SkipWithError("no file or image");
     return;
   }
-  const VxString wide = vx::FromUtf8(path.string());
-  auto parser = vx::ComPtr<CVxTIFFFileParser>::Share(new CVxTIFFFileParser());
-  const std::clock_t c0 = std::clock();
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    IVxImage* target = image.get();
-    if (FAILED(parser->Open(wide.c_str(), VX_OPEN_NO_PATTERN)) ||
-        FAILED(parser->ReadImage(&target, 0))) {
-      state.SkipWithError("read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(image->GetBuffer());
-  }
-  OurTime() = Milliseconds(t0, state);
-  OurCpu() = CpuMilliseconds(c0, state);
-  state.counters["process_cpu_ms"] = OurCpu();
+  OurTimes() = vxbench::TimeParserRead<CVxTIFFFileParser>(state, path, image.get());
+  state.counters["process_cpu_ms"] = OurTimes().cpu;
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 
@@ -120,22 +102,9 @@ void BM_TiffParserRead4K(benchmark::State& state) {
 void BM_TiffOiioRead4K(benchmark::State& state) {
   const auto& path = File();
   std::vector<std::uint16_t> pixels(std::size_t{kWidth} * kHeight * 3);
-  const std::clock_t c0 = std::clock();
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    auto in = OIIO::ImageInput::open(path.string());
-    if (!in || in->spec().width != kWidth ||
-        !in->read_image(0, 0, 0, 3, OIIO::TypeDesc::UINT16, pixels.data())) {
-      state.SkipWithError("OpenImageIO read failed");
-      break;
-    }
-    benchmark::DoNotOptimize(pixels.data());
-  }
-  const double ms = Milliseconds(t0, state);
-  const double cpu = CpuMilliseconds(c0, state);
-  state.counters["process_cpu_ms"] = cpu;
-  if (OurTime() > 0.0) state.counters["oiio_over_ours"] = ms / OurTime();
-  if (OurCpu() > 0.0) state.counters["oiio_over_ours_cpu"] = cpu / OurCpu();
+  const vxbench::Times peer =
+      vxbench::TimeOiioRead(state, path, kWidth, kHeight, 3, OIIO::TypeDesc::UINT16, pixels.data());
+  Compare(state, peer, "oiio_over_ours", "oiio_over_ours_cpu", false);
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif
@@ -145,8 +114,7 @@ void BM_TiffOiioRead4K(benchmark::State& state) {
 void BM_TiffLibtiffStrips4K(benchmark::State& state) {
   const auto& path = File();
   std::vector<std::uint8_t> pixels(std::size_t{kWidth} * kHeight * 6);
-  const std::clock_t c0 = std::clock();
-  const auto t0 = std::chrono::steady_clock::now();
+  const vxbench::Stopwatch watch;
   for (auto _ : state) {
     TIFF* tif = TIFFOpen(path.string().c_str(), "r");
     if (!tif) {
@@ -164,11 +132,7 @@ void BM_TiffLibtiffStrips4K(benchmark::State& state) {
     TIFFClose(tif);
     benchmark::DoNotOptimize(pixels.data());
   }
-  const double ms = Milliseconds(t0, state);
-  const double cpu = CpuMilliseconds(c0, state);
-  state.counters["process_cpu_ms"] = cpu;
-  if (OurTime() > 0.0) state.counters["ours_over_libtiff"] = OurTime() / ms;
-  if (OurCpu() > 0.0) state.counters["ours_over_libtiff_cpu"] = OurCpu() / cpu;
+  Compare(state, watch.PerIteration(state), "ours_over_libtiff", "ours_over_libtiff_cpu", true);
   state.SetItemsProcessed(state.iterations() * kWidth * kHeight);
 }
 #endif
