@@ -6,6 +6,7 @@
 // SSSE3's byte shuffle when the processor has it (chosen once, at run time; the build targets
 // plain SSE2 and 32-bit Windows too). Other processors and the tails take the scalar loops.
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <emmintrin.h>
 #include <tmmintrin.h>
 #define VX_SWAP_SSSE3 1
 #endif
@@ -82,9 +83,62 @@ __attribute__((target("ssse3"))) std::size_t Swap24Vectors(std::uint8_t* p, std:
   return blocks * 16;
 }
 
+// Two pixels a vector. Once `out` sits on a 16-byte boundary the stores stream: a 4K picture is
+// larger than any cache, and filling lines we will not read again would double the traffic.
+// Answers the pixels done.
+__attribute__((target("ssse3"))) std::size_t WidenVectors(const std::uint8_t* in, std::uint8_t* out,
+                                                          std::size_t count, bool alpha, bool big) {
+  if ((reinterpret_cast<std::uintptr_t>(out) & 15) != 0) return 0;
+  const int step = alpha ? 16 : 12;
+  const __m128i order =
+      big ? (alpha ? _mm_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14)
+                   : _mm_setr_epi8(1, 0, 3, 2, 5, 4, -1, -1, 7, 6, 9, 8, 11, 10, -1, -1))
+          : (alpha ? _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)
+                   : _mm_setr_epi8(0, 1, 2, 3, 4, 5, -1, -1, 6, 7, 8, 9, 10, 11, -1, -1));
+  const __m128i fill = alpha ? _mm_setzero_si128() : _mm_setr_epi16(0, 0, 0, -1, 0, 0, 0, -1);
+  const std::size_t pairs = count / 2;
+  auto* to = reinterpret_cast<__m128i*>(out);
+  for (std::size_t i = 0; i < pairs; ++i, in += step) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    _mm_stream_si128(to + i, _mm_or_si128(_mm_shuffle_epi8(v, order), fill));
+  }
+  _mm_sfence();
+  return pairs * 2;
+}
+
 #endif
 
 }  // namespace
+
+namespace {
+
+void WidenScalar(const std::uint8_t* in, std::uint8_t* out, std::size_t count, bool alpha,
+                 bool big) {
+  const std::size_t inStep = alpha ? 8 : 6;
+  for (std::size_t i = 0; i < count; ++i, in += inStep, out += 8) {
+    StoreRaw(out, Load16(in, big));
+    StoreRaw(out + 2, Load16(in + 2, big));
+    StoreRaw(out + 4, Load16(in + 4, big));
+    StoreRaw(out + 6, alpha ? Load16(in + 6, big) : std::uint16_t{0xFFFF});
+  }
+}
+
+}  // namespace
+
+void WidenRgb16ToRgba16(const std::uint8_t* in, std::uint8_t* out, std::size_t count, bool alpha,
+                        bool big) {
+  const std::size_t inStep = alpha ? 8 : 6;
+  std::size_t done = 0;
+#ifdef VX_SWAP_SSSE3
+  // Rows of 8-byte pixels that start half way into a vector take one pixel first.
+  const std::size_t lead = (reinterpret_cast<std::uintptr_t>(out) & 15) == 8 ? 1 : 0;
+  if (HasSsse3() && count > lead) {
+    WidenScalar(in, out, lead, alpha, big);
+    done = lead + WidenVectors(in + lead * inStep, out + lead * 8, count - lead, alpha, big);
+  }
+#endif
+  WidenScalar(in + done * inStep, out + done * 8, count - done, alpha, big);
+}
 
 void SwapInPlace(void* data, std::size_t count, int width) {
   auto* p = static_cast<std::uint8_t*>(data);

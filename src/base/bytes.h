@@ -110,4 +110,10 @@ inline void StoreDouble(void* p, double v, bool big) {
 // Swaps `count` values of `width` bytes (2, 3, 4 or 8) in place: sample data of the other order.
 void SwapInPlace(void* data, std::size_t count, int width);
 
+// `count` pixels of 16-bit RGB (`alpha` false; opaque alpha added) or RGBA, big-endian or in the
+// host's order, to host RGBA16. `in` may be read up to 16 bytes past its last pixel, so pad it.
+// Written past the cache: the destination is a whole picture nobody reads back soon.
+void WidenRgb16ToRgba16(const std::uint8_t* in, std::uint8_t* out, std::size_t count, bool alpha,
+                        bool big);
+
 }  // namespace vx

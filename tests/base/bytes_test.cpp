@@ -59,4 +59,37 @@ TEST(Bytes, SwapInPlaceSwapsEachValueAndNothingAround) {
   }
 }
 
+// File pixels in either order to host RGBA16: odd counts leave a pixel for the scalar tail, and
+// the destination offsets put the vector stores on, beside and off a 16-byte boundary.
+TEST(Bytes, WidenRgb16ToRgba16OrdersEachSampleAndFillsAlpha) {
+  for (const bool big : {true, false})
+    for (const bool alpha : {false, true}) {
+      for (const std::size_t count : {1u, 2u, 5u, 16u, 33u}) {
+        for (const std::size_t offset : {0u, 8u, 2u}) {
+          SCOPED_TRACE(std::to_string(big) + std::to_string(alpha) + " " + std::to_string(count) +
+                       " " + std::to_string(offset));
+          const std::size_t inStep = alpha ? 8 : 6;
+          std::vector<std::uint8_t> in(count * inStep + 16, 0xAB);
+          for (std::size_t i = 0; i < count * inStep; ++i) in[i] = static_cast<std::uint8_t>(i * 7);
+          alignas(16) std::uint8_t out[16 + 33 * 8 + 8];
+          std::memset(out, 0xEE, sizeof out);
+          vx::WidenRgb16ToRgba16(in.data(), out + offset, count, alpha, big);
+          for (std::size_t p = 0; p < count; ++p) {
+            for (std::size_t c = 0; c < 4; ++c) {
+              std::uint16_t got;
+              std::memcpy(&got, out + offset + p * 8 + c * 2, 2);
+              const std::size_t at = p * inStep + c * 2;
+              const int hi = in[at + (big ? 0 : 1)], lo = in[at + (big ? 1 : 0)];
+              const std::uint16_t want =
+                  (c == 3 && !alpha) ? 0xFFFF : static_cast<std::uint16_t>(hi << 8 | lo);
+              ASSERT_EQ(got, want) << "pixel " << p << " sample " << c;
+            }
+          }
+          for (std::size_t i = 0; i < offset; ++i) EXPECT_EQ(out[i], 0xEE);
+          EXPECT_EQ(out[offset + count * 8], 0xEE);
+        }
+      }
+    }
+}
+
 }  // namespace

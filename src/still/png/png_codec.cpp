@@ -1,5 +1,7 @@
 #include "still/png/png_codec.h"
 
+#include "base/bytes.h"
+
 #include <algorithm>
 #include <bit>
 #include <csetjmp>
@@ -306,26 +308,6 @@ struct DecodeArgs {
   png_bytep scratch;  // one file row, for the 16-bit RGB(A) rows we widen ourselves; else null
 };
 
-// File row (big-endian RGB or RGBA 16) to host RGBA16 in one pass: libpng's swap and filler
-// would be two more passes over every row.
-void WidenRow16(const std::uint8_t* in, std::uint8_t* out, std::uint32_t width, bool alpha) {
-  if (alpha) {
-    for (std::uint32_t i = 0; i < width; ++i, in += 8, out += 8) {
-      std::uint64_t v;
-      std::memcpy(&v, in, 8);
-      v = (v & 0x00FF00FF00FF00FFu) << 8 | (v >> 8 & 0x00FF00FF00FF00FFu);
-      std::memcpy(out, &v, 8);
-    }
-    return;
-  }
-  for (std::uint32_t i = 0; i < width; ++i, in += 6, out += 8) {
-    std::uint64_t v = 0;
-    std::memcpy(&v, in, 6);
-    v = (v & 0x00FF00FF00FF00FFu) << 8 | (v >> 8 & 0x00FF00FF00FF00FFu) | 0xFFFF000000000000u;
-    std::memcpy(out, &v, 8);
-  }
-}
-
 struct EncodeArgs {
   const PngWriteInfo* info;
   const std::uint8_t* rows;
@@ -378,7 +360,8 @@ bool RunDecode(PngState* s, DecodeArgs* a) {
       png_error(s->png, "unexpected row layout");
     for (std::uint32_t y = 0; y < a->info->height; ++y) {
       png_read_row(s->png, a->scratch, nullptr);
-      WidenRow16(a->scratch, a->rows[y], a->info->width, alpha);
+      // One pass to the host's order and layout: libpng's swap and filler would be two.
+      WidenRgb16ToRgba16(a->scratch, a->rows[y], a->info->width, alpha, true);
     }
     png_read_end(s->png, nullptr);
     png_destroy_read_struct(&s->png, &s->info, nullptr);
@@ -452,7 +435,7 @@ bool DecodePng(const std::uint8_t* data, std::size_t size, const PngInfo& info,
   const bool widen = std::endian::native == std::endian::little && !info.interlaced &&
                      info.bitDepth == 16 && target.format == VX_PF_RGBA16 &&
                      (info.colorType == kRgba || (info.colorType == kRgb && !info.hasTrns));
-  std::vector<std::uint8_t> scratch(widen ? std::size_t{info.width} * 8 : 0);
+  std::vector<std::uint8_t> scratch(widen ? std::size_t{info.width} * 8 + 16 : 0);
   PngState s{};
   s.in = data;
   s.inSize = size;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 
+#include "base/bytes.h"
 #include "base/worker_pool.h"
 
 #if VX_HAVE_LIBTIFF
@@ -491,6 +492,10 @@ void CopyRgb(const std::uint8_t* src, int samples, bool alpha, std::size_t count
       (samples == 3 || (samples == 4 && alpha)) &&
       reinterpret_cast<std::uintptr_t>(src) % alignof(T) == 0 &&
       reinterpret_cast<std::uintptr_t>(dst) % alignof(T) == 0) {
+    if constexpr (sizeof(T) == 2) {
+      WidenRgb16ToRgba16(src, dst, count, samples == 4, false);
+      return;
+    }
     if (samples == 3) {
       CopyRgbRun<T, 3>(reinterpret_cast<const T*>(src), count, reinterpret_cast<T*>(dst));
     } else {
@@ -533,7 +538,8 @@ bool DecodeChunks(TIFF* tif, const TiffPage& p, const Layout& L, const TiffTarge
   const std::uint32_t across = p.tiled ? (p.width + cw - 1) / cw : 1;
   const std::uint32_t perPlane =
       p.tiled ? TIFFNumberOfTiles(tif) / planes : TIFFNumberOfStrips(tif) / planes;
-  std::vector<std::uint8_t> raw(static_cast<std::size_t>(chunkBytes) * planes);
+  // Padded: the line copies read whole vectors.
+  std::vector<std::uint8_t> raw(static_cast<std::size_t>(chunkBytes) * planes + 16);
   const std::size_t lineSamples = static_cast<std::size_t>(cw) * perPixel;
   std::vector<std::uint32_t> ints;
   std::vector<float> floats;
