@@ -100,16 +100,6 @@ HRESULT CVxMediaFileParserCEIL::SelectFormat(std::int32_t code) {
   });
 }
 
-HRESULT CVxMediaFileParserCEIL::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
-
 // ---- Opening --------------------------------------------------------------------------------
 
 // Readers pass no mode bits at all, so 0 reads as well as 1; VX_OPEN_WRITE (2) writes.
@@ -265,15 +255,6 @@ HRESULT CVxMediaFileParserCEIL::GetStreamCapabilities(DWORD mode, DWORD kind, DW
       break;
   }
   return S_OK;
-}
-
-HRESULT CVxMediaFileParserCEIL::GetTimeRange(DWORD, CVxTime* start, CVxTime* end) {
-  if (!start || !end) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;
-  });
 }
 
 // "compression=rle" (or none, lzw, jpeg, packbits) picks one of the format's compressions for

@@ -7,12 +7,11 @@
 #include <memory>
 #include <span>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "imagelib/base/qi_image.h"
 #include "vx/parser.h"
 
-class CVxMediaFileParserCEIL : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxMediaFileParserCEIL : public CVxStillPictureParser {
  public:
   // `code` is the catalogue row's format code (5..19); a code without a class leaves the parser
   // without a file image, and every Open then answers E_POINTER.
@@ -23,10 +22,6 @@ class CVxMediaFileParserCEIL : public CVxStillImageParser, public CVxSourceInfoF
   HRESULT SelectFormat(std::int32_t code);
   std::int32_t FormatCode() const { return code_; }
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
-
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE OpenFileList(IVxFileList* list, DWORD flags) override;
   HRESULT STDMETHODCALLTYPE Open(const VxChar* name, DWORD flags) override;
@@ -35,7 +30,6 @@ class CVxMediaFileParserCEIL : public CVxStillImageParser, public CVxSourceInfoF
   HRESULT STDMETHODCALLTYPE SetStreamFormat(DWORD kind, DWORD index, void* record) override;
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
   HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;
   HRESULT STDMETHODCALLTYPE GetCompressionName(VxChar* buffer, int size) override;
 

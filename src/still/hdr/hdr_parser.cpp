@@ -19,7 +19,6 @@ using namespace vx::hdr;
 
 namespace {
 
-constexpr DWORD kPictureCapabilities = 170;
 // Enough for any header seen in practice; a longer one is read again from the whole file.
 constexpr std::size_t kHeaderPrefix = 64u << 10;
 // Pixels one byte of scanlines may stand for. The run-length scheme gives at most 16; only the
@@ -85,7 +84,7 @@ HRESULT CVxHdrFileParser::QueryInterface(REFIID riid, void** ppv) {
     } else if (riid == IID_IVxColorManagedParser) {
       *ppv = static_cast<IVxColorManagedParser*>(this);
     } else {
-      return CVxStillImageParser::QueryInterface(riid, ppv);
+      return CVxStillPictureParser::QueryInterface(riid, ppv);
     }
     AddRef();
     return S_OK;
@@ -148,23 +147,6 @@ HRESULT CVxHdrFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* rec
     f.pixelFormat = VX_PF_RGBAF32;
     std::memcpy(record, &f, sizeof f);
     return S_OK;
-  });
-}
-
-HRESULT CVxHdrFileParser::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!caps) return E_POINTER;
-    *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-    return S_OK;
-  });
-}
-
-HRESULT CVxHdrFileParser::GetTimeRange(DWORD /*kind*/, CVxTime* start, CVxTime* end) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!start || !end) return E_POINTER;
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;  // the files carry no time
   });
 }
 

@@ -5,14 +5,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/hdr/hdr_codec.h"
 #include "vx/parser.h"
 
-class CVxHdrFileParser : public CVxStillImageParser,
-                         public CVxSourceInfoFromMetadata,
-                         public IVxColorManagedParser {
+class CVxHdrFileParser : public CVxStillPictureParser, public IVxColorManagedParser {
  public:
   CVxHdrFileParser();
   ~CVxHdrFileParser() override;
@@ -23,8 +20,6 @@ class CVxHdrFileParser : public CVxStillImageParser,
 
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
-  HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   // "exposure=<stops>" scales what is read; "linear=1" writes the host's pixels as they are,
   // "linear=0" (the default) takes them from the display curve to linear light first.
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;

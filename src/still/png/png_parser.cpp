@@ -19,8 +19,6 @@ using namespace vx::png;
 
 namespace {
 
-constexpr DWORD kPictureCapabilities = 170;
-
 // PNG's registered keywords and the record's keys they stand for.
 struct KeyPair {
   const char* png;
@@ -85,16 +83,6 @@ void PackRow(const std::uint8_t* from, int width, int srcChannels, const int* pi
 
 CVxPNGFileParser::CVxPNGFileParser() = default;
 CVxPNGFileParser::~CVxPNGFileParser() = default;
-
-HRESULT CVxPNGFileParser::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
 
 #if VX_HAVE_LIBPNG
 HRESULT CVxPNGFileParser::OpenEx(const VxChar* name, DWORD flags, DWORD reserved) {
@@ -177,23 +165,6 @@ HRESULT CVxPNGFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* rec
     f.pixelFormat = depth == 16 ? VX_PF_RGBA16 : VX_PF_RGBA8;
     std::memcpy(record, &f, sizeof f);
     return S_OK;
-  });
-}
-
-HRESULT CVxPNGFileParser::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!caps) return E_POINTER;
-    *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-    return S_OK;
-  });
-}
-
-HRESULT CVxPNGFileParser::GetTimeRange(DWORD /*kind*/, CVxTime* start, CVxTime* end) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!start || !end) return E_POINTER;
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;
   });
 }
 

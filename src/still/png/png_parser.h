@@ -5,27 +5,20 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/png/png_codec.h"
 #include "vx/parser.h"
 
-class CVxPNGFileParser : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxPNGFileParser : public CVxStillPictureParser {
  public:
   CVxPNGFileParser();
   ~CVxPNGFileParser() override;
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
 
   // IVxMediaFileParser (Open answers E_NOTIMPL in builds without libpng)
   HRESULT STDMETHODCALLTYPE OpenEx(const VxChar* name, DWORD flags, DWORD reserved) override;
   HRESULT STDMETHODCALLTYPE OpenFileList(IVxFileList* list, DWORD flags) override;
   HRESULT STDMETHODCALLTYPE Open(const VxChar* name, DWORD flags) override;
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
-  HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   // "level=0..9": the zlib level of the frames written next (default 6).
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;
   HRESULT STDMETHODCALLTYPE GetCompressionName(VxChar* buffer, int size) override;

@@ -15,31 +15,8 @@
 
 using namespace vx::psd;
 
-namespace {
-
-constexpr DWORD kPictureCapabilities = 170;
-
-std::string Lower(std::string s) {
-  while (!s.empty() && s.front() == ' ') s.erase(s.begin());
-  while (!s.empty() && s.back() == ' ') s.pop_back();
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-}  // namespace
-
 CVxMediaFileParserPSD::CVxMediaFileParserPSD() = default;
 CVxMediaFileParserPSD::~CVxMediaFileParserPSD() = default;
-
-HRESULT CVxMediaFileParserPSD::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
 
 // ---- Header ---------------------------------------------------------------------------------
 
@@ -109,31 +86,12 @@ HRESULT CVxMediaFileParserPSD::GetStreamFormat(DWORD kind, DWORD /*index*/, void
   });
 }
 
-HRESULT CVxMediaFileParserPSD::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!caps) return E_POINTER;
-    *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-    return S_OK;
-  });
-}
-
-HRESULT CVxMediaFileParserPSD::GetTimeRange(DWORD /*kind*/, CVxTime* start, CVxTime* end) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!start || !end) return E_POINTER;
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;
-  });
-}
-
 HRESULT CVxMediaFileParserPSD::SetOption(void* option, DWORD kind) {
   return vx::Guarded([&]() -> HRESULT {
     if (!option) return E_POINTER;
     if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
-    const std::string text = vx::ToUtf8(static_cast<const VxChar*>(option));
-    const std::size_t eq = text.find('=');
-    if (eq == std::string::npos) return E_INVALIDARG;
-    const std::string name = Lower(text.substr(0, eq)), value = Lower(text.substr(eq + 1));
+    std::string name, value;
+    if (!SplitTextOption(option, &name, &value)) return E_INVALIDARG;
     if (name == "compression") return value == "rle" ? S_OK : E_INVALIDARG;
     if (name == "depth") {
       // A source's depth the host offers maps onto the nearest written one.

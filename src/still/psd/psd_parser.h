@@ -6,24 +6,17 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/psd/psd_format.h"
 #include "vx/parser.h"
 
-class CVxMediaFileParserPSD : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxMediaFileParserPSD : public CVxStillPictureParser {
  public:
   CVxMediaFileParserPSD();
   ~CVxMediaFileParserPSD() override;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
-
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
-  HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   // "depth=8" or "depth=16" (default: 16 for pictures of more than 8 bits, else 8);
   // "compression=rle", the only one written.
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;

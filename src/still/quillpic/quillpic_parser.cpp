@@ -125,16 +125,6 @@ bool WriteAll(vx::os::FileHandle file, const std::vector<std::uint8_t>& bytes) {
 CVxQuillPicFileParser::CVxQuillPicFileParser() = default;
 CVxQuillPicFileParser::~CVxQuillPicFileParser() = default;
 
-HRESULT CVxQuillPicFileParser::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
-
 // Code 1 is the odd field alone, whose first line is the picture's top one; code 3 holds both
 // fields, taken odd (upper) first.
 std::int32_t CVxQuillPicFileParser::FieldModeOf(std::uint32_t code) {
@@ -246,15 +236,6 @@ HRESULT CVxQuillPicFileParser::GetStreamCapabilities(DWORD mode, DWORD kind, DWO
   if (!caps) return E_POINTER;
   *caps = kind != VX_STREAM_PICTURE ? 0 : mode == kWriteMode ? kPictureWriteCaps : kPictureCaps;
   return S_OK;
-}
-
-HRESULT CVxQuillPicFileParser::GetTimeRange(DWORD, CVxTime* start, CVxTime* end) {
-  if (!start || !end) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;
-  });
 }
 
 // The format has no settings: only the metadata record is taken.

@@ -5,25 +5,19 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/quillpic/quillpic_format.h"
 #include "vx/parser.h"
 #include "vx/platform.h"
 
-class CVxQuillPicFileParser : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxQuillPicFileParser : public CVxStillPictureParser {
  public:
   CVxQuillPicFileParser();
   ~CVxQuillPicFileParser() override;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
-
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
   HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;
   HRESULT STDMETHODCALLTYPE GetCompressionName(VxChar* buffer, int size) override;
 

@@ -18,8 +18,6 @@ using namespace vx::targa;
 
 namespace {
 
-constexpr DWORD kPictureCapabilities = 170;
-
 // One positioned read, split into pieces read side by side for a large picture: copying out of
 // the page cache is a good share of a frame's time.
 bool ReadWhole(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
@@ -92,16 +90,6 @@ bool ParseNumbers(const std::string& text, unsigned* v, int count, const char* f
 
 CVxTargaFileParser::CVxTargaFileParser() = default;
 CVxTargaFileParser::~CVxTargaFileParser() = default;
-
-HRESULT CVxTargaFileParser::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
 
 // ---- Header ---------------------------------------------------------------------------------
 
@@ -187,37 +175,12 @@ HRESULT CVxTargaFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* r
   });
 }
 
-HRESULT CVxTargaFileParser::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!caps) return E_POINTER;
-    *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-    return S_OK;
-  });
-}
-
-HRESULT CVxTargaFileParser::GetTimeRange(DWORD /*kind*/, CVxTime* start, CVxTime* end) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!start || !end) return E_POINTER;
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;
-  });
-}
-
 HRESULT CVxTargaFileParser::SetOption(void* option, DWORD kind) {
   return vx::Guarded([&]() -> HRESULT {
     if (!option) return E_POINTER;
     if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
-    const std::string text = vx::ToUtf8(static_cast<const VxChar*>(option));
-    const std::size_t eq = text.find('=');
-    if (eq == std::string::npos) return E_INVALIDARG;
-    auto trim = [](std::string s) {
-      while (!s.empty() && s.front() == ' ') s.erase(s.begin());
-      while (!s.empty() && s.back() == ' ') s.pop_back();
-      for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      return s;
-    };
-    const std::string name = trim(text.substr(0, eq)), value = trim(text.substr(eq + 1));
+    std::string name, value;
+    if (!SplitTextOption(option, &name, &value)) return E_INVALIDARG;
     if (name == "compression") {
       if (value == "rle") {
         writeRle_ = true;

@@ -5,24 +5,17 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/targa/targa_format.h"
 #include "vx/parser.h"
 
-class CVxTargaFileParser : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxTargaFileParser : public CVxStillPictureParser {
  public:
   CVxTargaFileParser();
   ~CVxTargaFileParser() override;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
-
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
-  HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   // "compression=rle" (the default) or "none"; "origin=bottom-left" (the default) or "top-left".
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;
   HRESULT STDMETHODCALLTYPE GetCompressionName(VxChar* buffer, int size) override;

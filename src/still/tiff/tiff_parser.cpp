@@ -19,8 +19,6 @@ using namespace vx::tiff;
 
 namespace {
 
-constexpr DWORD kPictureCapabilities = 170;
-
 bool ReadFileWhole(const VxChar* name, std::vector<std::uint8_t>* out) {
   vx::os::UniqueFile file(vx::os::OpenRead(name));
   std::uint64_t size = 0;
@@ -84,16 +82,6 @@ double AspectOf(const TiffPage& p) {
 
 CVxTIFFFileParser::CVxTIFFFileParser() = default;
 CVxTIFFFileParser::~CVxTIFFFileParser() = default;
-
-HRESULT CVxTIFFFileParser::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  return vx::Guarded([&]() -> HRESULT {
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
 
 // Without libtiff (the Windows cross builds) nothing opens.
 HRESULT CVxTIFFFileParser::Open(const VxChar* name, DWORD flags) {
@@ -181,37 +169,12 @@ HRESULT CVxTIFFFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* re
   });
 }
 
-HRESULT CVxTIFFFileParser::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!caps) return E_POINTER;
-    *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-    return S_OK;
-  });
-}
-
-HRESULT CVxTIFFFileParser::GetTimeRange(DWORD /*kind*/, CVxTime* start, CVxTime* end) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!start || !end) return E_POINTER;
-    *start = CVxTime();
-    *end = CVxTime();
-    return S_FALSE;
-  });
-}
-
 HRESULT CVxTIFFFileParser::SetOption(void* option, DWORD kind) {
   return vx::Guarded([&]() -> HRESULT {
     if (!option) return E_POINTER;
     if (kind != VX_OPTION_TEXT) return TakeMetadataOption(option, kind);
-    const std::string text = vx::ToUtf8(static_cast<const VxChar*>(option));
-    const std::size_t eq = text.find('=');
-    if (eq == std::string::npos) return E_INVALIDARG;
-    auto trim = [](std::string s) {
-      while (!s.empty() && s.front() == ' ') s.erase(s.begin());
-      while (!s.empty() && s.back() == ' ') s.pop_back();
-      for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      return s;
-    };
-    const std::string name = trim(text.substr(0, eq)), value = trim(text.substr(eq + 1));
+    std::string name, value;
+    if (!SplitTextOption(option, &name, &value)) return E_INVALIDARG;
     if (name == "compression") {
       if (value == "none") {
         writeCompression_ = Compression::kNone;

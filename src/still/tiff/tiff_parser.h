@@ -8,26 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/tiff/tiff_codec.h"
 #include "vx/parser.h"
 
-class CVxTIFFFileParser : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxTIFFFileParser : public CVxStillPictureParser {
  public:
   CVxTIFFFileParser();
   ~CVxTIFFFileParser() override;
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
 
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE Open(const VxChar* name, DWORD flags) override;
   HRESULT STDMETHODCALLTYPE OpenFileList(IVxFileList* list, DWORD flags) override;
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
-  HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   // "compression=deflate" (the default), "lzw", "packbits" or "none"; "depth=8", "16" or "32f"
   // (other numbers round up to one of these; by default the picture's own).
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;

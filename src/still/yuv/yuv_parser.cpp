@@ -13,8 +13,6 @@ using namespace vx::yuv;
 
 namespace {
 
-constexpr DWORD kPictureCapabilities = 170;
-
 std::string BaseName(const VxString& path) {
   std::string name = vx::ToUtf8(path);
   const std::size_t cut = name.find_last_of("/\\");
@@ -61,16 +59,6 @@ CVxYUVFileParser::CVxYUVFileParser(int mode)
     : layout_(mode == 1 ? YuvLayout::Planar10 : YuvLayout::Uyvy8) {}
 
 CVxYUVFileParser::~CVxYUVFileParser() = default;
-
-HRESULT CVxYUVFileParser::QueryInterface(REFIID riid, void** ppv) {
-  return vx::Guarded([&]() -> HRESULT {
-    if (!ppv) return E_POINTER;
-    if (riid != IID_IVxParserSourceInfo) return CVxStillImageParser::QueryInterface(riid, ppv);
-    *ppv = static_cast<IVxParserSourceInfo*>(this);
-    AddRef();
-    return S_OK;
-  });
-}
 
 VxPixelFormat CVxYUVFileParser::NativeFormat() const {
   return layout_ == YuvLayout::Uyvy8 ? VX_PF_RGB8 : VX_PF_RGB16;
@@ -127,19 +115,6 @@ HRESULT CVxYUVFileParser::GetStreamFormat(DWORD kind, DWORD /*index*/, void* rec
     std::memcpy(record, &f, sizeof f);
     return S_OK;
   });
-}
-
-HRESULT CVxYUVFileParser::GetStreamCapabilities(DWORD /*mode*/, DWORD kind, DWORD* caps) {
-  if (!caps) return E_POINTER;
-  *caps = kind == VX_STREAM_PICTURE ? kPictureCapabilities : 0;
-  return S_OK;
-}
-
-HRESULT CVxYUVFileParser::GetTimeRange(DWORD /*kind*/, CVxTime* start, CVxTime* end) {
-  if (!start || !end) return E_POINTER;
-  *start = CVxTime();
-  *end = CVxTime();
-  return S_FALSE;
 }
 
 HRESULT CVxYUVFileParser::SetOption(void* option, DWORD kind) {

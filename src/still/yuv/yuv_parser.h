@@ -5,26 +5,19 @@
 #include <cstdint>
 #include <vector>
 
-#include "frame/source_info.h"
-#include "frame/still_image_parser.h"
+#include "frame/still_picture_parser.h"
 #include "still/yuv/yuv_codec.h"
 #include "vx/parser.h"
 #include "vx/platform.h"
 
-class CVxYUVFileParser : public CVxStillImageParser, public CVxSourceInfoFromMetadata {
+class CVxYUVFileParser : public CVxStillPictureParser {
  public:
   // Mode 0: "YUV" (8-bit UYVY); 1: "YUV16" (10-bit planar).
   explicit CVxYUVFileParser(int mode = 0);
   ~CVxYUVFileParser() override;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return CVxStillImageParser::AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return CVxStillImageParser::Release(); }
-
   // IVxMediaFileParser
   HRESULT STDMETHODCALLTYPE GetStreamFormat(DWORD kind, DWORD index, void* record) override;
-  HRESULT STDMETHODCALLTYPE GetStreamCapabilities(DWORD mode, DWORD kind, DWORD* caps) override;
-  HRESULT STDMETHODCALLTYPE GetTimeRange(DWORD kind, CVxTime* start, CVxTime* end) override;
   HRESULT STDMETHODCALLTYPE SetOption(void* option, DWORD kind) override;
   HRESULT STDMETHODCALLTYPE GetCompressionName(VxChar* buffer, int size) override;
 
