@@ -46,6 +46,8 @@ class PixelConverter {
 
   SwsContext* sws_ = nullptr;
   std::vector<std::uint8_t> scratch_;
+  std::vector<std::uint8_t> bounceSrc_;
+  std::vector<std::uint8_t> bounceDst_;
 };
 
 }  // namespace vx::ffmedia::detail

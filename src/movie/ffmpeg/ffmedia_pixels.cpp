@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -115,6 +116,14 @@ void CopyRows(const std::uint8_t* src, std::ptrdiff_t srcStride, std::uint8_t* d
   for (int y = 0; y < rows; ++y) std::memcpy(dst + y * dstStride, src + y * srcStride, bytes);
 }
 
+constexpr int kAlign = 64;
+
+std::uint8_t* Aligned(std::vector<std::uint8_t>& buf, std::size_t size) {
+  buf.resize(size + kAlign);
+  const auto p = reinterpret_cast<std::uintptr_t>(buf.data());
+  return buf.data() + (kAlign - p % kAlign) % kAlign;
+}
+
 }  // namespace
 
 Status FromAv(int err) {
@@ -127,9 +136,13 @@ Status FromAv(int err) {
 void PackV210Row(const std::uint16_t* y, const std::uint16_t* cb, const std::uint16_t* cr,
                  int width, std::uint8_t* dst) {
   const int cw = (width + 1) / 2;
-  auto Y = [&](int i) -> std::uint32_t { return i < width ? (y[i] & 1023u) : 0u; };
-  auto U = [&](int i) -> std::uint32_t { return i < cw ? (cb[i] & 1023u) : 0u; };
-  auto V = [&](int i) -> std::uint32_t { return i < cw ? (cr[i] & 1023u) : 0u; };
+  // Codes 0-3 and 1020-1023 are reserved for timing references on the wire.
+  auto Legal = [](std::uint16_t v) -> std::uint32_t {
+    return std::clamp<std::uint32_t>(v, 4, 1019);
+  };
+  auto Y = [&](int i) -> std::uint32_t { return i < width ? Legal(y[i]) : 0u; };
+  auto U = [&](int i) -> std::uint32_t { return i < cw ? Legal(cb[i]) : 0u; };
+  auto V = [&](int i) -> std::uint32_t { return i < cw ? Legal(cr[i]) : 0u; };
   std::memset(dst, 0, MinRowBytes(PixelLayout::kV210, width));
   for (int x = 0; x < width; x += 6) {
     const int c = x / 2;
@@ -195,8 +208,37 @@ Status PixelConverter::Scale(const std::uint8_t* const src[4], const int srcStri
                              sws_getCoefficients(dstSpace), dstRange, brightness, contrast,
                              saturation);
   }
-  const int rows = sws_scale(sws_, src, srcStride, 0, height, dst, dstStride);
-  return rows == height ? Status::kOk : Status::kFail;
+  // libswscale's vector paths drop the last pixels of a row whose start or stride is not
+  // aligned (host rows often are not): such packed rows go through aligned buffers.
+  auto misaligned = [](const std::uint8_t* p, int stride) {
+    return reinterpret_cast<std::uintptr_t>(p) % kAlign != 0 || stride % kAlign != 0;
+  };
+  const std::uint8_t* s[4] = {src[0], src[1], src[2], src[3]};
+  int ss[4] = {srcStride[0], srcStride[1], srcStride[2], srcStride[3]};
+  std::uint8_t* d[4] = {dst[0], dst[1], dst[2], dst[3]};
+  int ds[4] = {dstStride[0], dstStride[1], dstStride[2], dstStride[3]};
+  const auto rows = static_cast<std::size_t>(height);
+  if (!src[1] && misaligned(src[0], srcStride[0])) {
+    const int bytes = av_image_get_linesize(srcFormat, width, 0);
+    if (bytes <= 0) return Status::kUnsupported;
+    const int padded = (bytes + kAlign - 1) / kAlign * kAlign;
+    std::uint8_t* b = Aligned(bounceSrc_, static_cast<std::size_t>(padded) * rows);
+    CopyRows(src[0], srcStride[0], b, padded, static_cast<std::size_t>(bytes), height);
+    s[0] = b;
+    ss[0] = padded;
+  }
+  int dstBytes = 0;
+  if (!dst[1] && misaligned(dst[0], dstStride[0])) {
+    dstBytes = av_image_get_linesize(dstFormat, width, 0);
+    if (dstBytes <= 0) return Status::kUnsupported;
+    ds[0] = (dstBytes + kAlign - 1) / kAlign * kAlign;
+    d[0] = Aligned(bounceDst_, static_cast<std::size_t>(ds[0]) * rows);
+  }
+  const int done = sws_scale(sws_, s, ss, 0, height, d, ds);
+  if (done != height) return Status::kFail;
+  if (dstBytes)
+    CopyRows(d[0], ds[0], dst[0], dstStride[0], static_cast<std::size_t>(dstBytes), height);
+  return Status::kOk;
 }
 
 Status PixelConverter::ToLayout(const AVFrame* frame, PixelLayout layout, std::uint8_t* dst,

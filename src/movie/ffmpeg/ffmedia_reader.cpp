@@ -168,14 +168,12 @@ bool IsPcm(AVCodecID id) {
   return id >= AV_CODEC_ID_PCM_S16LE && id < AV_CODEC_ID_ADPCM_IMA_QT;
 }
 
-struct KeyEntry {
-  std::int64_t ts;  // presentation time, or decode time when the packet has none
-};
-
 struct VideoState {
   int stream = -1;
   std::vector<std::int64_t> frameTimes;  // presentation times, sorted; frame index order
   std::vector<std::int64_t> keyTimes;    // key frames, sorted
+  std::vector<std::int64_t> keyPos;      // their byte positions (-1 unknown)
+  bool byteSeek = false;                 // streams without an index seek to a key's byte position
   bool ordinal = false;                  // no usable times: frames are counted from the start
 
   std::unique_ptr<Demuxer> demux;
@@ -345,7 +343,8 @@ Status MediaReader::Impl::OpenAny() {
 
 Status MediaReader::Impl::BuildIndex(Demuxer& d) {
   struct Pending {
-    std::vector<std::int64_t> pts, keys;
+    std::vector<std::int64_t> pts;
+    std::vector<std::pair<std::int64_t, std::int64_t>> keys;  // time, byte position
     bool missing = false;
   };
   std::vector<Pending> vp(video.size());
@@ -386,7 +385,7 @@ Status MediaReader::Impl::BuildIndex(Demuxer& d) {
         const std::int64_t t = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
         if (pkt->pts == AV_NOPTS_VALUE) p.missing = true;
         p.pts.push_back(pkt->pts);
-        if ((pkt->flags & AV_PKT_FLAG_KEY) && t != AV_NOPTS_VALUE) p.keys.push_back(t);
+        if ((pkt->flags & AV_PKT_FLAG_KEY) && t != AV_NOPTS_VALUE) p.keys.emplace_back(t, pkt->pos);
       } else if (aOf[si] >= 0) {
         const std::size_t i = static_cast<std::size_t>(aOf[si]);
         AudioState& a = audio[i];
@@ -418,7 +417,15 @@ Status MediaReader::Impl::BuildIndex(Demuxer& d) {
     VideoState& v = video[i];
     Pending& p = vp[i];
     std::sort(p.keys.begin(), p.keys.end());
-    v.keyTimes = std::move(p.keys);
+    for (const auto& [t, pos] : p.keys) {
+      v.keyTimes.push_back(t);
+      v.keyPos.push_back(pos);
+    }
+    // Program and transport streams (and raw ones) seek by searching timestamps, which may land
+    // anywhere; the key frame's own byte position is exact.
+    const int flags = d.fmt->iformat->flags;
+    v.byteSeek =
+        (flags & (AVFMT_TS_DISCONT | AVFMT_GENERIC_INDEX)) && !(flags & AVFMT_NO_BYTE_SEEK);
     if (!p.missing) {
       std::sort(p.pts.begin(), p.pts.end());
       p.pts.erase(std::unique(p.pts.begin(), p.pts.end()), p.pts.end());
@@ -467,6 +474,7 @@ Status MediaReader::Impl::DecodeIndex(VideoState& v) {
     v.ordinal = true;
     for (std::size_t i = 0; i < times.size(); ++i) times[i] = static_cast<std::int64_t>(i);
     v.keyTimes.clear();
+    v.keyPos.clear();
   }
   v.frameTimes = std::move(times);
   return Status::kOk;
@@ -498,8 +506,12 @@ Status MediaReader::Impl::SeekVideo(VideoState& v, std::int64_t key) {
   AVFormatContext* fmt = v.demux->fmt;
   int r = -1;
   if (key >= 0 && !v.ordinal) {
-    r = av_seek_frame(fmt, v.stream, v.keyTimes[static_cast<std::size_t>(key)],
-                      AVSEEK_FLAG_BACKWARD);
+    const auto k = static_cast<std::size_t>(key);
+    if (v.byteSeek && v.keyPos[k] >= 0) {
+      r = av_seek_frame(fmt, v.stream, v.keyPos[k], AVSEEK_FLAG_BYTE);
+    } else {
+      r = av_seek_frame(fmt, v.stream, v.keyTimes[k], AVSEEK_FLAG_BACKWARD);
+    }
   }
   if (r < 0) {
     r = avformat_seek_file(fmt, v.stream, std::numeric_limits<std::int64_t>::min(),
@@ -613,20 +625,21 @@ bool MediaReader::Impl::NextAudioFrame(AudioState& a) {
 
 Status MediaReader::Impl::SeekAudio(AudioState& a, std::int64_t sample) {
   ++seeks;
+  if (sample <= 0) {
+    // A fresh demuxer and decoder repeat exactly what the index pass saw, priming included,
+    // which a seek to the start does not for every wrapper.
+    a.demux.reset();
+    a.dec.reset();
+    a.haveFrame = false;
+    a.draining = false;
+    return PrepareAudio(a);
+  }
   AVFormatContext* fmt = a.demux->fmt;
   const AVStream* st = fmt->streams[a.stream];
-  int r = -1;
-  if (sample > 0) {
-    const std::int64_t ts = av_rescale_q(sample + a.origin, {1, a.sampleRate}, st->time_base);
-    r = av_seek_frame(fmt, a.stream, ts, AVSEEK_FLAG_BACKWARD);
-  }
-  if (r < 0 || sample <= 0) {
-    r = avformat_seek_file(fmt, a.stream, std::numeric_limits<std::int64_t>::min(),
-                           std::numeric_limits<std::int64_t>::min(), 0, 0);
-    if (r < 0) r = av_seek_frame(fmt, -1, 0, AVSEEK_FLAG_BYTE);
-    if (r < 0) return Status::kFail;
-    a.nextPos = 0;
-  }
+  int r;
+  const std::int64_t ts = av_rescale_q(sample + a.origin, {1, a.sampleRate}, st->time_base);
+  r = av_seek_frame(fmt, a.stream, ts, AVSEEK_FLAG_BACKWARD);
+  if (r < 0) return SeekAudio(a, 0);
   avcodec_flush_buffers(a.dec.get());
   av_frame_unref(a.frame.get());
   a.haveFrame = false;
