@@ -349,23 +349,31 @@ Status PixelConverter::FromLayout(const std::uint8_t* src, std::ptrdiff_t stride
     srcFormat = AV_PIX_FMT_YUV422P10;
     srcYuv = true;
   } else if (layout == PixelLayout::kRGBF32 || layout == PixelLayout::kRGBAF32) {
+    // Rounded once, to the depth the encoder takes.
     const int channels = layout == PixelLayout::kRGBAF32 ? 4 : 3;
-    const std::size_t row = static_cast<std::size_t>(w) * 8;
+    const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(dstFormat);
+    const bool deep = !d || d->comp[0].depth > 8;
+    const std::size_t row = static_cast<std::size_t>(w) * (deep ? 8 : 4);
     scratch_.resize(row * static_cast<std::size_t>(h));
     for (int y = 0; y < h; ++y) {
       const auto* in = reinterpret_cast<const float*>(src + y * stride);
-      auto* out = reinterpret_cast<std::uint16_t*>(scratch_.data() + y * row);
+      std::uint8_t* out = scratch_.data() + y * row;
       for (int x = 0; x < w; ++x) {
         for (int c = 0; c < 4; ++c) {
           float v = c < channels ? in[x * channels + c] : 1.0f;
           v = v > 0.0f ? (v < 1.0f ? v : 1.0f) : 0.0f;  // NaN lands on 0
-          out[x * 4 + c] = static_cast<std::uint16_t>(v * 65535.0f + 0.5f);
+          if (deep) {
+            reinterpret_cast<std::uint16_t*>(out)[x * 4 + c] =
+                static_cast<std::uint16_t>(v * 65535.0f + 0.5f);
+          } else {
+            out[x * 4 + c] = static_cast<std::uint8_t>(v * 255.0f + 0.5f);
+          }
         }
       }
     }
     planes[0] = scratch_.data();
     strides[0] = static_cast<int>(row);
-    srcFormat = AV_PIX_FMT_RGBA64;
+    srcFormat = deep ? AV_PIX_FMT_RGBA64 : AV_PIX_FMT_RGBA;
   }
   if (srcFormat == dstFormat && !srcYuv) {
     CopyRows(src, stride, frame->data[0], frame->linesize[0], MinRowBytes(layout, w), h);
