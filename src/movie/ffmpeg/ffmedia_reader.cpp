@@ -174,7 +174,11 @@ struct VideoState {
   std::vector<std::int64_t> keyTimes;    // key frames, sorted
   std::vector<std::int64_t> keyPos;      // their byte positions (-1 unknown)
   bool byteSeek = false;                 // streams without an index seek to a key's byte position
-  bool ordinal = false;                  // no usable times: frames are counted from the start
+  // Uncompressed pictures already in a host layout are copied from the packet, undecoded.
+  bool hasRaw = false;
+  PixelLayout rawLayout = PixelLayout::kV210;
+  std::size_t rawRow = 0;
+  bool ordinal = false;  // no usable times: frames are counted from the start
 
   std::unique_ptr<Demuxer> demux;
   CodecPtr dec;
@@ -239,6 +243,10 @@ struct MediaReader::Impl {
   Status SeekVideo(VideoState& v, std::int64_t key);
   // 1: frame `target` is in v.frame; 0: decoded past it; -1: the stream ended before it.
   int DecodeVideoTo(VideoState& v, std::int64_t target);
+  // The same for an uncompressed packet copied to `dst`; -2: the packet is not laid out as
+  // expected (the caller decodes instead).
+  int CopyRawTo(VideoState& v, std::int64_t target, std::uint8_t* dst, std::ptrdiff_t stride,
+                int height);
 
   Status PrepareAudio(AudioState& a);
   Status SeekAudio(AudioState& a, std::int64_t sample);
@@ -297,6 +305,16 @@ Status MediaReader::Impl::OpenAny() {
       info.video.push_back(t);
       VideoState v;
       v.stream = t.stream;
+      if (par->codec_id == AV_CODEC_ID_V210) {
+        v.hasRaw = true;
+        v.rawLayout = PixelLayout::kV210;
+        v.rawRow = MinRowBytes(PixelLayout::kV210, t.width);
+      } else if (par->codec_id == AV_CODEC_ID_RAWVIDEO && par->format == AV_PIX_FMT_UYVY422 &&
+                 t.width % 2 == 0) {
+        v.hasRaw = true;
+        v.rawLayout = PixelLayout::kUYVY8;
+        v.rawRow = MinRowBytes(PixelLayout::kUYVY8, t.width);
+      }
       video.push_back(std::move(v));
     } else if (par->codec_type == AVMEDIA_TYPE_AUDIO) {
       if (par->sample_rate <= 0 || par->ch_layout.nb_channels <= 0 ||
@@ -565,6 +583,40 @@ int MediaReader::Impl::DecodeVideoTo(VideoState& v, std::int64_t target) {
   }
 }
 
+int MediaReader::Impl::CopyRawTo(VideoState& v, std::int64_t target, std::uint8_t* dst,
+                                 std::ptrdiff_t stride, int height) {
+  AVFormatContext* fmt = v.demux->fmt;
+  for (;;) {
+    if (av_read_frame(fmt, v.packet.get()) < 0) return -1;
+    const AVPacket* p = v.packet.get();
+    if (p->stream_index != v.stream) {
+      av_packet_unref(v.packet.get());
+      continue;
+    }
+    const std::int64_t t = p->pts != AV_NOPTS_VALUE ? p->pts : p->dts;
+    if (p->flags & AV_PKT_FLAG_KEY) {
+      const auto it = std::lower_bound(v.keyTimes.begin(), v.keyTimes.end(), t);
+      if (it != v.keyTimes.end() && *it == t) v.lastKey = it - v.keyTimes.begin();
+    }
+    if (t < target) {
+      av_packet_unref(v.packet.get());
+      continue;
+    }
+    int r = 0;
+    if (t == target) {
+      r = 1;
+      if (static_cast<std::size_t>(p->size) != v.rawRow * static_cast<std::size_t>(height)) {
+        r = -2;
+      } else {
+        for (int y = 0; y < height; ++y)
+          std::memcpy(dst + y * stride, p->data + v.rawRow * y, v.rawRow);
+      }
+    }
+    av_packet_unref(v.packet.get());
+    return r;
+  }
+}
+
 Status MediaReader::Impl::PrepareAudio(AudioState& a) {
   if (!a.demux) {
     const Status s = NewDemuxer(&a.demux);
@@ -734,18 +786,29 @@ Status MediaReader::ReadFrame(int track, std::int64_t index, PixelLayout layout,
       s = im.SeekVideo(v, key);
       if (s != Status::kOk) return s;
     }
-    int got = im.DecodeVideoTo(v, target);
-    for (int attempt = 0; got != 1 && attempt < kSeekAttempts; ++attempt) {
+    const bool raw = v.hasRaw && v.rawLayout == layout && !v.ordinal;
+    auto fetch = [&] {
+      return raw ? im.CopyRawTo(v, target, dst, stride, t.height) : im.DecodeVideoTo(v, target);
+    };
+    int got = fetch();
+    for (int attempt = 0; (got == 0 || got == -1) && attempt < kSeekAttempts; ++attempt) {
       if (key >= 0) --key;
       s = im.SeekVideo(v, attempt + 1 == kSeekAttempts ? -1 : key);
       if (s != Status::kOk) return s;
-      got = im.DecodeVideoTo(v, target);
+      got = fetch();
+    }
+    if (got == -2) {
+      // Packed otherwise than expected: decode it like any other frame from now on.
+      v.hasRaw = false;
+      v.positioned = false;
+      return ReadFrame(track, index, layout, dst, stride);
     }
     if (got != 1) {
       v.positioned = false;
       return Status::kFail;
     }
     v.lastDelivered = target;
+    if (raw) return Status::kOk;
     const AVFrame* f = v.frame.get();
     if (f->width != t.width || f->height != t.height) {
       // A size change mid-stream would overrun the caller's rows.
