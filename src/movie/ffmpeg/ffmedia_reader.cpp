@@ -846,12 +846,10 @@ Status ConvertSamples(AudioState& a, int offset, int count, SampleLayout layout,
     a.swrIn = in;
   }
   const int bps = av_get_bytes_per_sample(in);
-  const std::uint8_t* planes[AV_NUM_DATA_POINTERS] = {};
+  std::vector<const std::uint8_t*> planes(static_cast<std::size_t>(a.channels));
   if (av_sample_fmt_is_planar(in)) {
-    if (a.channels > AV_NUM_DATA_POINTERS && !f->extended_data) return Status::kFail;
-    for (int c = 0; c < a.channels && c < AV_NUM_DATA_POINTERS; ++c)
+    for (int c = 0; c < a.channels; ++c)
       planes[c] = f->extended_data[c] + static_cast<std::size_t>(offset) * bps;
-    if (a.channels > AV_NUM_DATA_POINTERS) return Status::kUnsupported;
   } else {
     planes[0] = f->extended_data[0] + static_cast<std::size_t>(offset) * bps * a.channels;
   }
@@ -860,7 +858,7 @@ Status ConvertSamples(AudioState& a, int offset, int count, SampleLayout layout,
     a.conv.resize(static_cast<std::size_t>(count) * a.channels * 4);
     dst = a.conv.data();
   }
-  const int n = swr_convert(a.swr.get(), &dst, count, planes, count);
+  const int n = swr_convert(a.swr.get(), &dst, count, planes.data(), count);
   if (n != count) return Status::kFail;
   if (layout == SampleLayout::kS24) {
     const std::size_t total = static_cast<std::size_t>(count) * a.channels;
@@ -881,6 +879,7 @@ Status MediaReader::ReadAudio(int track, std::int64_t start, std::int64_t count,
   AudioState& a = im.audio[static_cast<std::size_t>(track)];
   const std::size_t frameBytes = static_cast<std::size_t>(SampleBytes(layout)) * a.channels;
   auto* out = static_cast<std::uint8_t*>(dst);
+  if (static_cast<std::uint64_t>(count) > SIZE_MAX / frameBytes) return Status::kInvalidArg;
   const std::int64_t real = std::max<std::int64_t>(0, std::min(count, a.total - start));
   if (count > 0) std::memset(out, 0, static_cast<std::size_t>(count) * frameBytes);
   if (real == 0) return Status::kOk;
