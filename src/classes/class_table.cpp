@@ -11,6 +11,7 @@
 #include "frame/catalogue.h"
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
+#include "red/r3d/red_process_helper.h"
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
@@ -67,6 +68,7 @@ constexpr ClassEntry kClasses[] = {
     {"CVxMediaFileParserCEIL", &BuildCeil},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
+    {"CVxRedProcessHelper", &Construct<red::CVxRedProcessHelper, IVxGeneric>},
     // clang-format on
 };
 
