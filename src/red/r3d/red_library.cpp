@@ -20,7 +20,7 @@ int DecodeModeShift(std::uint32_t mode) {
   }
 }
 
-#if !defined(VX_HAVE_FFMPEG)
+#if !defined(VX_HAVE_OPENJP2)
 namespace {
 class NoLibrary final : public RedLibrary {
  public:
