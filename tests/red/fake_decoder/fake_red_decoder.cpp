@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   if (!start || !end || !term) return 4;
   const char* log = std::getenv("VX_RED_TEST_LOG");
   const char* hang = std::getenv("VX_RED_TEST_HANG_FRAME");
+  int code = 0;
   // Never outlive a test run by long, whatever happens to the test.
   for (int idle = 0; idle < 600; ++idle) {
     if (WaitEvent(term, 0) == Wait::Signaled) break;
@@ -38,7 +39,10 @@ int main(int argc, char** argv) {
     idle = 0;
     const auto* req = static_cast<const std::uint8_t*>(instruction.view);
     const std::int32_t frame = static_cast<std::int32_t>(Load32(req + 524));
-    if (hang && std::atoi(hang) == frame) return 5;
+    if (hang && std::atoi(hang) == frame) {
+      code = 5;
+      break;
+    }
     auto* out = static_cast<std::uint8_t*>(result.view);
     std::memcpy(out, req + 524, 4);
     std::memcpy(out + 4, req + 0, 4);
@@ -56,5 +60,5 @@ int main(int argc, char** argv) {
   CloseEvent(term);
   CloseSharedMemory(&instruction);
   CloseSharedMemory(&result);
-  return 0;
+  return code;
 }
