@@ -235,6 +235,9 @@ HRESULT STDMETHODCALLTYPE CVxMediaFileParserR3D::Open(const VxChar* name, DWORD 
   if (!name) return E_POINTER;
   return Guarded([&]() -> HRESULT {
     if (flags & VX_OPEN_WRITE) return E_NOTIMPL;
+#if !defined(VX_HAVE_OPENJP2)
+    return E_NOTIMPL;  // this build has no frame decoder
+#endif
     Close();
     std::unique_ptr<RedClip> clip = DefaultRedLibrary().OpenClip(name);
     if (!clip) return E_FAIL;
