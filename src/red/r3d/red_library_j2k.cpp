@@ -172,7 +172,6 @@ bool J2kClip::Decode(std::int32_t frame, int shift, RedPixels pixels, std::uint8
         comp.factor != static_cast<OPJ_UINT32>(reduce))
       return false;
   }
-  const std::uint32_t maxIn = (1u << im->comps[0].prec) - 1;
   for (std::uint32_t y = 0; y < h; ++y) {
     std::uint8_t* row = out + std::size_t{y} * w * bpp;
     for (std::uint32_t x = 0; x < w; ++x) {
@@ -199,7 +198,6 @@ bool J2kClip::Decode(std::int32_t frame, int shift, RedPixels pixels, std::uint8
       }
     }
   }
-  (void)maxIn;
   return true;
 }
 

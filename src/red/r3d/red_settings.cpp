@@ -55,6 +55,7 @@ constexpr Entry kWritten[] = {
     {"whiteY", RedLook::kWhiteY, nullptr},
 };
 
+#if defined(VX_HAVE_TINYXML2)
 bool SameKey(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
@@ -71,6 +72,7 @@ const Entry* FindKey(std::string_view key) {
   }
   return nullptr;
 }
+#endif
 
 std::string Document(const RedLook& look, float blackLevel) {
   std::string out =
