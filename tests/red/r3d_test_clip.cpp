@@ -121,8 +121,11 @@ std::vector<std::filesystem::path> WriteClip(const std::filesystem::path& path,
       Tag(b, "RDMT");
       b.insert(b.end(), spec.metadata.begin(), spec.metadata.end());
     }
+    std::vector<std::uint8_t> first;
     for (int f = part * perPart; f < std::min(spec.frames, (part + 1) * perPart); ++f) {
-      const std::vector<std::uint8_t> cs = EncodeFrame(f, spec.width, spec.height);
+      if (spec.samePicture && first.empty()) first = EncodeFrame(0, spec.width, spec.height);
+      const std::vector<std::uint8_t> cs =
+          spec.samePicture ? first : EncodeFrame(f, spec.width, spec.height);
       Be32(b, static_cast<std::uint32_t>(8 + 12 + cs.size()));
       Tag(b, "REDV");
       Be32(b, static_cast<std::uint32_t>(f) * spec.rateDenominator);  // time stamp

@@ -22,8 +22,9 @@ struct ClipSpec {
   int frames = 4;
   std::uint16_t rateNumerator = 24000;
   std::uint16_t rateDenominator = 1001;
-  std::string metadata;   // "key=value\n" lines; empty: no metadata atom
-  int framesPerPart = 0;  // 0: one file
+  std::string metadata;      // "key=value\n" lines; empty: no metadata atom
+  int framesPerPart = 0;     // 0: one file
+  bool samePicture = false;  // every frame holds frame 0's codestream (quick big clips)
 };
 
 // Writes the clip (the first part at `path`, named "..._001.R3D" when split) and answers the
