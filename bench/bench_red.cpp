@@ -2,6 +2,7 @@
 // (RedDecoder processes, the request, the result block and the copies), at the pool size this
 // machine's rule gives and at forced sizes, against FFmpeg decoding the same frames at the same
 // reduction in one process with one thread (`ffmpeg -lowres 1 -threads 1 -f null`).
+// The same decodes inside this process give the floor of the channel's cost.
 // VX_BENCH_RED_FRAMES sets the clip length (default 48).
 #include <benchmark/benchmark.h>
 
@@ -83,6 +84,29 @@ void PoolPlayback(benchmark::State& state) {
   helper->Release();
 }
 BENCHMARK(PoolPlayback)->Arg(0)->Arg(2)->Arg(4)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The same decodes in this process through the decoding library: the floor the pool's channel
+// and copies are measured against.
+void LibraryInProcess(benchmark::State& state) {
+  const Clip& clip = TheClip();
+  auto red = vx::red::DefaultRedLibrary().OpenClip(vx::FromUtf8(clip.path.string()).c_str());
+  if (!red) {
+    state.SkipWithError("clip did not open");
+    return;
+  }
+  std::vector<std::uint8_t> out(2048 * 1080 * 6);
+  for (auto _ : state) {
+    for (int f = 0; f < clip.frames; ++f) {
+      if (!red->Decode(f, 1, vx::red::RedPixels::kRgb16, out.data(), out.size())) {
+        state.SkipWithError("decode failed");
+        break;
+      }
+    }
+  }
+  state.counters["fps"] = benchmark::Counter(static_cast<double>(clip.frames),
+                                             benchmark::Counter::kIsIterationInvariantRate);
+}
+BENCHMARK(LibraryInProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void FfmpegOneProcess(benchmark::State& state) {
   const Clip& clip = TheClip();
