@@ -160,6 +160,7 @@ TEST(R3DClip, DamagedClipsFailOrEndEarly) {
       {"zero width", 52, {0, 0, 0, 0}, false, -1, false},
       {"absurd width", 52, {0x7F, 0xFF, 0xFF, 0xFF}, false, -1, false},
       {"zero rate", 62, {0, 0}, false, -1, false},
+      {"frames of another size", 52, {0, 0, 0, 48}, false, 3, false},
       {"header longer than file", 0, {0x7F, 0, 0, 0}, false, -1, false},
       {"atom shorter than its header", frameAtom, {0, 0, 0, 4}, false, -1, false},
       {"atom past the end", frameAtom, {0x7F, 0, 0, 0}, false, -1, false},

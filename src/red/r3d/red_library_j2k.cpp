@@ -65,7 +65,8 @@ struct Image {
 
 // Decodes a codestream at `reduce`; false when the library refuses it (a reduce beyond the
 // codestream's levels among other things).
-bool DecodeCodestream(const std::vector<std::uint8_t>& data, int reduce, Image* out) {
+bool DecodeCodestream(const std::vector<std::uint8_t>& data, std::uint32_t width,
+                      std::uint32_t height, int reduce, Image* out) {
   const bool jp2 = data.size() >= 12 && data[4] == 'j' && data[5] == 'P';
   opj_codec_t* codec = opj_create_decompress(jp2 ? OPJ_CODEC_JP2 : OPJ_CODEC_J2K);
   if (!codec) return false;
@@ -84,7 +85,10 @@ bool DecodeCodestream(const std::vector<std::uint8_t>& data, int reduce, Image* 
     opj_stream_set_read_function(stream, StreamRead);
     opj_stream_set_skip_function(stream, StreamSkip);
     opj_stream_set_seek_function(stream, StreamSeek);
-    ok = opj_read_header(stream, codec, &out->image) && opj_decode(codec, stream, out->image) &&
+    // A picture of another size than the clip's is refused before anything is allocated for it.
+    ok = opj_read_header(stream, codec, &out->image) && out->image->x1 > out->image->x0 &&
+         out->image->y1 > out->image->y0 && out->image->x1 - out->image->x0 == width &&
+         out->image->y1 - out->image->y0 == height && opj_decode(codec, stream, out->image) &&
          opj_end_decompress(codec, stream);
   }
   if (stream) opj_stream_destroy(stream);
@@ -154,7 +158,7 @@ bool J2kClip::Decode(std::int32_t frame, int shift, RedPixels pixels, std::uint8
   // The codestream's own levels do what they can; pixels are skipped for the rest.
   Image img;
   int reduce = shift;
-  while (!DecodeCodestream(data, reduce, &img)) {
+  while (!DecodeCodestream(data, info_.width, info_.height, reduce, &img)) {
     if (img.image) {
       opj_image_destroy(img.image);
       img.image = nullptr;
