@@ -67,6 +67,8 @@ std::vector<std::uint8_t> EncodeFrame(int f, std::uint32_t w, std::uint32_t h, i
   }
   opj_cparameters_t params;
   opj_set_default_encoder_parameters(&params);
+  // Each level halves the picture; the smallest must keep a pixel.
+  while (levels > 1 && std::min(w, h) >> (levels - 1) == 0) --levels;
   params.numresolution = levels;
   params.tcp_mct = 0;  // components coded apart, so every level is exact per component
   opj_codec_t* codec = opj_create_compress(OPJ_CODEC_J2K);

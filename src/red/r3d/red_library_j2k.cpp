@@ -21,6 +21,7 @@ namespace vx::red {
 namespace {
 
 constexpr std::uint32_t kMaxCodestream = 512u << 20;
+constexpr std::uint64_t kMaxDecodedPixels = 1u << 26;  // 8K × 8K
 
 struct MemoryStream {
   const std::uint8_t* data;
@@ -152,6 +153,9 @@ bool J2kClip::Decode(std::int32_t frame, int shift, RedPixels pixels, std::uint8
   const std::uint32_t h = ShiftedSize(info_.height, shift);
   const std::size_t bpp = RedPixelBytes(pixels);
   if (std::size_t{w} * h * bpp > outBytes) return false;
+  // What the codec allocates follows the picture it decodes: a header claiming more than any
+  // camera records is refused rather than handed to it.
+  if (std::uint64_t{w} * h > kMaxDecodedPixels) return false;
   std::vector<std::uint8_t> data;
   if (!ReadCodestream(frame, &data)) return false;
 
