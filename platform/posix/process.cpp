@@ -191,4 +191,10 @@ void CloseProcess(ProcessHandle p) {
   ReapOrphans();
 }
 
+bool ProcessAlive(std::uint32_t pid) {
+  if (pid == 0) return false;
+  // A process of another user answers EPERM and still runs.
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
 }  // namespace vx::os

@@ -193,4 +193,12 @@ void SleepMs(std::uint32_t ms) {
   ::Sleep(ms);
 }
 
+bool ProcessAlive(std::uint32_t pid) {
+  HANDLE h = ::OpenProcess(SYNCHRONIZE, FALSE, pid);
+  if (!h) return ::GetLastError() == ERROR_ACCESS_DENIED;
+  const bool running = ::WaitForSingleObject(h, 0) == WAIT_TIMEOUT;
+  ::CloseHandle(h);
+  return running;
+}
+
 }  // namespace vx::os

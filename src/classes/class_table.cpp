@@ -11,6 +11,8 @@
 #include "frame/catalogue.h"
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
+#include "red/r3d/r3d_parser.h"
+#include "red/r3d/red_process_helper.h"
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
@@ -67,6 +69,8 @@ constexpr ClassEntry kClasses[] = {
     {"CVxMediaFileParserCEIL", &BuildCeil},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
+    {"CVxRedProcessHelper", &Construct<red::CVxRedProcessHelper, IVxGeneric>},
+    {"CVxMediaFileParserR3D", &Parser<red::CVxMediaFileParserR3D>},
     // clang-format on
 };
 
