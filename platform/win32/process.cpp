@@ -194,3 +194,15 @@ void SleepMs(std::uint32_t ms) {
 }
 
 }  // namespace vx::os
+
+namespace vx::os {
+
+bool ProcessIsRunning(std::uint32_t pid) {
+  HANDLE h = ::OpenProcess(SYNCHRONIZE, FALSE, pid);
+  if (!h) return ::GetLastError() == ERROR_ACCESS_DENIED;
+  const bool running = ::WaitForSingleObject(h, 0) == WAIT_TIMEOUT;
+  ::CloseHandle(h);
+  return running;
+}
+
+}  // namespace vx::os
