@@ -11,6 +11,8 @@
 #include "frame/catalogue.h"
 #include "imagelib/ceil/ceil_formats.h"
 #include "imagelib/ceil/ceil_parser.h"
+#include "movie/qt/qt_manager.h"
+#include "movie/qt/qt_parser.h"
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
@@ -67,6 +69,8 @@ constexpr ClassEntry kClasses[] = {
     {"CVxMediaFileParserCEIL", &BuildCeil},
     {"CVxMediaFileParserVideo(No)Hal", &BuildVideoSequence},
     {"CVxFileCacheManager", &CacheManager},
+    {"CVxMediaFileParserQT", &Parser<CVxMediaFileParserQT>},
+    {"CVxQTManager", &Construct<CVxQTManager, IVxGeneric>},
     // clang-format on
 };
 
