@@ -1,13 +1,17 @@
 // CVxMediaFileParserQT and its streams over the channel test decoder.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "movie/qt/qt_parser.h"
 #include "qt_test_util.h"
 #include "vx/com_ptr.h"
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -387,6 +391,42 @@ TEST_F(QtParser, WritingNeedsStreamsAndFinishesOnlyWhatWasWritten) {
   const std::string log = ReadText(file.string() + ".log");
   EXPECT_EQ(log.find("finish"), std::string::npos) << log;
   EXPECT_NE(log.find("close"), std::string::npos) << log;
+}
+
+}  // namespace
+
+namespace {
+
+// vxhost loads the module, which starts its own manager through the host's generic objects
+// and finds the decoder through VX_QTDECODER.
+TEST(QtHost, InfoListsTheTracks) {
+#ifdef _WIN32
+  GTEST_SKIP() << "vxhost runs through a POSIX shell";
+#else
+  if (!std::filesystem::exists(qttest::TestDecoder())) GTEST_SKIP() << "no test decoder built";
+  vxtest::TempDir dir;
+  std::ofstream(dir / "clip.mov") << "video 64 48 25 10 tc=01:00:00:00 codec=ap4h alpha\n"
+                                     "audio 48000 6 24 4800 mask=63\n";
+  ::setenv("VX_QTDECODER", qttest::TestDecoder().string().c_str(), 1);
+  const vxtest::HostRun r = vxtest::RunHost(dir.path(), "info --json clip.mov");
+  ::unsetenv("VX_QTDECODER");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const auto j = nlohmann::json::parse(r.out);
+  const auto& tracks = j.is_array() ? j[0]["tracks"] : j["tracks"];
+  ASSERT_EQ(tracks.size(), 2u) << r.out;
+  EXPECT_EQ(tracks[0]["kind"], "video");
+  EXPECT_EQ(tracks[0]["codec"], "ap4h");
+  EXPECT_EQ(tracks[0]["size"], "64x48");
+  EXPECT_EQ(tracks[0]["frames"], 10);
+  EXPECT_EQ(tracks[0]["frame rate"], 25.0);
+  EXPECT_EQ(tracks[0]["alpha"], true);
+  EXPECT_EQ(tracks[0]["time code"], "01:00:00:00");
+  EXPECT_EQ(tracks[1]["kind"], "audio");
+  EXPECT_EQ(tracks[1]["sample rate"], 48000);
+  EXPECT_EQ(tracks[1]["channels"], 6);
+  EXPECT_EQ(tracks[1]["bits"], 24);
+  EXPECT_EQ(tracks[1]["samples"], 4800);
+#endif
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "base/guard.h"
@@ -45,6 +46,19 @@ constexpr CodecName kCodecs[] = {
     {"prores4444", kCodecProRes4444},     {"dnxhr", FourCC('A', 'V', 'd', 'h')},
     {"v210", FourCC('v', '2', '1', '0')}, {"rgb", FourCC('r', 'a', 'w', ' ')},
 };
+
+// The decoder program runs in its own folder: it gets names it can open from there.
+VxString AbsolutePath(const VxChar* name) {
+  std::error_code ec;
+#ifdef _WIN32
+  const std::filesystem::path full = std::filesystem::absolute(std::filesystem::path(name), ec);
+  return ec ? VxString(name) : VxString(full.wstring());
+#else
+  const std::filesystem::path full =
+      std::filesystem::absolute(std::filesystem::path(vx::ToUtf8(name)), ec);
+  return ec ? VxString(name) : vx::FromUtf8(full.string());
+#endif
+}
 
 }  // namespace
 
@@ -382,8 +396,9 @@ HRESULT STDMETHODCALLTYPE CVxMediaFileParserQT::Open(const VxChar* name, DWORD f
   return vx::Guarded([&]() -> HRESULT {
     const DWORD mode = flags & kOpenMask;
     // A host's plain open (no mode bits) reads.
-    if (mode == 0 || mode == 1) return OpenRead(name);
-    if (mode == VX_OPEN_WRITE) return OpenWrite(name);
+    const VxString path = AbsolutePath(name);
+    if (mode == 0 || mode == 1) return OpenRead(path.c_str());
+    if (mode == VX_OPEN_WRITE) return OpenWrite(path.c_str());
     return E_INVALIDARG;
   });
 }
