@@ -315,3 +315,50 @@ TEST_F(QtManager, FramesInEveryDeliveredFormat) {
 }
 
 }  // namespace
+
+namespace {
+
+// Frame answers from a broken or hostile decoder: refused unless every pixel they name lies in
+// the block (4096 bytes here).
+TEST(QtAnswers, FrameAnswersStayInsideTheBlock) {
+  struct Case {
+    std::uint32_t offset, width, height, rowBytes, code;
+    HRESULT want;
+  };
+  const std::uint32_t rgba = 32, b64a = 0x62363461;
+  const Case cases[] = {
+      {4096 - 16, 4, 1, 16, rgba, S_OK},          // ends exactly at the block's end
+      {4096 - 15, 4, 1, 16, rgba, E_FAIL},        // one byte past it
+      {64, 4, 2, 16, rgba, S_OK},                 // rows back to back
+      {64, 4, 2, 15, rgba, E_FAIL},               // rows shorter than their pixels
+      {64, 2, 0xFFFF, 0xFFFFFFFF, rgba, E_FAIL},  // huge rows
+      {0xFFFFFFF0, 1, 1, 4, rgba, E_FAIL},        // offset far outside
+      {64, 0, 4, 16, rgba, E_FAIL},               // empty frame
+      {64, 4, 4, 64, 0x32767579, E_FAIL},         // 2vuy: no host image for it
+      {64, 4, 4, 64, 0x41424344, E_FAIL},         // unknown code
+      {4096 - 32, 4, 1, 32, b64a, S_OK},
+      {4096 - 31, 4, 1, 32, b64a, E_FAIL},
+  };
+  for (const Case& c : cases) {
+    std::vector<unsigned char> block(4096, 0x80);
+    vx::qt::Put32(block.data(), 4, c.offset);
+    vx::qt::Put32(block.data(), 8, c.width);
+    vx::qt::Put32(block.data(), 12, c.height);
+    vx::qt::Put32(block.data(), 16, c.rowBytes);
+    vx::qt::Put32(block.data(), 20, c.code);
+    vx::qt::Put32(block.data(), 24, 1);
+    IVxImage* image = nullptr;
+    EXPECT_EQ(vx::qt::DeliverFrame(block.data(), block.size(), &image), c.want)
+        << c.offset << " " << c.width << "x" << c.height << " " << c.rowBytes;
+    if (c.want == S_OK) {
+      ASSERT_NE(image, nullptr);
+      EXPECT_EQ(image->GetWidth(), static_cast<int>(c.width));
+      EXPECT_EQ(image->GetPixelFormat(), c.code == rgba ? VX_PF_RGBA8 : VX_PF_RGBAF32);
+      image->Release();
+    } else {
+      EXPECT_EQ(image, nullptr);
+    }
+  }
+}
+
+}  // namespace

@@ -483,13 +483,14 @@ constexpr std::uint32_t kMaxSide = 65535;
 
 }  // namespace
 
-HRESULT CVxQTManager::DeliverFrame(IVxImage** image) {
-  const std::uint32_t offset = Get32(res_, frame::kAnsOffset);
-  const std::uint32_t w = Get32(res_, frame::kAnsWidth);
-  const std::uint32_t h = Get32(res_, frame::kAnsHeight);
-  const std::uint32_t rowBytes = Get32(res_, frame::kAnsRowBytes);
-  const std::uint32_t code = Get32(res_, frame::kAnsPixelFormat);
-  const HostPixelFormat hf = HostFormatOf(code, Get32(res_, frame::kAnsHint));
+HRESULT vx::qt::DeliverFrame(const unsigned char* result, std::uint64_t bytes, IVxImage** image) {
+  if (!result || !image || bytes < frame::kAnsFields + 4) return E_FAIL;
+  const std::uint32_t offset = Get32(result, frame::kAnsOffset);
+  const std::uint32_t w = Get32(result, frame::kAnsWidth);
+  const std::uint32_t h = Get32(result, frame::kAnsHeight);
+  const std::uint32_t rowBytes = Get32(result, frame::kAnsRowBytes);
+  const std::uint32_t code = Get32(result, frame::kAnsPixelFormat);
+  const HostPixelFormat hf = HostFormatOf(code, Get32(result, frame::kAnsHint));
   const std::uint32_t bpp = PixelBytes(code);
   // A hostile or broken decoder must not make us read outside the result block.
   if (hf.format == VX_PF_UNKNOWN || bpp == 0 || w == 0 || h == 0 || w > kMaxSide || h > kMaxSide)
@@ -498,8 +499,8 @@ HRESULT CVxQTManager::DeliverFrame(IVxImage** image) {
   const std::uint64_t end = static_cast<std::uint64_t>(offset) +
                             static_cast<std::uint64_t>(h - 1) * rowBytes +
                             static_cast<std::uint64_t>(w) * bpp;
-  if (end > kResultBytes) return E_FAIL;
-  const unsigned char* src = res_ + offset;
+  if (end > bytes) return E_FAIL;
+  const unsigned char* src = result + offset;
 
   IVxImage* dst = *image;
   if (!dst) {
@@ -700,7 +701,7 @@ HRESULT STDMETHODCALLTYPE CVxQTManager::ReadFrame(DWORD movie, DWORD track, DWOR
         .U32(frame::kPixelFormat, PreferredPixelFormat(*image, fallback != FALSE, mode));
     const HRESULT hr = Transact(WaitMode::kLimit);
     if (hr != S_OK) return hr;  // failures, and 2000: nothing was delivered
-    return DeliverFrame(image);
+    return vx::qt::DeliverFrame(res_, kResultBytes, image);
   });
 }
 
@@ -716,7 +717,7 @@ HRESULT STDMETHODCALLTYPE CVxQTManager::ReadScaledFrame(DWORD movie, DWORD track
         .U32(scaled::kMaxHeight, maxHeight);
     const HRESULT hr = Transact(WaitMode::kLimit);
     if (hr != S_OK) return hr;
-    return DeliverFrame(image);
+    return vx::qt::DeliverFrame(res_, kResultBytes, image);
   });
 }
 

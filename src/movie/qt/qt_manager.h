@@ -46,6 +46,11 @@ HostPixelFormat HostFormatOf(std::uint32_t code, std::uint32_t hint);
 // The format the host image asks the decoder for: 'b64a' for mode 4096 (alpha), else 32.
 std::uint32_t PreferredPixelFormat(IVxImage* image, bool fallback, DWORD mode);
 
+// The frame answer (commands 258, 259) of a result block of `bytes` into *image: filled at the
+// frame's size (allocated when empty), or a new image of the delivered format when null.
+// E_FAIL when the answer names pixels outside the block, an unknown format or an empty frame.
+HRESULT DeliverFrame(const unsigned char* result, std::uint64_t bytes, IVxImage** image);
+
 // Ensure-started: brings the process's manager up through the host's generic objects unless
 // it runs already. S_OK when it runs, E_FAIL otherwise.
 HRESULT EnsureStarted();
@@ -133,7 +138,6 @@ class CVxQTManager final : public IVxGeneric, public IVxQTParser, public IVxQTRe
   // Runs `body` under the lock with both views mapped (else E_INVALIDARG), guarded.
   template <class Body>
   HRESULT Run(Body&& body);
-  HRESULT DeliverFrame(IVxImage** image);
 
   std::int32_t refs_ = 0;
   vx::os::ProcessHandle process_ = nullptr;
