@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "movie/qt/qt_parser.h"
@@ -426,6 +427,97 @@ TEST(QtHost, InfoListsTheTracks) {
   EXPECT_EQ(tracks[1]["channels"], 6);
   EXPECT_EQ(tracks[1]["bits"], 24);
   EXPECT_EQ(tracks[1]["samples"], 4800);
+#endif
+}
+
+}  // namespace
+
+namespace {
+
+// Two threads, each with its own parser on its own movie, interleave requests on the one
+// manager and each gets its own frames.
+TEST_F(QtParser, TwoThreadsGetTheirOwnAnswers) {
+  const VxString paths[2] = {WriteMovie("a.mov", "video 32 16 25 40\n"),
+                             WriteMovie("b.mov", "video 16 32 30 40 alpha\n")};
+  int wrong[2] = {0, 0};
+  auto work = [&](int which) {
+    ComPtr<IVxMediaFileParser> p = ComPtr<IVxMediaFileParser>::Share(new CVxMediaFileParserQT);
+    if (p->Open(paths[which].c_str(), 0) != S_OK) {
+      wrong[which] = 1000;
+      return;
+    }
+    ComPtr<IVxImageStreamParser> s;
+    p->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, s.put_void());
+    for (int frame = 0; frame < 40; ++frame) {
+      ComPtr<IVxImage> image;
+      VxCreateImage(0, 0, VX_PF_RGBA8, image.put());
+      IVxImage* raw = image.get();
+      if (s->ReadImage(&raw, frame) != S_OK || image->GetWidth() != (which ? 16 : 32)) {
+        ++wrong[which];
+        continue;
+      }
+      for (int y = 0; y < image->GetHeight(); ++y)
+        for (int x = 0; x < image->GetWidth(); ++x) {
+          const BYTE* q = image->GetBuffer() + y * image->GetRowStride() + x * 4;
+          const Rgba w = Pattern(0, frame, x, y, which == 1);
+          wrong[which] += q[0] != w.r || q[1] != w.g || q[2] != w.b || q[3] != w.a;
+        }
+    }
+    p->Close();
+  };
+  std::thread other(work, 1);
+  work(0);
+  other.join();
+  EXPECT_EQ(wrong[0], 0);
+  EXPECT_EQ(wrong[1], 0);
+}
+
+// A decoder whose host dies ends by itself: its host here is a process we start and kill.
+TEST_F(QtParser, DecoderEndsWhenItsHostDies) {
+#ifdef _WIN32
+  GTEST_SKIP() << "uses /bin/sleep as a stand-in host";
+#else
+  vx::os::ProcessHandle host = vx::os::LaunchProcess(VXT("/bin"), VXT("sleep"), VXT("30"));
+  ASSERT_NE(host, nullptr);
+  const std::uint32_t hostPid = vx::os::ProcessIdOf(host);
+  // The channel's objects, named for that host.
+  const std::string id = std::to_string(hostPid);
+  const VxString names[5] = {vx::FromUtf8("QT_InstructionMapName_" + id),
+                             vx::FromUtf8("QT_ResultMapName_" + id),
+                             vx::FromUtf8("QTDecoderStartDecodeEventName_" + id),
+                             vx::FromUtf8("QTDecoderEndDecodeEventName_" + id),
+                             vx::FromUtf8("QTDecoderTerminateEventName_" + id)};
+  vx::os::SharedMemory ins{}, res{};
+  ASSERT_TRUE(vx::os::CreateSharedMemory(names[0].c_str(), 4096, &ins));
+  ASSERT_TRUE(vx::os::CreateSharedMemory(names[1].c_str(), vx::qt::kResultBytes, &res));
+  vx::os::EventHandle events[3];
+  for (int i = 0; i < 3; ++i) events[i] = vx::os::CreateEvent(names[2 + i].c_str(), false);
+  VxString line;
+  for (const VxString& n : names) line += n + VXT(" ");
+  line += vx::FromUtf8(id);
+  const VxString program = Wide(TestDecoder());
+  const VxString folder = program.substr(0, program.find_last_of(VXT("/")));
+  vx::os::ProcessHandle decoder =
+      vx::os::LaunchProcess(folder.c_str(), VXT("QTDecoder"), line.c_str());
+  ASSERT_NE(decoder, nullptr);
+  // It serves while its host lives ...
+  vx::qt::Put32(ins.view, 0, 7);
+  vx::qt::Put32(ins.view, 8, 99);  // no such movie
+  vx::qt::Put32(ins.view, 12, 0);
+  vx::os::SetEvent(events[0]);
+  EXPECT_EQ(vx::os::WaitEvent(events[1], 5000), vx::os::Wait::Signaled);
+  EXPECT_EQ(vx::qt::Get32(res.view, 0), 0x80070057u);
+  EXPECT_EQ(vx::os::WaitProcess(decoder, 300), vx::os::Wait::Timeout);
+  // ... and goes with it.
+  vx::os::TerminateProcess(host, 9);
+  EXPECT_EQ(vx::os::WaitProcess(host, 5000), vx::os::Wait::Signaled);
+  EXPECT_EQ(vx::os::WaitProcess(decoder, 5000), vx::os::Wait::Signaled);
+  vx::os::TerminateProcess(decoder, 9);
+  vx::os::CloseProcess(decoder);
+  vx::os::CloseProcess(host);
+  for (auto e : events) vx::os::CloseEvent(e);
+  vx::os::CloseSharedMemory(&ins);
+  vx::os::CloseSharedMemory(&res);
 #endif
 }
 
