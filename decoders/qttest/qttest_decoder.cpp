@@ -10,6 +10,7 @@
 //   hang=CMD            never answer command CMD
 //   refuse=FOURCC|N     answer 2000 when frames are asked for in that pixel format (repeatable)
 //   delay4=MS           answer command 4 only after MS milliseconds
+//   still               every frame is frame 0, made once and copied (channel timing)
 // Frames are a pattern computed from track, frame and position; sound is a ramp. Movies being
 // written are logged to "<path>.log" (one line per request) and, when closed, described at
 // <path> in the same text form, so they can be opened again.
@@ -57,6 +58,7 @@ struct Movie {
   std::string format = "qttest synthetic movie";
   std::uint32_t crash = kNone, hang = kNone, delay4 = 0;
   std::vector<std::uint32_t> refuse;
+  bool still = false;
 };
 
 std::map<std::uint32_t, Movie> g_movies;
@@ -119,6 +121,8 @@ bool ReadDescription(const std::string& path, Movie* m) {
         if (words[i].rfind("mask=", 0) == 0) t.mask = CodeFromText(words[i].substr(5));
       m->audio.push_back(t);
       any = true;
+    } else if (k == "still") {
+      m->still = true;
     } else if (k.rfind("format=", 0) == 0) {
       m->format = value("format=");
     } else if (k.rfind("crash=", 0) == 0) {
@@ -224,8 +228,19 @@ std::int32_t ServeFrame(const Movie& m, std::uint32_t track, std::uint32_t frame
   if (bpp == 0 || code == kPix2vuy) return kStatusFormatRefused;
   const std::uint32_t offset = 64;
   const std::uint32_t rowBytes = outW * bpp + 16;  // padded rows: the reader must step by them
-  if (static_cast<std::uint64_t>(rowBytes) * outH + offset > kResultBytes) return kInvalid;
-  for (std::uint32_t y = 0; y < outH; ++y) {
+  const std::size_t bytes = static_cast<std::size_t>(rowBytes) * outH;
+  if (bytes + offset > kResultBytes) return kInvalid;
+  // A still movie's picture is made once; serving it is one copy, as a decoder writing its
+  // output into the block would do.
+  static std::vector<unsigned char> cache;
+  static std::uint32_t cacheKey[4] = {};
+  const std::uint32_t key[4] = {track, code, outW, outH};
+  const bool cached = m.still && !cache.empty() && std::memcmp(key, cacheKey, sizeof key) == 0;
+  if (cached) {
+    std::memcpy(res + offset, cache.data(), bytes);
+  }
+  if (m.still) frame = 0;
+  for (std::uint32_t y = 0; y < outH && !cached; ++y) {
     unsigned char* row = res + offset + static_cast<std::size_t>(y) * rowBytes;
     for (std::uint32_t x = 0; x < outW; ++x) {
       unsigned char p[4];
@@ -253,6 +268,10 @@ std::int32_t ServeFrame(const Movie& m, std::uint32_t track, std::uint32_t frame
           break;
       }
     }
+  }
+  if (m.still && !cached) {
+    cache.assign(res + offset, res + offset + bytes);
+    std::memcpy(cacheKey, key, sizeof key);
   }
   Put32(res, frame::kAnsOffset, offset);
   Put32(res, frame::kAnsWidth, outW);
