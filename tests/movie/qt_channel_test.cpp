@@ -362,3 +362,34 @@ TEST(QtAnswers, FrameAnswersStayInsideTheBlock) {
 }
 
 }  // namespace
+
+namespace {
+
+// A decoder that cannot be started: Start says so, requests are refused with the message, and
+// once the program is there the next request starts it.
+TEST(QtManagerStart, LaunchFailureThenRecovery) {
+  if (!std::filesystem::exists(TestDecoder())) GTEST_SKIP() << "no test decoder built";
+  vxtest::TempDir dir;
+  int boxes = 0;
+  VxSetMessageBoxHandler([](const VxChar*, const VxChar*, void* n) { ++*static_cast<int*>(n); },
+                         &boxes);
+  vx::qt::SetDecoderProgramForTesting(Wide(dir / "QTDecoder"));
+  auto* m = new CVxQTManager;
+  m->AddRef();
+  EXPECT_TRUE(FAILED(m->Start()));
+  const VxString path = Wide(dir / "m.mov");
+  std::ofstream(dir / "m.mov") << "video 4 4 25 1\n";
+  DWORD movie = 0, v = 0, a = 0;
+  EXPECT_EQ(m->Open(path.c_str(), &movie, &v, &a), E_ACCESSDENIED);
+  EXPECT_EQ(boxes, 1);
+  UseTestDecoder();
+  EXPECT_EQ(m->Open(path.c_str(), &movie, &v, &a), S_OK);
+  const std::uint32_t pid = m->DecoderProcessId();
+  EXPECT_EQ(m->Stop(), S_OK);
+  m->Release();
+  EXPECT_TRUE(WaitGone(pid));
+  VxSetMessageBoxHandler(nullptr, nullptr);
+  vx::qt::SetDecoderProgramForTesting({});
+}
+
+}  // namespace

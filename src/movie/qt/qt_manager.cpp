@@ -308,7 +308,10 @@ HRESULT STDMETHODCALLTYPE CVxQTManager::Start() {
     terminate_ = os::CreateEvent(names_[4].c_str(), false);
     if (!start_ || !end_ || !terminate_) return E_HANDLE;
     if (FAILED(mapping)) return mapping;
-    return LaunchDecoder();
+    const HRESULT hr = LaunchDecoder();
+    // The failure goes to the host; a request that comes anyway tries the launch again.
+    restartNeeded_ = FAILED(hr);
+    return hr;
   });
 }
 
