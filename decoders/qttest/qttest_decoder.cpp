@@ -148,7 +148,6 @@ void Log(const Movie& m, const std::string& line) {
   }
 }
 
-std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Printf(const char* format, ...) {
   char buf[1024];
   va_list args;
@@ -333,8 +332,9 @@ std::int32_t Serve(unsigned char* ins, unsigned char* res) {
     }
     const VxString wide = vx::FromUtf8(m.path + ".log");
     os::Remove(wide.c_str());
-    Log(m, cmd == kCreate ? Printf("create video=%zu audio=%zu rate=%.17g count=%u", m.video.size(),
-                                   m.audio.size(), m.rate, count)
+    Log(m, cmd == kCreate ? Printf("create video=%u audio=%u rate=%.17g count=%u",
+                                   static_cast<unsigned>(m.video.size()),
+                                   static_cast<unsigned>(m.audio.size()), m.rate, count)
                           : Printf("refcreate rate=%.17g size=%ux%u count=%u", m.rate,
                                    u32(refcreate::kWidth), u32(refcreate::kHeight), count));
     const std::uint32_t h = g_nextHandle++;
