@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
     const os::Wait w = os::WaitEvent(c.start, 250);
     if (w == os::Wait::Signaled) {
       server.Serve();
-    } else if (w == os::Wait::Failed || !os::ProcessAlive(host)) {
+    } else if (w == os::Wait::Failed || !os::ProcessIsRunning(host)) {
       break;
     }
   }

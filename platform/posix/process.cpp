@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -191,10 +192,22 @@ void CloseProcess(ProcessHandle p) {
   ReapOrphans();
 }
 
-bool ProcessAlive(std::uint32_t pid) {
+bool ProcessIsRunning(std::uint32_t pid) {
   if (pid == 0) return false;
-  // A process of another user answers EPERM and still runs.
-  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+  if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM) return false;
+  // An ended process whose parent has not collected it yet still answers kill; Linux names
+  // its state in /proc.
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/%u/stat", pid);
+  std::FILE* f = std::fopen(path, "r");
+  if (!f) return true;
+  char buf[256] = {};
+  const std::size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+  std::fclose(f);
+  const char* close = nullptr;
+  for (std::size_t i = 0; i < n; ++i)
+    if (buf[i] == ')') close = buf + i;
+  return !(close && close + 2 < buf + n && (close[2] == 'Z' || close[2] == 'X'));
 }
 
 }  // namespace vx::os

@@ -193,7 +193,7 @@ void SleepMs(std::uint32_t ms) {
   ::Sleep(ms);
 }
 
-bool ProcessAlive(std::uint32_t pid) {
+bool ProcessIsRunning(std::uint32_t pid) {
   HANDLE h = ::OpenProcess(SYNCHRONIZE, FALSE, pid);
   if (!h) return ::GetLastError() == ERROR_ACCESS_DENIED;
   const bool running = ::WaitForSingleObject(h, 0) == WAIT_TIMEOUT;

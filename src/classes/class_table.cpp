@@ -13,6 +13,8 @@
 #include "imagelib/ceil/ceil_parser.h"
 #include "red/r3d/r3d_parser.h"
 #include "red/r3d/red_process_helper.h"
+#include "movie/qt/qt_manager.h"
+#include "movie/qt/qt_parser.h"
 #include "still/chyron/chyron_parser.h"
 #include "still/dpx/dpx_parser.h"
 #include "still/hdr/hdr_parser.h"
@@ -71,6 +73,8 @@ constexpr ClassEntry kClasses[] = {
     {"CVxFileCacheManager", &CacheManager},
     {"CVxRedProcessHelper", &Construct<red::CVxRedProcessHelper, IVxGeneric>},
     {"CVxMediaFileParserR3D", &Parser<red::CVxMediaFileParserR3D>},
+    {"CVxMediaFileParserQT", &Parser<CVxMediaFileParserQT>},
+    {"CVxQTManager", &Construct<CVxQTManager, IVxGeneric>},
     // clang-format on
 };
 

@@ -121,8 +121,9 @@ void CloseProcess(ProcessHandle p);  // forgets the handle; the process runs on
 // First of: the event set (Signaled) or the process gone (ProcessExited).
 Wait WaitEventOrProcess(EventHandle e, ProcessHandle p, std::uint32_t timeoutMs);
 std::uint32_t CurrentProcessId();
-// Whether a process of that id runs (for a child to notice that its parent is gone).
-bool ProcessAlive(std::uint32_t pid);
+// Whether a process with id `pid` still runs (decoder programs watch their host with it).
+bool ProcessIsRunning(std::uint32_t pid);
+>>>>>>> wip-qtchan
 VxString ExecutablePath();
 void SleepMs(std::uint32_t ms);
 
