@@ -1,0 +1,163 @@
+// Movies through FFmpeg's libraries: tracks, frames by index into host pixel layouts, PCM by
+// sample range, and MOV writing. Nothing of FFmpeg appears here, so the decoder program and the
+// in-process parsers include a plain header. One reader or writer object per thread; they keep
+// no global state of their own.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vx::ffmedia {
+
+enum class Status {
+  kOk,
+  kFail,         // malformed or unreadable file, decoder error
+  kOutOfMemory,  // an allocation failed
+  kInvalidArg,   // index out of range, bad buffer, bad settings
+  kUnsupported,  // the frame cannot be delivered in the asked pixel layout
+};
+
+struct Rational {
+  std::int64_t num = 0;
+  std::int64_t den = 1;
+  double Value() const { return den ? static_cast<double>(num) / static_cast<double>(den) : 0.0; }
+  bool operator==(const Rational&) const = default;
+};
+
+enum class FieldOrder { kUnknown, kProgressive, kTopFirst, kBottomFirst };
+
+// The layouts frames are delivered in and handed over in. Multi-byte samples are host order
+// unless the name says otherwise.
+enum class PixelLayout {
+  kRGB24,     // R G B
+  kBGR24,     // B G R ("24BG")
+  kRGBA8,     // R G B A
+  kBGRA8,     // B G R A
+  kUYVY8,     // Cb Y0 Cr Y1 ("2vuy")
+  kV210,      // 10-bit 4:2:2, 6 pixels in 16 bytes, rows of 48-pixel groups
+  kRGBA16BE,  // 16-bit R G B A, big-endian ("b64a")
+  kRGB16,     // 16-bit R G B
+  kRGBA16,    // 16-bit R G B A
+  kRGBF32,    // float R G B, 0..1
+  kRGBAF32,   // float R G B A, 0..1
+};
+
+// Bytes of one row of `width` pixels without padding; v210 rows are rounded to 128 bytes.
+std::size_t MinRowBytes(PixelLayout layout, int width);
+
+enum class SampleLayout { kS16, kS24, kS32, kF32 };  // interleaved, little-endian; kS24 packed
+int SampleBytes(SampleLayout layout);
+
+struct VideoTrack {
+  int stream = -1;           // stream index in the file
+  std::string codec;         // FFmpeg's codec name ("h264", "prores", ...)
+  std::uint32_t fourcc = 0;  // the file's codec tag, first letter in the low byte; 0 if none
+  int width = 0;
+  int height = 0;
+  Rational rate;            // frames per second
+  std::int64_t frames = 0;  // presentation frames
+  Rational pixelAspect{1, 1};
+  FieldOrder fieldOrder = FieldOrder::kUnknown;
+  bool alpha = false;
+  int bitDepth = 8;
+  std::string nativeFormat;  // the decoder's own pixel format name
+};
+
+struct AudioTrack {
+  int stream = -1;
+  std::string codec;
+  int sampleRate = 0;
+  int channels = 0;
+  int bits = 0;  // bits per sample of the coded data, or of the decoder's output when compressed
+  bool floating = false;
+  std::uint64_t channelMask = 0;  // speaker bits as in WAVE_FORMAT_EXTENSIBLE; 0 if unknown
+  std::string channelLayout;      // "stereo", "5.1", ...
+  std::int64_t samples = 0;       // sample frames the decoder delivers
+};
+
+struct MediaInfo {
+  std::string container;  // libavformat's format name
+  double duration = 0;    // seconds
+  std::vector<VideoTrack> video;
+  std::vector<AudioTrack> audio;
+  std::string timecode;  // start time code "HH:MM:SS:FF" (";" before FF when drop-frame), or ""
+  std::vector<std::pair<std::string, std::string>> metadata;  // container items in file order
+};
+
+class MediaReader {
+ public:
+  MediaReader();
+  ~MediaReader();
+  MediaReader(const MediaReader&) = delete;
+  MediaReader& operator=(const MediaReader&) = delete;
+
+  // Opens, lists the tracks and builds the packet index of every track (one pass of demuxing;
+  // compressed sound is decoded once to count its samples exactly).
+  Status Open(const std::string& path);
+  // The same over bytes the caller keeps alive until Close.
+  Status OpenMemory(const std::uint8_t* data, std::size_t size);
+  void Close();
+  bool IsOpen() const;
+  const MediaInfo& Info() const;
+
+  // Frame `index` (presentation order) of video track `track` into `dst`, rows `stride` bytes
+  // apart. kUnsupported when the layout cannot be delivered for this track.
+  Status ReadFrame(int track, std::int64_t index, PixelLayout layout, std::uint8_t* dst,
+                   std::ptrdiff_t stride);
+  // Sample frames [start, start + count) of audio track `track`, interleaved; past the end the
+  // buffer is filled with silence and `*got` (when given) says how many were real.
+  Status ReadAudio(int track, std::int64_t start, std::int64_t count, SampleLayout layout,
+                   void* dst, std::int64_t* got = nullptr);
+
+  // How often a read had to seek (tests check that sequential reads do not).
+  std::int64_t SeekCount() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+enum class VideoCodec { kProRes422HQ, kProRes4444, kDNxHRHQ, kDNxHRHQX, kV210, kRGB24, kRGBA8 };
+
+struct VideoSettings {
+  VideoCodec codec = VideoCodec::kProRes422HQ;
+  int width = 0;
+  int height = 0;
+  Rational rate{25, 1};
+  FieldOrder fieldOrder = FieldOrder::kProgressive;
+};
+
+struct AudioSettings {
+  int sampleRate = 48000;
+  int channels = 2;
+  int bits = 24;  // 16 or 24
+};
+
+// Writes a MOV under a temporary name and renames it on Finish; a writer destroyed without
+// Finish leaves no file.
+class MovWriter {
+ public:
+  MovWriter();
+  ~MovWriter();
+  MovWriter(const MovWriter&) = delete;
+  MovWriter& operator=(const MovWriter&) = delete;
+
+  // `video` may be null for a sound-only movie; `timecode` "HH:MM:SS:FF" (or "" for none).
+  Status Open(const std::string& path, const VideoSettings* video,
+              const std::vector<AudioSettings>& audio, const std::string& timecode = "",
+              const std::vector<std::pair<std::string, std::string>>& metadata = {});
+  Status WriteFrame(const std::uint8_t* src, std::ptrdiff_t stride, PixelLayout layout);
+  Status WriteAudio(int track, const void* src, std::int64_t count, SampleLayout layout);
+  Status Finish();
+  std::int64_t FramesWritten() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vx::ffmedia

@@ -1,0 +1,493 @@
+// The FFmpeg media library against FFmpeg's own command-line decode of the same files: track
+// lists, frames at random indices in several pixel layouts, sound ranges across seeks, MOV
+// files we write read back by ffprobe/ffmpeg, and damaged input.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "movie/ffmpeg/ffmedia.h"
+#include "test_util.h"
+
+namespace fm = vx::ffmedia;
+namespace fs = std::filesystem;
+
+namespace {
+
+bool Shell(const std::string& cmd) {
+  return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+std::string Capture(const std::string& cmd) {
+  std::string out;
+  if (std::FILE* p = popen(cmd.c_str(), "r")) {
+    char buf[4096];
+    std::size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    pclose(p);
+  }
+  return out;
+}
+
+bool HaveFfmpeg() {
+  static const bool have = Shell("ffmpeg -version") && Shell("ffprobe -version");
+  return have;
+}
+
+std::vector<std::uint8_t> Slurp(const fs::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  return {std::istreambuf_iterator<char>(f), {}};
+}
+
+// Largest difference between two buffers read as samples of `bytes` (1 or 2) bytes: unsigned
+// pixels (16-bit big-endian when `be`) or, for sound, signed 16-bit little-endian.
+int MaxDiff(const std::uint8_t* a, const std::uint8_t* b, std::size_t n, int bytes, bool be,
+            bool sound = false) {
+  int worst = 0;
+  for (std::size_t i = 0; i + bytes <= n; i += bytes) {
+    int x = a[i], y = b[i];
+    if (bytes == 2) {
+      x = be ? a[i] << 8 | a[i + 1] : a[i + 1] << 8 | a[i];
+      y = be ? b[i] << 8 | b[i + 1] : b[i + 1] << 8 | b[i];
+      if (sound) {
+        x = static_cast<std::int16_t>(x);
+        y = static_cast<std::int16_t>(y);
+      }
+    }
+    worst = std::max(worst, std::abs(x - y));
+  }
+  return worst;
+}
+
+// v210 rows as the 10-bit samples of the real pixels (Y, then Cb and Cr), so padding after the
+// last pixel, which encoders fill as they like, is not compared.
+std::vector<std::uint8_t> V210Samples(const std::uint8_t* p, int width, int height) {
+  std::vector<std::uint8_t> out;
+  const std::size_t row = (static_cast<std::size_t>(width) + 47) / 48 * 128;
+  for (int y = 0; y < height; ++y) {
+    std::vector<int> s;  // Cb Y Cr Y Cb Y Cr Y ... in stream order
+    for (std::size_t w = 0; w < row / 4; ++w) {
+      const std::uint8_t* q = p + y * row + 4 * w;
+      const std::uint32_t v =
+          q[0] | q[1] << 8 | q[2] << 16 | static_cast<std::uint32_t>(q[3]) << 24;
+      for (int k = 0; k < 3; ++k) s.push_back(static_cast<int>(v >> (10 * k) & 1023));
+    }
+    const std::size_t used = 2 * static_cast<std::size_t>(width + (width & 1));
+    for (std::size_t i = 0; i < used; ++i) {
+      out.push_back(static_cast<std::uint8_t>(s[i] >> 2));
+      out.push_back(static_cast<std::uint8_t>(s[i] & 3));
+    }
+  }
+  return out;
+}
+
+struct Layout {
+  fm::PixelLayout layout;
+  const char* ffmpegArgs;  // how ffmpeg's command line makes the same bytes
+  int sampleBytes;         // compared as 8- or 16-bit samples
+  bool bigEndian;
+};
+const Layout kRGB24{fm::PixelLayout::kRGB24, "-pix_fmt rgb24", 1, false};
+const Layout kUYVY{fm::PixelLayout::kUYVY8, "-pix_fmt uyvy422", 1, false};
+const Layout kBGRA{fm::PixelLayout::kBGRA8, "-pix_fmt bgra", 1, false};
+const Layout kB64A{fm::PixelLayout::kRGBA16BE, "-pix_fmt rgba64be", 2, true};
+const Layout kV210{fm::PixelLayout::kV210, "-c:v v210", 1, false};
+
+struct MediaCase {
+  const char* name;
+  const char* file;
+  const char* make;  // ffmpeg arguments after the inputs
+  int width, height;
+  int rateNum, rateDen;  // also the generator's rate
+  int frames;            // 0: sound only
+  const char* codec;
+  const char* timecode;
+  bool exact;  // intra codec: frames equal ffmpeg's to the bit
+  Layout extra;
+  int channels;  // 0: no sound
+  int sampleRate;
+  const char* audioCodec;
+  bool alpha = false;
+};
+
+const MediaCase kCases[] = {
+    {"h264_mp4", "a.mp4", "-c:v libx264 -g 12 -bf 2 -pix_fmt yuv420p -c:a aac -aac_pns 0", 320, 180,
+     24000, 1001, 40, "h264", "", false, kUYVY, 2, 48000, "aac"},
+    {"h264_ts", "a.ts", "-c:v libx264 -g 10 -bf 3 -pix_fmt yuv420p -c:a mp2", 256, 144, 30000, 1001,
+     36, "h264", "", false, kRGB24, 2, 48000, "mp2"},
+    {"mpeg2_ps", "a.mpg", "-c:v mpeg2video -g 12 -bf 2 -c:a mp2", 352, 288, 25, 1, 30, "mpeg2video",
+     "", false, kUYVY, 2, 48000, "mp2"},
+    {"mpeg2_es", "a.m2v", "-c:v mpeg2video -g 15 -bf 2", 320, 240, 60000, 1001, 36, "mpeg2video",
+     "", false, kRGB24, 0, 0, ""},
+    {"prores_hq_mov", "a.mov", "-c:v prores_ks -profile:v hq -timecode 01:00:00:00 -c:a pcm_s24le",
+     322, 180, 25, 1, 12, "prores", "01:00:00:00", true, kV210, 6, 48000, "pcm_s24le"},
+    {"prores_4444_alpha", "b.mov", "-c:v prores_ks -profile:v 4444 -pix_fmt yuva444p10le", 240, 136,
+     24, 1, 8, "prores", "", true, kB64A, 0, 0, "", true},
+    {"dnxhr_hqx_mov", "c.mov",
+     "-c:v dnxhd -profile:v dnxhr_hqx -pix_fmt yuv422p10le -timecode '00:59:59;28' -c:a pcm_s16le",
+     400, 226, 30000, 1001, 16, "dnxhd", "00:59:59;28", true, kV210, 1, 48000, "pcm_s16le"},
+    {"v210_mov", "d.mov", "-c:v v210 -c:a pcm_s16le", 326, 98, 50, 1, 24, "v210", "", true, kV210,
+     8, 48000, "pcm_s16le"},
+    {"mjpeg_avi", "a.avi", "-c:v mjpeg -pix_fmt yuvj444p -q:v 3 -c:a pcm_s16le", 199, 101, 25, 1,
+     16, "mjpeg", "", true, kBGRA, 1, 44100, "pcm_s16le"},
+    {"dv_avi", "b.avi", "-c:v dvvideo -pix_fmt yuv420p -c:a pcm_s16le", 720, 576, 25, 1, 12,
+     "dvvideo", "", true, kUYVY, 2, 48000, "pcm_s16le"},
+    {"raw_avi", "c.avi", "-c:v rawvideo -pix_fmt bgr24", 97, 33, 25, 1, 6, "rawvideo", "", true,
+     kRGB24, 0, 0, ""},
+    {"dnxhd_mxf", "a.mxf",
+     "-c:v dnxhd -b:v 36M -pix_fmt yuv422p -timecode 10:00:00:00 -c:a "
+     "pcm_s24le",
+     1920, 1080, 25, 1, 12, "dnxhd", "10:00:00:00", true, kUYVY, 1, 48000, "pcm_s24le"},
+    {"mp3", "a.mp3", "-c:a libmp3lame -b:a 128k", 0, 0, 0, 0, 0, "", "", false, kRGB24, 2, 44100,
+     "mp3"},
+    {"aac_m4a", "a.m4a", "-c:a aac -aac_pns 0", 0, 0, 0, 0, 0, "", "", false, kRGB24, 1, 48000,
+     "aac"},
+};
+
+// AAC is made without perceptual noise substitution: its noise comes from a generator in the
+// decoder whose state no seek can restore, so after a seek only noise-free sound is bit-exact.
+
+// Frames in the order a caller jumping around would ask for them: backwards, far, near, then a
+// sequential run.
+std::vector<int> FrameOrder(int frames, std::mt19937& rng) {
+  std::vector<int> order = {frames - 1, 0, frames / 2, frames / 2 - 1};
+  for (int i = 0; i < 3; ++i)
+    order.push_back(std::uniform_int_distribution<int>(0, frames - 1)(rng));
+  for (int k = 1; k <= 3 && k < frames; ++k) order.push_back(k);
+  return order;
+}
+
+class FfmediaTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+#ifdef _WIN32
+    GTEST_SKIP() << "FFmpeg is Linux-only here";
+#endif
+    if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+  }
+  vxtest::TempDir dir_;
+};
+
+TEST_F(FfmediaTest, ReadsLikeFfmpeg) {
+  std::mt19937 rng(7);
+  for (const MediaCase& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const fs::path file = dir_ / c.file;
+    std::string inputs;
+    const double seconds = c.frames ? static_cast<double>(c.frames) * c.rateDen / c.rateNum : 2.3;
+    if (c.frames) {
+      // testsrc2 rounds sizes down to even; testsrc keeps odd ones.
+      inputs += std::string(" -f lavfi -i ") + (c.width % 2 ? "testsrc" : "testsrc2") +
+                "=size=" + std::to_string(c.width) + "x" + std::to_string(c.height) +
+                ":rate=" + std::to_string(c.rateNum) + "/" + std::to_string(c.rateDen) +
+                (c.alpha ? ":alpha=160" : "");
+    }
+    if (c.channels) {
+      inputs += " -f lavfi -i sine=frequency=440:beep_factor=3:sample_rate=" +
+                std::to_string(c.sampleRate) + ":duration=" + std::to_string(seconds + 0.2) +
+                " -ac " + std::to_string(c.channels);
+    }
+    // A duration rather than -frames:v, which cuts the MXF muxer's sound and pictures short.
+    const std::string limit = " -t " + std::to_string(seconds - 0.0001);
+    ASSERT_TRUE(
+        Shell("ffmpeg -v error -y" + inputs + " " + c.make + limit + " " + vxtest::Quote(file)));
+
+    fm::MediaReader r;
+    ASSERT_EQ(r.Open(file.string()), fm::Status::kOk);
+    const fm::MediaInfo& info = r.Info();
+    EXPECT_EQ(info.timecode, c.timecode);
+    ASSERT_EQ(info.video.size(), c.frames ? 1u : 0u);
+    ASSERT_EQ(info.audio.size(), c.channels ? 1u : 0u);
+
+    if (c.frames) {
+      const fm::VideoTrack& v = info.video[0];
+      EXPECT_EQ(v.codec, c.codec);
+      EXPECT_EQ(v.width, c.width);
+      EXPECT_EQ(v.height, c.height);
+      EXPECT_DOUBLE_EQ(v.rate.Value(), static_cast<double>(c.rateNum) / c.rateDen);
+      EXPECT_EQ(v.frames, c.frames);
+      EXPECT_EQ(v.alpha, c.alpha);
+      for (const Layout& l : {kRGB24, c.extra}) {
+        const fs::path all = dir_ / "all.raw";
+        ASSERT_TRUE(Shell("ffmpeg -v error -y -i " + vxtest::Quote(file) +
+                          " -map 0:v:0 -fps_mode passthrough " + l.ffmpegArgs + " -f rawvideo " +
+                          vxtest::Quote(all)));
+        const std::vector<std::uint8_t> theirs = Slurp(all);
+        const std::size_t row = fm::MinRowBytes(l.layout, c.width);
+        const std::size_t size = row * c.height;
+        ASSERT_EQ(theirs.size(), size * c.frames) << "ffmpeg decodes another frame count";
+        std::vector<std::uint8_t> ours(size);
+        const std::vector<int> order = FrameOrder(c.frames, rng);
+        std::int64_t seeksBeforeRun = 0;
+        for (std::size_t i = 0; i < order.size(); ++i) {
+          const int k = order[i];
+          if (i + 2 == order.size()) seeksBeforeRun = r.SeekCount();
+          ASSERT_EQ(r.ReadFrame(0, k, l.layout, ours.data(), static_cast<std::ptrdiff_t>(row)),
+                    fm::Status::kOk)
+              << "frame " << k;
+          int diff = 0;
+          if (l.layout == fm::PixelLayout::kV210) {
+            const auto a = V210Samples(ours.data(), c.width, c.height);
+            const auto b = V210Samples(theirs.data() + size * k, c.width, c.height);
+            diff = a == b ? 0 : 1024;
+          } else {
+            diff = MaxDiff(ours.data(), theirs.data() + size * k, size, l.sampleBytes, l.bigEndian);
+          }
+          EXPECT_LE(diff, c.exact ? 0 : 1) << "frame " << k << " layout " << l.ffmpegArgs;
+        }
+        // The last reads were frames 1, 2, 3 in order: 2 and 3 follow without a seek.
+        EXPECT_EQ(r.SeekCount(), seeksBeforeRun) << "sequential reads seek";
+      }
+      std::vector<std::uint8_t> small(16);
+      EXPECT_EQ(r.ReadFrame(0, c.frames, fm::PixelLayout::kRGB24, small.data(), 3 * c.width),
+                fm::Status::kInvalidArg);
+      EXPECT_EQ(r.ReadFrame(0, 0, fm::PixelLayout::kRGB24, small.data(), 3 * c.width - 1),
+                fm::Status::kInvalidArg);
+    }
+
+    if (c.channels) {
+      const fm::AudioTrack& a = info.audio[0];
+      EXPECT_EQ(a.codec, c.audioCodec);
+      EXPECT_EQ(a.channels, c.channels);
+      EXPECT_EQ(a.sampleRate, c.sampleRate);
+      const fs::path pcm = dir_ / "all.pcm";
+      ASSERT_TRUE(Shell("ffmpeg -v error -y -i " + vxtest::Quote(file) +
+                        " -map 0:a:0 -f s16le -c:a pcm_s16le " + vxtest::Quote(pcm)));
+      const std::vector<std::uint8_t> theirs = Slurp(pcm);
+      const std::size_t frameBytes = 2 * static_cast<std::size_t>(c.channels);
+      const std::int64_t total = static_cast<std::int64_t>(theirs.size() / frameBytes);
+      EXPECT_EQ(a.samples, total);
+      ASSERT_GT(total, 10000);
+      // Backwards, forwards, adjacent and one-sample ranges.
+      const std::int64_t ranges[][2] = {{total - 3000, 3000}, {0, 1000},         {total / 2, 4096},
+                                        {1000, 1500},         {2500, 777},       {3277, 2000},
+                                        {total / 3, 1},       {total - 700, 700}};
+      for (const auto& [start, count] : ranges) {
+        std::vector<std::uint8_t> ours(static_cast<std::size_t>(count) * frameBytes);
+        std::int64_t got = 0;
+        ASSERT_EQ(r.ReadAudio(0, start, count, fm::SampleLayout::kS16, ours.data(), &got),
+                  fm::Status::kOk)
+            << start;
+        EXPECT_EQ(got, count);
+        EXPECT_LE(
+            MaxDiff(ours.data(), theirs.data() + start * frameBytes, ours.size(), 2, false, true),
+            1)
+            << "samples from " << start;
+      }
+      // Past the end: silence after the real samples.
+      std::vector<std::uint8_t> tail(200 * frameBytes, 0xAA);
+      std::int64_t got = -1;
+      EXPECT_EQ(r.ReadAudio(0, total - 100, 200, fm::SampleLayout::kS16, tail.data(), &got),
+                fm::Status::kOk);
+      EXPECT_EQ(got, 100);
+      EXPECT_TRUE(std::all_of(tail.begin() + 100 * frameBytes, tail.end(),
+                              [](std::uint8_t b) { return b == 0; }));
+    }
+  }
+}
+
+// MOV files we write, read by FFmpeg's tools: codec, profile, time code, frames and sound.
+TEST_F(FfmediaTest, WrittenMovReadsBackInFfmpeg) {
+  struct WriteCase {
+    fm::VideoCodec codec;
+    const char* probeCodec;
+    const char* profile;  // ffprobe's name, or "" when it has none
+    fm::PixelLayout input;
+    int tolerance;  // largest RGB code difference ffmpeg's decode may show
+  };
+  const WriteCase cases[] = {
+      {fm::VideoCodec::kProRes422HQ, "prores", "HQ", fm::PixelLayout::kRGB24, 12},
+      {fm::VideoCodec::kProRes4444, "prores", "4444", fm::PixelLayout::kRGBA8, 12},
+      {fm::VideoCodec::kDNxHRHQ, "dnxhd", "DNXHR HQ", fm::PixelLayout::kBGRA8, 16},
+      {fm::VideoCodec::kDNxHRHQX, "dnxhd", "DNXHR HQX", fm::PixelLayout::kRGBA16, 12},
+      {fm::VideoCodec::kV210, "v210", "", fm::PixelLayout::kUYVY8, 0},
+      {fm::VideoCodec::kRGB24, "rawvideo", "", fm::PixelLayout::kRGB24, 0},
+      {fm::VideoCodec::kRGBA8, "rawvideo", "", fm::PixelLayout::kRGBAF32, 0},
+  };
+  const int w = 258, h = 144, frames = 5, channels = 2, rate = 48000;
+  const std::int64_t samplesPerFrame = rate / 25;
+  for (const WriteCase& wc : cases) {
+    SCOPED_TRACE(wc.probeCodec + std::string(" ") + wc.profile);
+    const fs::path file = dir_ / "out.mov";
+    fm::VideoSettings vs;
+    vs.codec = wc.codec;
+    vs.width = w;
+    vs.height = h;
+    vs.rate = {25, 1};
+    fm::MovWriter writer;
+    ASSERT_EQ(writer.Open(file.string(), &vs, {{rate, channels, 24}}, "01:02:03:04"),
+              fm::Status::kOk);
+    const std::size_t row = fm::MinRowBytes(wc.input, w);
+    std::vector<std::uint8_t> pic(row * h);
+    std::vector<std::vector<std::uint8_t>> rgb(frames, std::vector<std::uint8_t>(3 * w * h));
+    std::vector<std::uint8_t> pcm;
+    for (int f = 0; f < frames; ++f) {
+      // Smooth ramps that move each frame (lossy codecs keep them within a few codes); UYVY
+      // input stays within video range so the 10-bit file holds it exactly.
+      for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+          const int rv = x * 200 / (w - 1) + f * 10, gv = y * 255 / (h - 1), bv = 250 - rv;
+          std::uint8_t* p = pic.data() + y * row;
+          std::uint8_t* q = rgb[f].data() + (y * w + x) * 3;
+          q[0] = static_cast<std::uint8_t>(rv), q[1] = static_cast<std::uint8_t>(gv),
+          q[2] = static_cast<std::uint8_t>(bv);
+          switch (wc.input) {
+            case fm::PixelLayout::kRGB24:
+              std::copy(q, q + 3, p + 3 * x);
+              break;
+            case fm::PixelLayout::kRGBA8:
+              std::copy(q, q + 3, p + 4 * x), p[4 * x + 3] = 200;
+              break;
+            case fm::PixelLayout::kBGRA8:
+              p[4 * x] = q[2], p[4 * x + 1] = q[1], p[4 * x + 2] = q[0], p[4 * x + 3] = 255;
+              break;
+            case fm::PixelLayout::kRGBA16:
+              for (int ch = 0; ch < 4; ++ch) {
+                const int v = ch < 3 ? q[ch] * 257 : 65535;
+                p[8 * x + 2 * ch] = static_cast<std::uint8_t>(v), p[8 * x + 2 * ch + 1] = v >> 8;
+              }
+              break;
+            case fm::PixelLayout::kRGBAF32:
+              for (int ch = 0; ch < 4; ++ch) {
+                const float v = ch < 3 ? q[ch] / 255.0f : 1.0f;
+                std::memcpy(p + 16 * x + 4 * ch, &v, 4);
+              }
+              break;
+            case fm::PixelLayout::kUYVY8: {
+              // Y and chroma ramps, compared as UYVY below.
+              const std::uint8_t yv = static_cast<std::uint8_t>(16 + (x + y + f) % 220);
+              p[2 * x + 1] = yv;
+              p[2 * x] = static_cast<std::uint8_t>(16 + ((x & ~1) + 3 * f) % 224);
+              if (x & 1) p[2 * x] = static_cast<std::uint8_t>(16 + (y * 2 + f) % 224);
+              break;
+            }
+            default:
+              break;
+          }
+        }
+      }
+      if (wc.input == fm::PixelLayout::kUYVY8) rgb[f] = pic;
+      ASSERT_EQ(writer.WriteFrame(pic.data(), static_cast<std::ptrdiff_t>(row), wc.input),
+                fm::Status::kOk);
+      std::vector<std::uint8_t> chunk(samplesPerFrame * channels * 3);
+      for (std::size_t i = 0; i < chunk.size(); ++i)
+        chunk[i] = static_cast<std::uint8_t>((pcm.size() + i) * 37 + f);
+      ASSERT_EQ(writer.WriteAudio(0, chunk.data(), samplesPerFrame, fm::SampleLayout::kS24),
+                fm::Status::kOk);
+      pcm.insert(pcm.end(), chunk.begin(), chunk.end());
+    }
+    ASSERT_EQ(writer.Finish(), fm::Status::kOk);
+
+    const std::string probe = Capture(
+        "ffprobe -v error -count_frames -show_entries "
+        "stream=codec_name,profile,nb_read_frames,width,height:stream_tags=timecode "
+        "-of default=nw=1 " +
+        vxtest::Quote(file));
+    EXPECT_NE(probe.find("codec_name=" + std::string(wc.probeCodec)), std::string::npos) << probe;
+    if (*wc.profile) {
+      EXPECT_NE(probe.find("profile=" + std::string(wc.profile)), std::string::npos) << probe;
+    }
+    EXPECT_NE(probe.find("nb_read_frames=5"), std::string::npos) << probe;
+    EXPECT_NE(probe.find("TAG:timecode=01:02:03:04"), std::string::npos) << probe;
+
+    const bool yuv = wc.input == fm::PixelLayout::kUYVY8;
+    const fs::path raw = dir_ / "back.raw";
+    ASSERT_TRUE(Shell("ffmpeg -v error -y -i " + vxtest::Quote(file) + " -map 0:v:0 -pix_fmt " +
+                      (yuv ? "uyvy422" : "rgb24") + " -f rawvideo " + vxtest::Quote(raw)));
+    const std::vector<std::uint8_t> back = Slurp(raw);
+    const std::size_t size = rgb[0].size();
+    ASSERT_EQ(back.size(), size * frames);
+    for (int f = 0; f < frames; ++f)
+      EXPECT_LE(MaxDiff(back.data() + size * f, rgb[f].data(), size, 1, false), wc.tolerance)
+          << "frame " << f;
+
+    const fs::path snd = dir_ / "back.pcm";
+    ASSERT_TRUE(Shell("ffmpeg -v error -y -i " + vxtest::Quote(file) +
+                      " -map 0:a:0 -f s24le -c:a pcm_s24le " + vxtest::Quote(snd)));
+    EXPECT_EQ(Slurp(snd), pcm);
+  }
+}
+
+// Damaged and hostile files: every call returns a status, nothing crashes or hangs.
+TEST_F(FfmediaTest, BadInputFailsCleanly) {
+  const fs::path good = dir_ / "good.mov";
+  ASSERT_TRUE(
+      Shell("ffmpeg -v error -y -f lavfi -i testsrc2=size=64x48:rate=25 -f lavfi -i "
+            "sine=sample_rate=48000 -frames:v 12 -shortest -c:v libx264 -g 4 -bf 2 -c:a "
+            "aac " +
+            vxtest::Quote(good)));
+  const std::vector<std::uint8_t> bytes = Slurp(good);
+  ASSERT_GT(bytes.size(), 1000u);
+  std::vector<std::vector<std::uint8_t>> inputs;
+  inputs.push_back({});
+  inputs.emplace_back(4096, 0);
+  std::mt19937 rng(3);
+  std::vector<std::uint8_t> noise(8192);
+  for (auto& b : noise) b = static_cast<std::uint8_t>(rng());
+  inputs.push_back(noise);
+  for (std::size_t cut : {bytes.size() / 4, bytes.size() / 2, bytes.size() - 100})
+    inputs.emplace_back(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(cut));
+  std::vector<std::uint8_t> flipped = bytes;
+  for (std::size_t i = 64; i < flipped.size(); i += 97) flipped[i] ^= 0x5A;
+  inputs.push_back(flipped);
+
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    SCOPED_TRACE(i);
+    const fs::path file = dir_ / "bad.mov";
+    vxtest::WriteFile(file, inputs[i]);
+    for (bool memory : {false, true}) {
+      fm::MediaReader r;
+      const fm::Status s =
+          memory ? r.OpenMemory(inputs[i].data(), inputs[i].size()) : r.Open(file.string());
+      if (i < 3) {
+        EXPECT_NE(s, fm::Status::kOk);
+      }
+      if (s != fm::Status::kOk) {
+        EXPECT_FALSE(r.IsOpen());
+        continue;
+      }
+      for (std::size_t t = 0; t < r.Info().video.size(); ++t) {
+        const fm::VideoTrack& v = r.Info().video[t];
+        std::vector<std::uint8_t> buf(static_cast<std::size_t>(v.width) * v.height * 4);
+        for (std::int64_t k = v.frames - 1; k >= 0; k -= 3)
+          r.ReadFrame(static_cast<int>(t), k, fm::PixelLayout::kRGBA8, buf.data(), v.width * 4);
+      }
+      for (std::size_t t = 0; t < r.Info().audio.size(); ++t) {
+        std::vector<std::uint8_t> buf(4096 * 4 * r.Info().audio[t].channels);
+        r.ReadAudio(static_cast<int>(t), r.Info().audio[t].samples / 2, 4096,
+                    fm::SampleLayout::kF32, buf.data());
+      }
+    }
+  }
+  fm::MediaReader none;
+  EXPECT_EQ(none.Open((dir_ / "missing.mov").string()), fm::Status::kFail);
+  // A writer that is never finished leaves nothing behind.
+  const fs::path sub = dir_ / "w";
+  fs::create_directory(sub);
+  {
+    fm::VideoSettings vs;
+    vs.codec = fm::VideoCodec::kV210;
+    vs.width = 48;
+    vs.height = 8;
+    fm::MovWriter w;
+    ASSERT_EQ(w.Open((sub / "unfinished.mov").string(), &vs, {}), fm::Status::kOk);
+    std::vector<std::uint8_t> frame(128 * 8);
+    EXPECT_EQ(w.WriteFrame(frame.data(), 128, fm::PixelLayout::kV210), fm::Status::kOk);
+  }
+  EXPECT_TRUE(fs::is_empty(sub));
+  fm::MovWriter w;
+  fm::VideoSettings bad;
+  bad.width = 0;
+  EXPECT_EQ(w.Open((dir_ / "x.mov").string(), &bad, {}), fm::Status::kInvalidArg);
+  EXPECT_EQ(w.Open((dir_ / "x.mov").string(), nullptr, {{48000, 2, 20}}), fm::Status::kInvalidArg);
+}
+
+}  // namespace
