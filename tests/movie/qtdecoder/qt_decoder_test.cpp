@@ -270,8 +270,8 @@ TEST_F(QtDecoder, HostInfoConvertAndThumbnail) {
   ::setenv("VX_QTDECODER", Decoder().string().c_str(), 1);
   const vxtest::HostRun info = vxtest::RunHost(dir_.path(), "info --json clip.mov");
   const vxtest::HostRun convert = vxtest::RunHost(dir_.path(), "convert clip.mov frame.####.dpx");
-  const vxtest::HostRun thumb =
-      vxtest::RunHost(dir_.path(), "thumbnail clip.mov thumb.png");
+  const vxtest::HostRun wav = vxtest::RunHost(dir_.path(), "convert clip.mov clip.wav");
+  const vxtest::HostRun thumb = vxtest::RunHost(dir_.path(), "thumbnail clip.mov thumb.png");
   ::unsetenv("VX_QTDECODER");
   ASSERT_EQ(info.code, 0) << info.err;
   for (const char* want : {"\"96x64\"", "\"10:00:00:00\"", "\"audio\"", "48000"})
@@ -281,6 +281,10 @@ TEST_F(QtDecoder, HostInfoConvertAndThumbnail) {
   for (const auto& e : std::filesystem::directory_iterator(dir_.path()))
     dpx += e.path().extension() == ".dpx";
   EXPECT_EQ(dpx, 6);
+  ASSERT_EQ(wav.code, 0) << wav.err;
+  const std::string pcm = Output("ffmpeg -v error -i " + Q(dir_ / "clip.wav") + " -f s16le -");
+  EXPECT_EQ(pcm.size(), 11520u * 2);  // 0.24 s of 48 kHz mono
+  EXPECT_TRUE(pcm == Output("ffmpeg -v error -i " + Q(file) + " -map 0:a:0 -f s16le -"));
   EXPECT_EQ(thumb.code, 0) << thumb.err;
   EXPECT_TRUE(std::filesystem::exists(dir_ / "thumb.png"));
 }
