@@ -263,6 +263,37 @@ TEST_F(QtDecoder, WrittenMovieReadsBackInFfmpeg) {
   EXPECT_EQ(std::memcmp(samples.data(), pcm.data(), samples.size()), 0);
 }
 
+// Damaged files fail to open and leave the decoder serving: garbage, a movie cut in half, a
+// transport stream with its tail cut off (opens with what it holds).
+TEST_F(QtDecoder, DamagedMoviesFailAndTheDecoderLivesOn) {
+  const auto good =
+      Make("good.mov", "-f lavfi -i testsrc2=size=64x48:rate=25 -t 0.4 -c:v prores_ks");
+  const auto ts =
+      Make("cut.ts", "-f lavfi -i testsrc2=size=64x48:rate=25 -t 2 -c:v mpeg2video -f mpegts");
+  const std::string whole = ReadText(good);
+  std::ofstream(dir_ / "half.mov", std::ios::binary) << whole.substr(0, whole.size() / 2);
+  std::ofstream(dir_ / "junk.mov", std::ios::binary) << std::string(5000, '\x5A');
+  std::filesystem::resize_file(ts, std::filesystem::file_size(ts) / 2 / 188 * 188 + 100);
+  for (const char* name : {"junk.mov", "half.mov", "missing.mov"})
+    EXPECT_TRUE(FAILED(parser_->Open(Wide(dir_ / name).c_str(), 0))) << name;
+  const std::uint32_t pid = manager_->DecoderProcessId();
+  ASSERT_EQ(parser_->Open(Wide(ts).c_str(), 0), S_OK);
+  tagVxImageStreamFormat f{};
+  f.cbSize = 56;
+  ASSERT_EQ(parser_->GetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
+  EXPECT_GT(f.frameCount, 10u);
+  EXPECT_LT(f.frameCount, 50u);
+  ComPtr<IVxImageStreamParser> picture;
+  ASSERT_EQ(parser_->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser, picture.put_void()),
+            S_OK);
+  IVxImage* last = nullptr;
+  EXPECT_EQ(picture->ReadImage(&last, static_cast<std::int32_t>(f.frameCount) - 1), S_OK);
+  if (last) last->Release();
+  EXPECT_EQ(parser_->Close(), S_OK);
+  ASSERT_EQ(parser_->Open(Wide(good).c_str(), 0), S_OK);
+  EXPECT_EQ(manager_->DecoderProcessId(), pid) << "the decoder was restarted";
+}
+
 // vxhost on a real movie: info lists its tracks, convert writes a DPX per frame, thumbnail draws.
 TEST_F(QtDecoder, HostInfoConvertAndThumbnail) {
   const auto file = Make("clip.mov",
