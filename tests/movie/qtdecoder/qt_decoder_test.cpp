@@ -110,6 +110,7 @@ TEST_F(QtDecoder, ReadsMoviesLikeFfmpeg) {
     const char* args;
     DWORD width, height, frames;
     double rate;
+    bool alpha;          // read as 16-bit ARGB ("b64a") and converted to the caller's RGBA8
     int tolerance;       // codes: 0 for intra codecs
     DWORD timeCodeAt30;  // BCD time code of frame 30, 0 when the file has none
     DWORD soundRate, channels, bits, samples;
@@ -118,16 +119,21 @@ TEST_F(QtDecoder, ReadsMoviesLikeFfmpeg) {
       {"h264.mp4",
        "-f lavfi -i testsrc2=size=160x120:rate=25 -frames:v 40 -c:v libx264 -g 12 -bf 2 "
        "-pix_fmt yuv420p",
-       160, 120, 40, 25.0, 1, 0, 0, 0, 0, 0},
+       160, 120, 40, 25.0, false, 1, 0, 0, 0, 0, 0},
       {"prores.mov",
        "-f lavfi -i testsrc2=size=128x96:rate=24 -f lavfi -i sine=frequency=440:sample_rate=48000 "
        "-t 2 -c:v prores_ks -profile:v 3 -c:a pcm_s24le -ac 2 "
        "-timecode 01:00:00:00",
-       128, 96, 48, 24.0, 0, 0x01000106, 48000, 2, 24, 96000},
+       128, 96, 48, 24.0, false, 0, 0x01000106, 48000, 2, 24, 96000},
       {"mpeg2.ts",
        "-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 30 -c:v mpeg2video -g 10 -bf 2 "
        "-f mpegts",
-       176, 144, 30, 25.0, 1, 0, 0, 0, 0, 0},
+       176, 144, 30, 25.0, false, 1, 0, 0, 0, 0, 0},
+      {"alpha.mov",
+       "-f lavfi -i \"testsrc2=size=96x80:rate=30,format=rgba,"
+       "geq=r='r(X,Y)':g='g(X,Y)':b='b(X,Y)':a='2*X+Y'\" "
+       "-frames:v 20 -c:v prores_ks -profile:v 4 -pix_fmt yuva444p10le",
+       96, 80, 20, 30.0, true, 1, 0, 0, 0, 0, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -140,7 +146,7 @@ TEST_F(QtDecoder, ReadsMoviesLikeFfmpeg) {
     EXPECT_EQ(f.height, c.height);
     EXPECT_EQ(f.frameCount, c.frames);
     EXPECT_DOUBLE_EQ(f.frameRate, c.rate);
-    EXPECT_EQ(f.hasAlpha, 0u);
+    EXPECT_EQ(f.hasAlpha != 0, c.alpha);
 
     ComPtr<IVxImageStreamParser> picture;
     ASSERT_EQ(
