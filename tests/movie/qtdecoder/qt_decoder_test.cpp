@@ -95,6 +95,15 @@ int MaxDiff(const std::vector<unsigned char>& a, const std::string& b) {
   return worst;
 }
 
+// Mean difference of two RGBA byte strings.
+double MeanDiff(const std::string& a, const std::string& b) {
+  if (a.size() != b.size() || a.empty()) return 256;
+  double sum = 0;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    sum += std::abs(static_cast<unsigned char>(a[i]) - static_cast<unsigned char>(b[i]));
+  return sum / static_cast<double>(a.size());
+}
+
 std::vector<unsigned char> Rows(IVxImage* image) {
   std::vector<unsigned char> out;
   for (int y = 0; y < image->GetHeight(); ++y) {
@@ -267,6 +276,85 @@ TEST_F(QtDecoder, WrittenMovieReadsBackInFfmpeg) {
   const std::string samples = Output("ffmpeg -v error -i " + Q(file) + " -map 0:a:0 -f s16le -");
   ASSERT_EQ(samples.size(), pcm.size() * 2);
   EXPECT_EQ(std::memcmp(samples.data(), pcm.data(), samples.size()), 0);
+}
+
+// The manager's other questions, and a reference movie assembled from another file's frames and
+// one handed-over frame. A scaled frame is the 4 x 4 box mean of ffmpeg's full frame.
+TEST_F(QtDecoder, QueriesScaledFramesAndReferenceMovies) {
+  const auto src = Make("ntsc.mov",
+                        "-f lavfi -i testsrc2=size=160x120:rate=30000/1001 -frames:v 8 "
+                        "-c:v prores_ks -timecode 00:00:59\\;28");
+  DWORD movie = 0, video = 0, audio = 0;
+  ASSERT_EQ(manager_->Open(Wide(src).c_str(), &movie, &video, &audio), S_OK);
+  EXPECT_EQ(video, 1u);
+  EXPECT_EQ(audio, 0u);
+  VxQTMovieInfo mi;
+  ASSERT_EQ(manager_->GetMovieInfo(movie, &mi), S_OK);
+  EXPECT_NEAR(mi.rate, 29.97003, 1e-4);
+  EXPECT_EQ(mi.timeCode, 0x00005928u);
+  EXPECT_NEAR(static_cast<double>(mi.duration) / mi.timeScale, 8 * 1001 / 30000.0, 0.01);
+  VxChar name[300];
+  ASSERT_EQ(manager_->GetFormatName(movie, name, 300), S_OK);
+  EXPECT_NE(vx::ToUtf8(name).find("prores"), std::string::npos) << vx::ToUtf8(name);
+  // Drop-frame counting: minute 1 has no frames 00 and 01.
+  const std::pair<DWORD, DWORD> codes[] = {{0, 0x00005928u}, {1, 0x00005929u}, {2, 0x00010002u}};
+  for (const auto& [frame, want] : codes) {
+    VxQTFrameInfo fi;
+    ASSERT_EQ(manager_->GetFrameInfo(movie, 0, frame, &fi), S_OK);
+    EXPECT_EQ(fi.timeCode, want) << frame;
+    EXPECT_EQ(fi.timeCodeRate, 30u);
+    EXPECT_EQ(fi.dropFrame, 1u);
+    EXPECT_EQ(fi.keyFrame, 1u);
+    EXPECT_EQ(fi.pictureType, static_cast<DWORD>('I'));
+  }
+  // At most 40 x 40 keeps 4:3: 40 x 30, each pixel the mean of a 4 x 4 block.
+  IVxImage* small = nullptr;
+  ASSERT_EQ(manager_->ReadScaledFrame(movie, 0, 3, 40, 40, &small), S_OK);
+  ASSERT_NE(small, nullptr);
+  EXPECT_EQ(small->GetWidth(), 40);
+  EXPECT_EQ(small->GetHeight(), 30);
+  const std::string full = FfmpegFrame(src, 3);
+  ASSERT_EQ(full.size(), 160u * 120 * 4);
+  std::string box(40 * 30 * 4, '\0');
+  for (int y = 0; y < 30; ++y)
+    for (int x = 0; x < 40; ++x)
+      for (int c = 0; c < 4; ++c) {
+        int sum = 0;
+        for (int dy = 0; dy < 4; ++dy)
+          for (int dx = 0; dx < 4; ++dx)
+            sum += static_cast<unsigned char>(full[((4 * y + dy) * 160 + 4 * x + dx) * 4 + c]);
+        box[(y * 40 + x) * 4 + c] = static_cast<char>((sum + 8) / 16);
+      }
+  EXPECT_LE(MaxDiff(Rows(small), box), 1);
+  small->Release();
+  EXPECT_EQ(manager_->CloseMovie(movie), S_OK);
+
+  const auto ref = dir_ / "ref.mov";
+  ASSERT_EQ(manager_->CreateRefMovie(Wide(ref).c_str(), 30000 / 1001.0, 160, 120, &movie), S_OK);
+  EXPECT_EQ(manager_->SetCompression(movie, vx::qt::FourCC('a', 'p', 'c', 'h'), 100, 0), S_OK);
+  VxQTMediaReference media;
+  media.first = 2;
+  media.length = 4;
+  media.start = 0;
+  ASSERT_EQ(manager_->AddMediaReference(movie, Wide(src).c_str(), &media), S_OK);
+  std::vector<unsigned char> grey(160 * 120 * 4, 128);
+  for (std::size_t i = 3; i < grey.size(); i += 4) grey[i] = 255;
+  ASSERT_EQ(manager_->AddFrame(movie, 0, 4, grey.data(), 160, 120), S_OK);
+  ASSERT_EQ(manager_->FinishRefMovie(movie, 1), S_OK);
+  EXPECT_EQ(manager_->CloseMovie(movie), S_OK);
+  EXPECT_NE(Output("ffprobe -v error -count_frames -show_entries stream=nb_read_frames " + Q(ref))
+                .find("nb_read_frames=5"),
+            std::string::npos);
+  // Re-encoding moves testsrc2's sharp colour edges by tens of codes, but each frame stays
+  // nearest the source frame it came from.
+  for (int n = 0; n < 4; ++n) {
+    const std::string got = FfmpegFrame(ref, n);
+    const double same = MeanDiff(got, FfmpegFrame(src, n + 2));
+    EXPECT_LT(same, 2.0) << n;
+    EXPECT_LT(same, MeanDiff(got, FfmpegFrame(src, n + 1))) << n;
+    EXPECT_LT(same, MeanDiff(got, FfmpegFrame(src, n + 3))) << n;
+  }
+  EXPECT_LE(MaxDiff(grey, FfmpegFrame(ref, 4)), 2);
 }
 
 // Damaged files fail to open and leave the decoder serving: garbage, a movie cut in half, a
