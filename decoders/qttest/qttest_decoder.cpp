@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "movie/qt/qt_channel.h"
+#include "qt_decoder_loop.h"
 #include "vx/platform.h"
 
 using namespace vx::qt;
@@ -63,8 +64,6 @@ struct Movie {
 
 std::map<std::uint32_t, Movie> g_movies;
 std::uint32_t g_nextHandle = 1;
-std::uint32_t g_hostPid = 0;
-os::EventHandle g_terminate = nullptr;
 
 std::uint32_t Bcd(std::uint32_t h, std::uint32_t m, std::uint32_t s, std::uint32_t f) {
   auto two = [](std::uint32_t v) { return (v / 10) << 4 | (v % 10); };
@@ -74,10 +73,6 @@ std::uint32_t Bcd(std::uint32_t h, std::uint32_t m, std::uint32_t s, std::uint32
 std::uint32_t CodeFromText(const std::string& v) {
   if (v.size() == 4 && !(v[0] >= '0' && v[0] <= '9')) return FourCC(v[0], v[1], v[2], v[3]);
   return static_cast<std::uint32_t>(std::strtoul(v.c_str(), nullptr, 0));
-}
-
-std::string Utf8(const VxString& s) {
-  return vx::ToUtf8(s);
 }
 
 bool ReadDescription(const std::string& path, Movie* m) {
@@ -191,28 +186,9 @@ void Pixel(std::uint32_t track, std::uint32_t frame, std::uint32_t x, std::uint3
   out[3] = alpha ? static_cast<unsigned char>(x + y) : 255;
 }
 
-// A path at `offset` inside the payload, NUL-terminated within `count`.
 bool ReadPath(const unsigned char* ins, std::uint32_t offset, std::uint32_t count,
               std::string* out) {
-  const std::uint32_t end = kInsPayload + count;
-  if (count > kMaxPayload || offset >= end) return false;
-  VxString s;
-  for (std::uint32_t p = offset; p + 1 < end; p += 2) {
-    const auto c = static_cast<VxChar>(ins[p] | ins[p + 1] << 8);
-    if (!c) {
-      *out = Utf8(s);
-      return true;
-    }
-    s += c;
-  }
-  return false;
-}
-
-void HangUntilTold() {
-  for (;;) {
-    if (os::WaitEvent(g_terminate, 100) == os::Wait::Signaled) std::exit(0);
-    if (!os::ProcessIsRunning(g_hostPid)) std::exit(0);
-  }
+  return vx::qt::decoder::ReadText(ins, offset, count, out);
 }
 
 std::int32_t ServeFrame(const Movie& m, std::uint32_t track, std::uint32_t frame,
@@ -347,7 +323,7 @@ std::int32_t Serve(unsigned char* ins, unsigned char* res) {
   if (found == g_movies.end()) return kInvalid;
   Movie& m = found->second;
   if (cmd == m.crash) std::_Exit(3);
-  if (cmd == m.hang) HangUntilTold();
+  if (cmd == m.hang) vx::qt::decoder::HangUntilTold();
 
   switch (cmd) {
     case kClose:
@@ -579,37 +555,5 @@ std::int32_t Serve(unsigned char* ins, unsigned char* res) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 7) {
-    std::fprintf(stderr, "usage: QTDecoder INSTRUCTION RESULT START END TERMINATE HOSTPID\n");
-    return 2;
-  }
-  g_hostPid = static_cast<std::uint32_t>(std::strtoul(argv[6], nullptr, 10));
-  os::SharedMemory ins{}, res{};
-  if (!os::OpenSharedMemory(vx::FromUtf8(argv[1]).c_str(), 0, &ins) ||
-      !os::OpenSharedMemory(vx::FromUtf8(argv[2]).c_str(), kResultBytes, &res) ||
-      ins.size < kInstructionBytes)
-    return 1;
-  os::EventHandle start = os::OpenEvent(vx::FromUtf8(argv[3]).c_str());
-  os::EventHandle end = os::OpenEvent(vx::FromUtf8(argv[4]).c_str());
-  g_terminate = os::OpenEvent(vx::FromUtf8(argv[5]).c_str());
-  if (!start || !end || !g_terminate) return 1;
-  auto* insView = static_cast<unsigned char*>(ins.view);
-  auto* resView = static_cast<unsigned char*>(res.view);
-  for (;;) {
-    if (os::WaitEvent(g_terminate, 0) == os::Wait::Signaled) break;
-    const os::Wait w = os::WaitEvent(start, 200);
-    if (w == os::Wait::Timeout) {
-      if (!os::ProcessIsRunning(g_hostPid)) break;
-      continue;
-    }
-    if (w != os::Wait::Signaled) break;
-    Put32(resView, kResStatus, static_cast<std::uint32_t>(Serve(insView, resView)));
-    os::SetEvent(end);
-  }
-  os::CloseEvent(start);
-  os::CloseEvent(end);
-  os::CloseEvent(g_terminate);
-  os::CloseSharedMemory(&ins);
-  os::CloseSharedMemory(&res);
-  return 0;
+  return vx::qt::decoder::Run(argc, argv, Serve);
 }
