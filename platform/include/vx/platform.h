@@ -123,7 +123,6 @@ Wait WaitEventOrProcess(EventHandle e, ProcessHandle p, std::uint32_t timeoutMs)
 std::uint32_t CurrentProcessId();
 // Whether a process with id `pid` still runs (decoder programs watch their host with it).
 bool ProcessIsRunning(std::uint32_t pid);
->>>>>>> wip-qtchan
 VxString ExecutablePath();
 void SleepMs(std::uint32_t ms);
 
