@@ -144,11 +144,11 @@ void BM_OiioRead4K(benchmark::State& state) {
   const vxbench::Stopwatch watch;
   for (auto _ : state) {
     auto in = OIIO::ImageInput::open(path.string());
-    const OIIO::ImageSpec* file = in ? &in->spec() : nullptr;
-    const int channels = file ? std::min(file->nchannels, 4) : 0;
-    const bool bytes = file && file->format == OIIO::TypeDesc::UINT8;
+    const OIIO::ImageSpec file = in ? in->spec_dimensions(0) : OIIO::ImageSpec();
+    const int channels = std::min(file.nchannels, 4);
+    const bool bytes = file.format == OIIO::TypeDesc::UINT8;
     const std::size_t step = static_cast<std::size_t>(channels);
-    if (!file || file->width != kWidth || file->height != kHeight ||
+    if (!in || file.width != kWidth || file.height != kHeight ||
         !(bytes ? in->read_image(0, 0, 0, channels, OIIO::TypeDesc::UINT8, narrow.data())
                 : in->read_image(0, 0, 0, channels, OIIO::TypeDesc::UINT16, pixels.data(), 8))) {
       state.SkipWithError("OpenImageIO read failed");

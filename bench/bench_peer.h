@@ -79,7 +79,8 @@ inline bool OiioRead(const std::filesystem::path& path, int width, int height, i
                      const OIIO::ImageSpec* config = nullptr) {
   auto in = OIIO::ImageInput::open(path.string(), config);
   if (!in) return false;
-  const OIIO::ImageSpec& file = in->spec();
+  // The size only: the attribute list of the picture is not needed.
+  const OIIO::ImageSpec file = in->spec_dimensions(0);
   return file.width == width && file.height == height &&
          in->read_image(0, 0, 0, channels, type, pixels, xstride);
 }
