@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "fileio/whole_file.h"
 #include "base/bytes.h"
 #include "base/guard.h"
 #include "base/module.h"
@@ -52,17 +53,6 @@ bool ReadSpan(os::FileHandle f, std::uint64_t offset, std::uint8_t* out, std::ui
     if (!os::ReadAt(f, offset + *got, out + *got, want, &done)) return false;
     *got += done;
     if (done < want) break;
-  }
-  return true;
-}
-
-bool WriteSpan(os::FileHandle f, std::uint64_t offset, const std::uint8_t* data,
-               std::uint64_t bytes) {
-  for (std::uint64_t put = 0; put < bytes;) {
-    const auto want = static_cast<std::uint32_t>(std::min(bytes - put, kMaxTransfer));
-    std::uint32_t done = 0;
-    if (!os::WriteAt(f, offset + put, data + put, want, &done) || done != want) return false;
-    put += done;
   }
   return true;
 }
@@ -448,7 +438,7 @@ HRESULT CVxAudioParser::WriteSamples(const void* buffer, LONG count) {
     const std::uint64_t at = layout_.dataStart + written_ * align;
     bool ok = true;
     if (layout_.transform == SampleTransform::kNone) {
-      ok = WriteSpan(SampleFile(), at, data, bytes);
+      ok = vx::fileio::WriteAll(SampleFile(), at, data, bytes);
     } else {
       // Whole frames per piece, so a swap never straddles two pieces.
       const std::uint64_t piece = std::max<std::uint64_t>(1, kScratchBytes / align) * align;
@@ -457,7 +447,7 @@ HRESULT CVxAudioParser::WriteSamples(const void* buffer, LONG count) {
         const auto n = static_cast<std::size_t>(std::min(piece, bytes - put));
         std::memcpy(scratch_.data(), data + put, n);
         Transform(layout_.transform, scratch_.data(), n);
-        ok = WriteSpan(SampleFile(), at + put, scratch_.data(), n);
+        ok = vx::fileio::WriteAll(SampleFile(), at + put, scratch_.data(), n);
       }
     }
     if (!ok) {

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "fileio/whole_file.h"
 #include "base/text.h"
 #include "vx/platform.h"
 
@@ -105,16 +106,8 @@ std::string Document(const RedLook& look, float blackLevel) {
 bool RedSettingsPrsr::Write(const VxChar* path, const RedLook& look, float blackLevel) const {
   if (!path) return false;
   const std::string text = Document(look, blackLevel);
-  // Written under a temporary name and renamed, so a failed write leaves no partial file.
-  const VxString temp = TemporaryNameBeside(path);
-  std::FILE* f = os::OpenStdio(temp.c_str(), VXT("wb"));
-  if (!f) return false;
-  const bool written = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  const bool closed = std::fclose(f) == 0;
-  if (!written || !closed || !os::Replace(temp.c_str(), path)) {
-    os::Remove(temp.c_str());
-    return false;
-  }
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+  if (!fileio::WriteReplacing(path, {{bytes, text.size()}})) return false;
   return true;
 }
 

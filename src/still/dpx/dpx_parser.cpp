@@ -8,6 +8,7 @@
 #include <limits>
 #include <string>
 
+#include "fileio/whole_file.h"
 #include "base/checked.h"
 #include "base/guard.h"
 #include "base/worker_pool.h"
@@ -35,28 +36,6 @@ std::uint32_t PictureHeight(const DpxHeaderState& s) {
 
 bool IsLuma(const DpxHeaderState& s) {
   return s.elements[0].descriptor == kDescLuma;
-}
-
-// One positioned read of a whole element; a large one is split into pieces read side by side on
-// the shared pool, since copying out of the page cache is a good share of a frame's time.
-bool ReadWhole(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
-               std::uint64_t bytes) {
-  auto read = [file](std::uint64_t at, std::uint8_t* to, std::uint64_t n) {
-    std::uint32_t done = 0;
-    return vx::os::ReadAt(file, at, to, static_cast<std::uint32_t>(n), &done) && done == n;
-  };
-  constexpr std::uint64_t kPieceBytes = 4u << 20;
-  vx::WorkerPool& pool = vx::WorkerPool::Shared();
-  const int pieces = static_cast<int>(
-      std::min<std::uint64_t>((bytes + kPieceBytes - 1) / kPieceBytes, pool.Concurrency()));
-  if (pieces <= 1) return read(offset, out, bytes);
-  std::atomic<bool> ok{true};
-  pool.ParallelFor(pieces, [&](int i) {
-    const std::uint64_t begin = bytes * static_cast<std::uint64_t>(i) / pieces;
-    const std::uint64_t end = bytes * static_cast<std::uint64_t>(i + 1) / pieces;
-    if (!read(offset + begin, out + begin, end - begin)) ok = false;
-  });
-  return ok;
 }
 
 // The export layout that reproduces a file's element layout (Keep for luma, which has none).
@@ -323,7 +302,7 @@ HRESULT CVxDPXFileParser::ReadElements(vx::os::FileHandle file) {
     job.rowStride = stride;
     std::vector<std::uint8_t>& buffer = buffers_[i];
     if (buffer.size() < bytes) buffer.resize(bytes);
-    if (!ReadWhole(file, e.dataOffset, buffer.data(), bytes)) return E_FAIL;
+    if (!vx::fileio::ReadAllParallel(file, e.dataOffset, buffer.data(), bytes)) return E_FAIL;
     job.data = buffer.data();
     job.size = static_cast<std::size_t>(bytes);
   }

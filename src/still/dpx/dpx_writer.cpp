@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "fileio/whole_file.h"
 #include "base/checked.h"
 #include "base/guard.h"
 #include "base/text.h"
@@ -716,17 +717,15 @@ HRESULT WriteDpxFileImpl(const VxChar* path, IVxImage* image, const DpxExportSet
     else
       VxMessageBox(kErrorCaption, kLutLoadError);
   }
-  const VxString tmp = TemporaryNameBeside(path);
-  Outcome outcome = WriteAttempt(job, tmp.c_str(), lut.get());
-  if (outcome == Outcome::LutFailed) {
-    VxMessageBox(kErrorCaption, kLutApplyError);
-    outcome = WriteAttempt(job, tmp.c_str(), nullptr);
-  }
-  if (outcome != Outcome::Ok) return E_FAIL;
-  if (!os::Replace(tmp.c_str(), path)) {
-    os::Remove(tmp.c_str());
-    return E_FAIL;
-  }
+  const bool ok = fileio::WriteReplacing(path, [&](const VxChar* temp) {
+    Outcome outcome = WriteAttempt(job, temp, lut.get());
+    if (outcome == Outcome::LutFailed) {
+      VxMessageBox(kErrorCaption, kLutApplyError);
+      outcome = WriteAttempt(job, temp, nullptr);
+    }
+    return outcome == Outcome::Ok;
+  });
+  if (!ok) return E_FAIL;
   return S_OK;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "fileio/whole_file.h"
 #include "base/guard.h"
 #include "base/text.h"
 #include "base/worker_pool.h"
@@ -27,32 +28,6 @@ constexpr std::size_t kHeaderPrefix = 64u << 10;
 constexpr std::uint64_t kMaxPixelsPerByte = 1024;
 // Rows per band below which splitting a frame is not worth the hand-over.
 constexpr std::int64_t kMinParallelPixels = 1 << 16;
-
-bool ReadAll(vx::os::FileHandle f, std::uint64_t bytes, std::uint8_t* out) {
-  std::uint64_t at = 0;
-  while (at < bytes) {
-    const std::uint32_t n =
-        static_cast<std::uint32_t>(std::min<std::uint64_t>(bytes - at, 1u << 30));
-    std::uint32_t done = 0;
-    if (!vx::os::ReadAt(f, at, out + at, n, &done) || done != n) return false;
-    at += n;
-  }
-  return true;
-}
-
-bool WriteAll(vx::os::FileHandle f, std::uint64_t* at, const std::uint8_t* data,
-              std::size_t bytes) {
-  std::size_t done = 0;
-  while (done < bytes) {
-    const std::uint32_t n =
-        static_cast<std::uint32_t>(std::min<std::size_t>(bytes - done, 1u << 30));
-    std::uint32_t wrote = 0;
-    if (!vx::os::WriteAt(f, *at, data + done, n, &wrote) || wrote != n) return false;
-    done += n;
-    *at += n;
-  }
-  return true;
-}
 
 // Bands of rows for the shared pool: one for small pictures, else a few per worker.
 int BandCount(std::int32_t width, std::int32_t height) {
@@ -103,7 +78,7 @@ HRESULT CVxHdrFileParser::LoadHeader(bool whole) {
     const std::uint64_t bytes = whole ? size : std::min<std::uint64_t>(size, kHeaderPrefix);
     if (bytes > SIZE_MAX / 2) return E_OUTOFMEMORY;  // more than a 32-bit process can hold
     file_.resize(static_cast<std::size_t>(bytes));
-    if (!ReadAll(file.get(), bytes, file_.data())) return E_FAIL;
+    if (!vx::fileio::ReadAll(file.get(), 0, file_.data(), bytes)) return E_FAIL;
     HdrHeader parsed;
     switch (ParseHdrHeader(file_.data(), file_.size(), bytes == size, &parsed)) {
       case HeaderResult::Ok:
@@ -303,20 +278,21 @@ HRESULT CVxHdrFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
       vx::WorkerPool::Shared().ParallelFor(bands, band);
     }
     const std::string header = HdrHeaderText(w, h);
-    const VxString tmp = vx::TemporaryNameBeside(path.c_str());
-    bool ok;
-    {
-      vx::os::UniqueFile file(vx::os::Create(tmp.c_str()));
+    bool ok = vx::fileio::WriteReplacing(path.c_str(), [&](const VxChar* temp) {
+      vx::os::UniqueFile file(vx::os::Create(temp));
+      if (!file) return false;
       std::uint64_t at = 0;
-      ok = file && WriteAll(file.get(), &at, reinterpret_cast<const std::uint8_t*>(header.data()),
-                            header.size());
+      auto put = [&](const void* data, std::size_t n) {
+        if (!vx::fileio::WriteAll(file.get(), at, data, n)) return false;
+        at += n;
+        return true;
+      };
+      if (!put(header.data(), header.size())) return false;
       for (const auto& part : encoded)
-        ok = ok && WriteAll(file.get(), &at, part.data(), part.size());
-    }
-    if (!ok || !vx::os::Replace(tmp.c_str(), path.c_str())) {
-      vx::os::Remove(tmp.c_str());
-      return E_FAIL;
-    }
+        if (!put(part.data(), part.size())) return false;
+      return true;
+    });
+    if (!ok) return E_FAIL;
     return S_OK;
   });
 }

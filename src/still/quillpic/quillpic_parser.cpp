@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "fileio/whole_file.h"
 #include "base/guard.h"
 #include "base/text.h"
 #include "base/worker_pool.h"
@@ -95,29 +96,6 @@ void FillComment(const VxString& path, char out[kCommentBytes + 1]) {
     --length;
   std::memset(out, 0, kCommentBytes + 1);
   std::memcpy(out, text, length);
-}
-
-bool ReadAll(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
-             std::uint64_t bytes) {
-  constexpr std::uint64_t kPiece = 1u << 30;
-  for (std::uint64_t done = 0; done < bytes;) {
-    const auto n = static_cast<std::uint32_t>(std::min(kPiece, bytes - done));
-    std::uint32_t got = 0;
-    if (!vx::os::ReadAt(file, offset + done, out + done, n, &got) || got != n) return false;
-    done += n;
-  }
-  return true;
-}
-
-bool WriteAll(vx::os::FileHandle file, const std::vector<std::uint8_t>& bytes) {
-  constexpr std::size_t kPiece = 1u << 30;
-  for (std::size_t done = 0; done < bytes.size();) {
-    const auto n = static_cast<std::uint32_t>(std::min(kPiece, bytes.size() - done));
-    std::uint32_t put = 0;
-    if (!vx::os::WriteAt(file, done, bytes.data() + done, n, &put) || put != n) return false;
-    done += n;
-  }
-  return true;
 }
 
 }  // namespace
@@ -298,7 +276,7 @@ HRESULT CVxQuillPicFileParser::ReadImage(IVxImage** image, std::int32_t frame) {
     const std::uint64_t bytes = size - dataOffset_;
     if (bytes > SIZE_MAX) return E_OUTOFMEMORY;
     data_.resize(static_cast<std::size_t>(bytes));
-    if (!ReadAll(file.get(), dataOffset_, data_.data(), bytes)) return E_FAIL;
+    if (!vx::fileio::ReadAll(file.get(), dataOffset_, data_.data(), bytes)) return E_FAIL;
     // Every run is checked before the caller's image is touched.
     if (!ScanLines(data_.data(), data_.size(), packets_, header_.width, header_.height,
                    &lineStarts_))
@@ -451,17 +429,7 @@ HRESULT CVxQuillPicFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
     });
     for (const auto& band : coded) file.insert(file.end(), band.begin(), band.end());
 
-    // Written whole under a temporary name, so a failure leaves no file behind.
-    const VxString tmp = vx::TemporaryNameBeside(path.c_str());
-    bool ok;
-    {
-      vx::os::UniqueFile f(vx::os::Create(tmp.c_str()));
-      ok = f && WriteAll(f.get(), file);
-    }
-    if (!ok || !vx::os::Replace(tmp.c_str(), path.c_str())) {
-      vx::os::Remove(tmp.c_str());
-      return E_FAIL;
-    }
+    if (!vx::fileio::WriteReplacing(path.c_str(), {file})) return E_FAIL;
     return S_OK;
   });
 }

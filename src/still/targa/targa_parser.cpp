@@ -7,6 +7,7 @@
 #include <ctime>
 #include <string>
 
+#include "fileio/whole_file.h"
 #include "base/checked.h"
 #include "base/guard.h"
 #include "base/text.h"
@@ -17,28 +18,6 @@
 using namespace vx::targa;
 
 namespace {
-
-// One positioned read, split into pieces read side by side for a large picture: copying out of
-// the page cache is a good share of a frame's time.
-bool ReadWhole(vx::os::FileHandle file, std::uint64_t offset, std::uint8_t* out,
-               std::uint64_t bytes) {
-  auto read = [file](std::uint64_t at, std::uint8_t* to, std::uint64_t n) {
-    std::uint32_t done = 0;
-    return vx::os::ReadAt(file, at, to, static_cast<std::uint32_t>(n), &done) && done == n;
-  };
-  constexpr std::uint64_t kPieceBytes = 4u << 20;
-  vx::WorkerPool& pool = vx::WorkerPool::Shared();
-  const int pieces = static_cast<int>(
-      std::min<std::uint64_t>((bytes + kPieceBytes - 1) / kPieceBytes, pool.Concurrency()));
-  if (pieces <= 1) return read(offset, out, bytes);
-  std::atomic<bool> ok{true};
-  pool.ParallelFor(pieces, [&](int i) {
-    const std::uint64_t begin = bytes * static_cast<std::uint64_t>(i) / pieces;
-    const std::uint64_t end = bytes * static_cast<std::uint64_t>(i + 1) / pieces;
-    if (!read(offset + begin, out + begin, end - begin)) ok = false;
-  });
-  return ok;
-}
 
 std::string DateText(const std::uint16_t d[6]) {
   // month, day, year, hour, minute, second
@@ -140,7 +119,7 @@ HRESULT CVxTargaFileParser::ReadData(vx::os::FileHandle file) {
     data_.clear();
     data_.resize(static_cast<std::size_t>(bytes));
   }
-  if (!ReadWhole(file, h.dataOffset, data_.data(), bytes)) return E_FAIL;
+  if (!vx::fileio::ReadAllParallel(file, h.dataOffset, data_.data(), bytes)) return E_FAIL;
   if (!CheckTargaData(h, data_.data(), static_cast<std::size_t>(bytes))) return E_FAIL;
   dataBytes_ = static_cast<std::size_t>(bytes);
   return S_OK;
@@ -332,25 +311,8 @@ HRESULT CVxTargaFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
     if (!EncodeTarga(info, pixels, stride, src->GetPixelFormat() == VX_PF_RGBA8, w, h,
                      &vx::WorkerPool::Shared(), &bytes))
       return E_FAIL;
-    // Written under a temporary name and renamed, so a failure leaves no file.
     const VxString path = OutputFileName(frame);
-    const VxString tmp = vx::TemporaryNameBeside(path.c_str());
-    {
-      vx::os::UniqueFile out(vx::os::Create(tmp.c_str()));
-      if (!out) return E_FAIL;
-      std::uint32_t done = 0;
-      if (!vx::os::WriteAt(out.get(), 0, bytes.data(), static_cast<std::uint32_t>(bytes.size()),
-                           &done) ||
-          done != bytes.size()) {
-        out.reset();
-        vx::os::Remove(tmp.c_str());
-        return E_FAIL;
-      }
-    }
-    if (!vx::os::Replace(tmp.c_str(), path.c_str())) {
-      vx::os::Remove(tmp.c_str());
-      return E_FAIL;
-    }
+    if (!vx::fileio::WriteReplacing(path.c_str(), {bytes})) return E_FAIL;
     return S_OK;
   });
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "fileio/whole_file.h"
 #include "base/checked.h"
 #include "base/guard.h"
 #include "base/text.h"
@@ -345,25 +346,8 @@ HRESULT CVxTIFFFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
     std::vector<std::uint8_t> bytes;
     std::string error;
     if (!EncodeTiff(info, pixels, src->GetRowStride(), &bytes, &error)) return E_FAIL;
-    // Written under a temporary name and renamed, so a failure leaves no file.
     const VxString path = OutputFileName(frame);
-    const VxString tmp = vx::TemporaryNameBeside(path.c_str());
-    {
-      vx::os::UniqueFile out(vx::os::Create(tmp.c_str()));
-      if (!out) return E_FAIL;
-      std::uint32_t done = 0;
-      if (!vx::os::WriteAt(out.get(), 0, bytes.data(), static_cast<std::uint32_t>(bytes.size()),
-                           &done) ||
-          done != bytes.size()) {
-        out.reset();
-        vx::os::Remove(tmp.c_str());
-        return E_FAIL;
-      }
-    }
-    if (!vx::os::Replace(tmp.c_str(), path.c_str())) {
-      vx::os::Remove(tmp.c_str());
-      return E_FAIL;
-    }
+    if (!vx::fileio::WriteReplacing(path.c_str(), {bytes})) return E_FAIL;
     return S_OK;
   });
 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "fileio/whole_file.h"
 #include "base/guard.h"
 #include "base/text.h"
 #include "base/worker_pool.h"
@@ -215,21 +216,8 @@ HRESULT CVxYUVFileParser::WriteImage(IVxImage* image, std::int32_t frame) {
     }
     std::vector<std::uint8_t> out(bytes);
     EncodeFrame(layout_, PictureOf(source), r, out.data(), &vx::WorkerPool::Shared());
-    // Written beside the target and renamed, so a failure leaves no partial frame.
     const VxString path = OutputFileName(frame);
-    const VxString tmp = vx::TemporaryNameBeside(path.c_str());
-    bool ok = false;
-    {
-      vx::os::UniqueFile file(vx::os::Create(tmp.c_str()));
-      std::uint32_t done = 0;
-      ok = file &&
-           vx::os::WriteAt(file.get(), 0, out.data(), static_cast<std::uint32_t>(bytes), &done) &&
-           done == bytes;
-    }
-    if (!ok || !vx::os::Replace(tmp.c_str(), path.c_str())) {
-      vx::os::Remove(tmp.c_str());
-      return E_FAIL;
-    }
+    if (!vx::fileio::WriteReplacing(path.c_str(), {out})) return E_FAIL;
     return S_OK;
   });
 }
