@@ -112,10 +112,5 @@ void Register() {
 
 int main(int argc, char** argv) {
   Register();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  if (!File().empty()) std::filesystem::remove(File());
-  return 0;
+  return vxbench::RunAndRemove(argc, argv, &File);
 }

@@ -4,8 +4,11 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <random>
+#include <vector>
 
 #include "vx/com_ptr.h"
 #include "vx/sdk.h"
@@ -40,6 +43,41 @@ class Stopwatch {
 // counters[name] = a / b when both are known.
 inline void Ratio(benchmark::State& state, const char* name, double a, double b) {
   if (a > 0.0 && b > 0.0) state.counters[name] = a / b;
+}
+
+// Runs the cases the command line selects, then removes the file the benchmark made (`file`
+// is the benchmark's own lazily made file; an empty path when it could not be made).
+inline int RunAndRemove(int argc, char** argv, const std::filesystem::path& (*file)()) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  if (!file().empty()) std::filesystem::remove(file());
+  return 0;
+}
+
+// 8-bit RGBA: flat bands a run-length coder packs (steps of a gradient 32 pixels wide, the alpha a
+// ramp by lines) beside blocks of noise it cannot, a third of the picture, so both kinds of run
+// are timed. `alphaOr` is ORed into every alpha, for writers that drop the colour under alpha 0.
+inline std::vector<std::uint8_t> PaintRunsAndNoise(int width, int height,
+                                                   std::uint8_t alphaOr = 0) {
+  std::vector<std::uint8_t> px(std::size_t(width) * height * 4);
+  std::mt19937 rng(7);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      std::uint8_t* p = &px[(std::size_t(width) * y + x) * 4];
+      const auto band = static_cast<std::uint8_t>(x / 32 * 255 / 127);
+      const auto ramp = static_cast<std::uint8_t>(y * 255 / (height - 1));
+      const bool noise = ((x / 256) + (y / 216)) % 3 == 0;
+      const std::uint32_t r = rng();
+      p[0] = noise ? static_cast<std::uint8_t>(r) : band;
+      p[1] = noise ? static_cast<std::uint8_t>(r >> 8) : static_cast<std::uint8_t>(255 - band);
+      p[2] = noise ? static_cast<std::uint8_t>(r >> 16) : ramp;
+      p[3] =
+          static_cast<std::uint8_t>((noise ? static_cast<std::uint8_t>(r >> 24) : ramp) | alphaOr);
+    }
+  }
+  return px;
 }
 
 // Open, then ReadImage into `image`, as a host reads a frame; the parser is made once from

@@ -182,10 +182,5 @@ BENCHMARK(BM_PngParserWrite4K)
     ->UseRealTime();
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  if (!File().empty()) std::filesystem::remove(File());
-  return 0;
+  return vxbench::RunAndRemove(argc, argv, &File);
 }

@@ -26,33 +26,12 @@ namespace {
 constexpr int kWidth = 4096;
 constexpr int kHeight = 2160;
 
-// Flat bands RLE packs (steps of a gradient 32 pixels wide, the alpha a ramp by lines) beside
-// blocks of noise it cannot, a third of the picture, so both kinds of packet are timed.
-std::vector<std::uint8_t> Paint() {
-  std::vector<std::uint8_t> px(std::size_t{kWidth} * kHeight * 4);
-  std::mt19937 rng(7);
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      std::uint8_t* p = &px[(std::size_t{kWidth} * y + x) * 4];
-      const auto band = static_cast<std::uint8_t>(x / 32 * 255 / 127);
-      const auto ramp = static_cast<std::uint8_t>(y * 255 / (kHeight - 1));
-      const bool noise = ((x / 256) + (y / 216)) % 3 == 0;
-      const std::uint32_t r = rng();
-      p[0] = noise ? static_cast<std::uint8_t>(r) : band;
-      p[1] = noise ? static_cast<std::uint8_t>(r >> 8) : static_cast<std::uint8_t>(255 - band);
-      p[2] = noise ? static_cast<std::uint8_t>(r >> 16) : ramp;
-      p[3] = noise ? static_cast<std::uint8_t>(r >> 24 | 1) : static_cast<std::uint8_t>(ramp | 1);
-    }
-  }
-  return px;
-}
-
 std::filesystem::path MakeFile() {
   const auto dir = std::filesystem::temp_directory_path();
   const auto raw = dir / "vx_bench_psd_4k.rgba";
   const auto path = dir / "vx_bench_psd_4k.psd";
   {
-    const std::vector<std::uint8_t> pixels = Paint();
+    const std::vector<std::uint8_t> pixels = vxbench::PaintRunsAndNoise(kWidth, kHeight, 1);
     std::ofstream out(raw, std::ios::binary);
     out.write(reinterpret_cast<const char*>(pixels.data()),
               static_cast<std::streamsize>(pixels.size()));
@@ -111,10 +90,5 @@ BENCHMARK(BM_PsdOiioRead4K)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  if (!File().empty()) std::filesystem::remove(File());
-  return 0;
+  return vxbench::RunAndRemove(argc, argv, &File);
 }

@@ -24,33 +24,11 @@ namespace {
 constexpr int kWidth = 4096;
 constexpr int kHeight = 2160;
 
-// Flat bands a run-length coder packs (steps of a gradient 32 pixels wide, the alpha a ramp by
-// lines) beside blocks of noise it cannot, a third of the picture, so both kinds of packet are
-// timed.
-std::vector<std::uint8_t> Paint() {
-  std::vector<std::uint8_t> px(std::size_t{kWidth} * kHeight * 4);
-  std::mt19937 rng(7);
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      std::uint8_t* p = &px[(std::size_t{kWidth} * y + x) * 4];
-      const auto band = static_cast<std::uint8_t>(x / 32 * 255 / 127);
-      const auto ramp = static_cast<std::uint8_t>(y * 255 / (kHeight - 1));
-      const bool noise = ((x / 256) + (y / 216)) % 3 == 0;
-      const std::uint32_t r = rng();
-      p[0] = noise ? static_cast<std::uint8_t>(r) : band;
-      p[1] = noise ? static_cast<std::uint8_t>(r >> 8) : static_cast<std::uint8_t>(255 - band);
-      p[2] = noise ? static_cast<std::uint8_t>(r >> 16) : ramp;
-      p[3] = noise ? static_cast<std::uint8_t>(r >> 24) : ramp;
-    }
-  }
-  return px;
-}
-
 std::filesystem::path MakeFile() {
   const auto path = std::filesystem::temp_directory_path() / "vx_bench_targa_4k.tga";
   bool ok = false;
 #ifdef VX_HAVE_OIIO
-  const std::vector<std::uint8_t> pixels = Paint();
+  const std::vector<std::uint8_t> pixels = vxbench::PaintRunsAndNoise(kWidth, kHeight);
   OIIO::ParamValueList extra;
   extra.attribute("compression", "rle");
   extra.attribute("oiio:UnassociatedAlpha", 1);
@@ -106,10 +84,5 @@ BENCHMARK(BM_TargaOiioRead4K)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  if (!File().empty()) std::filesystem::remove(File());
-  return 0;
+  return vxbench::RunAndRemove(argc, argv, &File);
 }

@@ -149,10 +149,5 @@ BENCHMARK(BM_TiffLibtiffStrips4K)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  if (!File().empty()) std::filesystem::remove(File());
-  return 0;
+  return vxbench::RunAndRemove(argc, argv, &File);
 }

@@ -13,6 +13,7 @@
 #include "vx/com_ptr.h"
 #include "vx/metadata.h"
 #include "vx/platform.h"
+#include "fuzz_input.h"
 
 namespace {
 
@@ -64,18 +65,6 @@ Bytes MakeFile(const std::uint8_t* in, std::size_t size) {
   return f;
 }
 
-VxString TempPath(const char* suffix) {
-  return vx::FromUtf8((std::filesystem::temp_directory_path() /
-                       ("fuzz_aiff." + std::to_string(vx::os::CurrentProcessId()) + suffix))
-                          .string());
-}
-
-vx::ComPtr<CVxAudioParserAIFF> NewParser() {
-  auto p = vx::ComPtr<CVxAudioParserAIFF>::Adopt(new CVxAudioParserAIFF());
-  p->AddRef();  // the object starts at zero references
-  return p;
-}
-
 // Reads some frames at a few positions; returns the first block read.
 Bytes ReadSome(CVxAudioParserAIFF* p, const WAVEFORMATEX& format, LONG frames) {
   Bytes first;
@@ -97,15 +86,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool raw = data[0] & 1;
   const Bytes file = raw ? Bytes(data + 1, data + size) : MakeFile(data + 1, size - 1);
   // One file per fuzzing process, rewritten for every input.
-  static const VxString path = TempPath(".aif"), copy = TempPath(".aifc");
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f ||
-        !vx::os::WriteAt(f.get(), 0, file.data(), static_cast<std::uint32_t>(file.size()), &done))
-      return 0;
-  }
-  auto parser = NewParser();
+  static const VxString path = fuzz::ProcessFile("fuzz_aiff", ".aif"),
+                        copy = fuzz::ProcessFile("fuzz_aiff", ".aifc");
+  if (!fuzz::Store(path, file.data(), file.size())) return 0;
+  auto parser = fuzz::NewParser<CVxAudioParserAIFF>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return 0;
   WAVEFORMATEX format{};
   int bytes = sizeof format;
@@ -120,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   parser->Close();
 
   // What was read, written back with the file's texts, must read back the same.
-  auto writer = NewParser();
+  auto writer = fuzz::NewParser<CVxAudioParserAIFF>();
   VxAudioStreamFormat record{kVxAudioStreamFormatSize, &format};
   const auto frames = static_cast<LONG>(samples.size() / format.nBlockAlign);
   if (FAILED(writer->Open(copy.c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN)) ||
@@ -128,7 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       FAILED(writer->SetOption(md.get(), VX_OPTION_METADATA)) ||
       FAILED(writer->WriteSamples(samples.data(), frames)) || FAILED(writer->Close()))
     __builtin_trap();
-  auto again = NewParser();
+  auto again = fuzz::NewParser<CVxAudioParserAIFF>();
   if (FAILED(again->Open(copy.c_str(), VX_OPEN_NO_PATTERN))) __builtin_trap();
   if (ReadSome(again.get(), format, frames) != samples) __builtin_trap();
   return 0;

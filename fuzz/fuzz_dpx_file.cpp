@@ -13,6 +13,7 @@
 #include "still/dpx/dpx_parser.h"
 #include "vx/com_ptr.h"
 #include "vx/platform.h"
+#include "fuzz_input.h"
 
 namespace {
 
@@ -61,34 +62,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size < kHead + 1) return 0;
   const std::uint8_t pick = data[0];
   const auto file = MakeFile(data + 1, size - 1, (pick & 1) != 0, (pick & 2) != 0);
-  // One file per fuzzing process, rewritten for every input.
-  static const VxString path =
-      vx::FromUtf8((std::filesystem::temp_directory_path() /
-                    ("fuzz_dpx_file." + std::to_string(vx::os::CurrentProcessId()) + ".dpx"))
-                       .string());
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f ||
-        !vx::os::WriteAt(f.get(), 0, file.data(), static_cast<std::uint32_t>(file.size()), &done))
-      return 0;
-  }
-  auto parser = vx::ComPtr<CVxDPXFileParser>::Adopt(new CVxDPXFileParser((pick & 1) ? 1 : 0));
-  parser->AddRef();  // the object starts at zero references
+  static const VxString path = fuzz::ProcessFile("fuzz_dpx_file", ".dpx");
+  if (!fuzz::Store(path, file.data(), file.size())) return 0;
+  auto parser = fuzz::NewParser<CVxDPXFileParser>((pick & 1) ? 1 : 0);
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return 0;
-  tagVxImageStreamFormat format{};
-  format.cbSize = sizeof format;
-  parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &format);
+  fuzz::AskAfterOpen(parser.get(), 0);
   // The native picture, or a caller's image of another format (converted on the way).
   static const VxPixelFormat kFormats[] = {VX_PF_UNKNOWN, VX_PF_RGBA16, VX_PF_RGBF32, VX_PF_RGBA8,
                                            VX_PF_GRAY16};
-  vx::ComPtr<IVxImage> image;
-  const VxPixelFormat want = kFormats[(pick >> 2) % 5];
-  if (want != VX_PF_UNKNOWN && FAILED(VxCreateImage(0, 0, want, image.put()))) return 0;
-  IVxImage* p = image.detach();
-  parser->ReadImage(&p, 0);
-  image = vx::ComPtr<IVxImage>::Adopt(p);
-  VxChar name[64];
-  parser->GetCompressionName(name, 64);
+  fuzz::ReadPicture(parser.get(), kFormats[(pick >> 2) % 5]);
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "fuzz_seeds.h"
 #include "still/hdr/hdr_codec.h"
 #include "still/hdr/hdr_parser.h"
@@ -71,34 +72,13 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // One file per fuzzing process, rewritten for every input.
-  static const VxString path =
-      vx::FromUtf8((std::filesystem::temp_directory_path() /
-                    ("fuzz_hdr." + std::to_string(vx::os::CurrentProcessId()) + ".hdr"))
-                       .string());
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f || !vx::os::WriteAt(f.get(), 0, data, static_cast<std::uint32_t>(size), &done)) return 0;
-  }
-  auto parser = vx::ComPtr<CVxHdrFileParser>::Adopt(new CVxHdrFileParser());
-  parser->AddRef();  // the object starts at zero references
+  static const VxString path = fuzz::ProcessFile("fuzz_hdr", ".hdr");
+  if (!fuzz::Store(path, data, size)) return 0;
+  auto parser = fuzz::NewParser<CVxHdrFileParser>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return 0;
-  tagVxImageStreamFormat format{};
-  format.cbSize = sizeof format;
-  parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &format);
-  vx::ComPtr<IVxMetadata> md;
-  if (SUCCEEDED(VxCreateMetadata(md.put()))) parser->GetMetadata(-1, md.get());
-  VxChar name[64];
-  parser->GetCompressionName(name, 64);
+  fuzz::AskAfterOpen(parser.get(), -1);
   // The native picture, or a caller's image of another format (converted on the way).
-  const VxPixelFormat want = size % 3 == 0   ? VX_PF_UNKNOWN
-                             : size % 3 == 1 ? VX_PF_RGBAF32
-                                             : VX_PF_RGBA16;
-  vx::ComPtr<IVxImage> image;
-  if (want != VX_PF_UNKNOWN && FAILED(VxCreateImage(0, 0, want, image.put()))) return 0;
-  IVxImage* p = image.detach();
-  parser->ReadImage(&p, 0);
-  image = vx::ComPtr<IVxImage>::Adopt(p);
+  static const VxPixelFormat kFormats[] = {VX_PF_UNKNOWN, VX_PF_RGBAF32, VX_PF_RGBA16};
+  fuzz::ReadPicture(parser.get(), kFormats[size % 3]);
   return 0;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "fuzz_seeds.h"
 #include "still/psd/psd_format.h"
 #include "still/psd/psd_parser.h"
@@ -107,33 +108,13 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // One file per fuzzing process, rewritten for every input.
-  static const VxString path =
-      vx::FromUtf8((std::filesystem::temp_directory_path() /
-                    ("fuzz_psd." + std::to_string(vx::os::CurrentProcessId()) + ".psd"))
-                       .string());
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f || !vx::os::WriteAt(f.get(), 0, data, static_cast<std::uint32_t>(size), &done)) return 0;
-  }
-  auto parser = vx::ComPtr<CVxMediaFileParserPSD>::Adopt(new CVxMediaFileParserPSD());
-  parser->AddRef();  // the object starts at zero references
+  static const VxString path = fuzz::ProcessFile("fuzz_psd", ".psd");
+  if (!fuzz::Store(path, data, size)) return 0;
+  auto parser = fuzz::NewParser<CVxMediaFileParserPSD>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return 0;
-  tagVxImageStreamFormat format{};
-  format.cbSize = sizeof format;
-  parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &format);
-  vx::ComPtr<IVxMetadata> md;
-  if (SUCCEEDED(VxCreateMetadata(md.put()))) parser->GetMetadata(0, md.get());
+  fuzz::AskAfterOpen(parser.get(), 0);
   // The native picture, or a caller's image: straight in, converted for others.
   static const VxPixelFormat kFormats[] = {VX_PF_UNKNOWN, VX_PF_RGBA8, VX_PF_RGBA16, VX_PF_BGRA8};
-  vx::ComPtr<IVxImage> image;
-  const VxPixelFormat want = kFormats[size % 4];
-  if (want != VX_PF_UNKNOWN && FAILED(VxCreateImage(0, 0, want, image.put()))) return 0;
-  IVxImage* p = image.detach();
-  parser->ReadImage(&p, 0);
-  image = vx::ComPtr<IVxImage>::Adopt(p);
-  VxChar name[64];
-  parser->GetCompressionName(name, 64);
+  fuzz::ReadPicture(parser.get(), kFormats[size % 4]);
   return 0;
 }

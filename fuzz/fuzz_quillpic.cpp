@@ -16,31 +16,14 @@
 #include "still/quillpic/quillpic_parser.h"
 #include "vx/com_ptr.h"
 #include "vx/platform.h"
+#include "fuzz_input.h"
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-VxString TempPath(const char* tag) {
-  return vx::FromUtf8((std::filesystem::temp_directory_path() /
-                       ("fuzz_quillpic." + std::to_string(vx::os::CurrentProcessId()) + tag))
-                          .string());
-}
-
-vx::ComPtr<CVxQuillPicFileParser> NewParser() {
-  auto p = vx::ComPtr<CVxQuillPicFileParser>::Adopt(new CVxQuillPicFileParser());
-  p->AddRef();  // the object starts at zero references
-  return p;
-}
-
-bool Store(const VxString& path, const std::uint8_t* data, std::size_t size) {
-  vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-  std::uint32_t done = 0;
-  return f && vx::os::WriteAt(f.get(), 0, data, static_cast<std::uint32_t>(size), &done);
-}
-
 vx::ComPtr<IVxImage> Read(const VxString& path, VxPixelFormat format) {
-  auto parser = NewParser();
+  auto parser = fuzz::NewParser<CVxQuillPicFileParser>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return {};
   tagVxImageStreamFormat f{};
   f.cbSize = sizeof f;
@@ -56,7 +39,7 @@ vx::ComPtr<IVxImage> Read(const VxString& path, VxPixelFormat format) {
 }
 
 bool Write(const VxString& path, IVxImage* image) {
-  auto parser = NewParser();
+  auto parser = fuzz::NewParser<CVxQuillPicFileParser>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN))) return false;
   const bool ok = SUCCEEDED(parser->WriteImage(image, 0));
   parser->Close();
@@ -77,7 +60,7 @@ Bytes Header(std::uint16_t w, std::uint16_t h) {
 std::vector<Bytes> Seeds() {
   std::vector<Bytes> seeds;
   // Files our writer makes, with and without alpha.
-  const VxString path = TempPath(".seed.pic");
+  const VxString path = fuzz::ProcessFile("fuzz_quillpic", ".seed.pic");
   for (VxPixelFormat format : {VX_PF_RGBA8, VX_PF_RGB8}) {
     vx::ComPtr<IVxImage> image;
     if (FAILED(VxCreateImage(40, 6, format, image.put()))) continue;
@@ -119,9 +102,9 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // One file per fuzzing process, rewritten for every input.
-  static const VxString path = TempPath(".pic");
-  static const VxString again = TempPath(".again.pic");
-  if (!Store(path, data, size)) return 0;
+  static const VxString path = fuzz::ProcessFile("fuzz_quillpic", ".pic");
+  static const VxString again = fuzz::ProcessFile("fuzz_quillpic", ".again.pic");
+  if (!fuzz::Store(path, data, size)) return 0;
   static const VxPixelFormat kFormats[] = {VX_PF_UNKNOWN, VX_PF_RGBA8, VX_PF_RGB8, VX_PF_RGBA16};
   const VxPixelFormat want = kFormats[size ? data[size - 1] % 4 : 0];
   vx::ComPtr<IVxImage> image = Read(path, want);

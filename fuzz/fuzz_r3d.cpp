@@ -13,6 +13,7 @@
 #include "red/r3d/red_library.h"
 #include "vx/com_ptr.h"
 #include "vx/platform.h"
+#include "fuzz_input.h"
 
 namespace {
 
@@ -60,19 +61,10 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const VxString path =
-      vx::FromUtf8((std::filesystem::temp_directory_path() /
-                    ("fuzz_r3d." + std::to_string(vx::os::CurrentProcessId()) + ".R3D"))
-                       .string());
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f || !vx::os::WriteAt(f.get(), 0, data, static_cast<std::uint32_t>(size), &done)) return 0;
-  }
+  static const VxString path = fuzz::ProcessFile("fuzz_r3d", ".R3D");
+  if (!fuzz::Store(path, data, size)) return 0;
   // The parser's open (metadata look, sidecar search, stream format) without decoding...
-  auto parser =
-      vx::ComPtr<vx::red::CVxMediaFileParserR3D>::Adopt(new vx::red::CVxMediaFileParserR3D());
-  parser->AddRef();
+  auto parser = fuzz::NewParser<vx::red::CVxMediaFileParserR3D>();
   if (FAILED(parser->Open(path.c_str(), 0))) return 0;
   tagVxImageStreamFormat format{};
   format.cbSize = sizeof format;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "fuzz_seeds.h"
 #include "still/tiff/tiff_codec.h"
 #include "still/tiff/tiff_parser.h"
@@ -59,37 +60,19 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // One file per fuzzing process, rewritten for every input.
-  static const VxString path =
-      vx::FromUtf8((std::filesystem::temp_directory_path() /
-                    ("fuzz_tiff." + std::to_string(vx::os::CurrentProcessId()) + ".tif"))
-                       .string());
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f || !vx::os::WriteAt(f.get(), 0, data, static_cast<std::uint32_t>(size), &done)) return 0;
-  }
-  auto parser = vx::ComPtr<CVxTIFFFileParser>::Adopt(new CVxTIFFFileParser());
-  parser->AddRef();  // the object starts at zero references
+  static const VxString path = fuzz::ProcessFile("fuzz_tiff", ".tif");
+  if (!fuzz::Store(path, data, size)) return 0;
+  auto parser = fuzz::NewParser<CVxTIFFFileParser>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return 0;
   tagVxImageStreamFormat format{};
   format.cbSize = sizeof format;
   if (FAILED(parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &format))) return 0;
-  vx::ComPtr<IVxMetadata> md;
-  if (SUCCEEDED(VxCreateMetadata(md.put()))) parser->GetMetadata(0, md.get());
+  fuzz::AskAfterOpen(parser.get(), 0);
   // The native picture, or a caller's image: straight into RGBA8/RGBA16/float, converted else.
   static const VxPixelFormat kFormats[] = {VX_PF_UNKNOWN, VX_PF_RGBA8, VX_PF_RGBA16, VX_PF_RGBAF32,
                                            VX_PF_RGB16};
   const int frames = format.frameCount > 3 ? 3 : static_cast<int>(format.frameCount);
-  for (int frame = 0; frame < frames; ++frame) {
-    vx::ComPtr<IVxImage> image;
-    const VxPixelFormat want = kFormats[(size + static_cast<std::size_t>(frame)) % 5];
-    if (want != VX_PF_UNKNOWN && FAILED(VxCreateImage(0, 0, want, image.put()))) return 0;
-    IVxImage* p = image.detach();
-    parser->ReadImage(&p, frame);
-    image = vx::ComPtr<IVxImage>::Adopt(p);
-  }
-  VxChar name[64];
-  parser->GetCompressionName(name, 64);
+  for (int frame = 0; frame < frames; ++frame)
+    fuzz::ReadPicture(parser.get(), kFormats[(size + static_cast<std::size_t>(frame)) % 5], frame);
   return 0;
 }

@@ -20,6 +20,7 @@
 #include "vx/com_ptr.h"
 #include "vx/metadata.h"
 #include "vx/platform.h"
+#include "fuzz_input.h"
 #include "fuzz_seeds.h"
 
 namespace {
@@ -155,18 +156,9 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // One file per fuzzing process, rewritten for every input.
-  static const VxString path =
-      vx::FromUtf8((std::filesystem::temp_directory_path() /
-                    ("fuzz_wav." + std::to_string(vx::os::CurrentProcessId()) + ".wav"))
-                       .string());
-  {
-    vx::os::UniqueFile f(vx::os::Create(path.c_str()));
-    std::uint32_t done = 0;
-    if (!f || !vx::os::WriteAt(f.get(), 0, data, static_cast<std::uint32_t>(size), &done)) return 0;
-  }
-  auto parser = vx::ComPtr<CVxAudioParserWAV>::Adopt(new CVxAudioParserWAV());
-  parser->AddRef();  // the object starts at zero references
+  static const VxString path = fuzz::ProcessFile("fuzz_wav", ".wav");
+  if (!fuzz::Store(path, data, size)) return 0;
+  auto parser = fuzz::NewParser<CVxAudioParserWAV>();
   if (FAILED(parser->Open(path.c_str(), VX_OPEN_NO_PATTERN))) return 0;
 
   std::uint8_t format[64] = {};
