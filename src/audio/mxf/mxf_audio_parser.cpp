@@ -22,6 +22,7 @@ HRESULT CVxAudioParserMXF::ParseFile(const VxChar* name, vx::audio::SampleLayout
     if (!source) return E_NOTIMPL;
     const ff::Status s = source->Open(vx::ToUtf8(name));
     if (s != ff::Status::kOk) return s == ff::Status::kOutOfMemory ? E_OUTOFMEMORY : E_FAIL;
+    if (source->Info().container.rfind("mxf", 0) != 0) return E_FAIL;
     track = 0;
   }
   const ff::MediaInfo& info = source->Info();

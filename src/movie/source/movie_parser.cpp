@@ -512,6 +512,11 @@ HRESULT CVxMovieParser::OpenRead(const VxString& name) {
   const ff::Status s = source->Open(PathOf(name));
   if (s != ff::Status::kOk) return s == ff::Status::kOutOfMemory ? E_OUTOFMEMORY : E_FAIL;
   const ff::MediaInfo& info = source->Info();
+  // Whatever else the demuxer recognises is not this parser's file.
+  const std::string& kind = info.container;
+  if (container_ == vx::movie::Container::kAvi ? !(kind.empty() || kind == "avi")
+                                               : kind.rfind("mxf", 0) != 0)
+    return E_FAIL;
   if (info.video.empty() && info.audio.empty()) return E_FAIL;
   // Nothing of a stream the host could not use: no size, no rate, no samples to speak of.
   for (const ff::VideoTrack& t : info.video) {
