@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -58,6 +59,26 @@ EncoderPlan PlanFor(VideoCodec c, OutputContainer container) {
 bool MxfTakes(VideoCodec c) {
   return c == VideoCodec::kProRes422HQ || c == VideoCodec::kProRes4444 ||
          c == VideoCodec::kDNxHRHQ || c == VideoCodec::kDNxHRHQX;
+}
+
+// JPEG pictures are full range, and the pixel converter delivers video range: stretch the
+// 8-bit planes of a 4:2:2 frame in place.
+void ExpandToFullRange(AVFrame* f) {
+  std::uint8_t luma[256], chroma[256];
+  for (int v = 0; v < 256; ++v) {
+    const int y = ((v - 16) * 255 + 109) / 219;
+    const int c = 128 + ((v - 128) * 255 + (v >= 128 ? 112 : -112)) / 224;
+    luma[v] = static_cast<std::uint8_t>(std::clamp(y, 0, 255));
+    chroma[v] = static_cast<std::uint8_t>(std::clamp(c, 0, 255));
+  }
+  for (int plane = 0; plane < 3; ++plane) {
+    const int w = plane ? (f->width + 1) / 2 : f->width;
+    const std::uint8_t* table = plane ? chroma : luma;
+    for (int y = 0; y < f->height; ++y) {
+      std::uint8_t* row = f->data[plane] + static_cast<std::ptrdiff_t>(y) * f->linesize[plane];
+      for (int x = 0; x < w; ++x) row[x] = table[row[x]];
+    }
+  }
 }
 
 // Turns a packed frame upside down in place.
@@ -166,6 +187,12 @@ struct MovWriter::Impl {
     if (plan.profile && av_opt_set(c->priv_data, "profile", plan.profile, 0) < 0)
       return Status::kUnsupported;
     c->profile = plan.profileNumber;
+    // AVI names no matrix and its readers take BT.601 for every picture it holds.
+    if (container == OutputContainer::kAvi && !rgb) {
+      c->colorspace = AVCOL_SPC_BT470BG;
+      c->color_primaries = AVCOL_PRI_BT470BG;
+      c->color_trc = AVCOL_TRC_SMPTE170M;
+    }
     if (s.codec == VideoCodec::kMJPEG) {
       // Fixed quality rather than a bit rate: JPEG has no rate control worth the name.
       c->flags |= AV_CODEC_FLAG_QSCALE;
@@ -296,6 +323,7 @@ Status MovWriter::WriteFrame(const std::uint8_t* src, std::ptrdiff_t stride, Pix
     if (r < 0) return FromAv(r);
     Status s = impl_->converter.FromLayout(src, stride, layout, f);
     if (s == Status::kOk && impl_->bottomUp) FlipRows(f);
+    if (s == Status::kOk && t.enc->pix_fmt == AV_PIX_FMT_YUVJ422P) ExpandToFullRange(f);
     if (s == Status::kOk) {
       f->pts = t.next++;
       s = impl_->Encode(t, f);
