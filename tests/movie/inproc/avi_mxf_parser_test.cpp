@@ -162,7 +162,7 @@ TEST_F(AviMxf, ReadsWhatFfmpegWrites) {
     // MXF takes a duration: -frames:v cuts its muxer's sound short.
     if (!c.frames)
       limit = " -t 0.5";
-    else if (c.mxf)
+    else if (c.mxf && c.channels)
       limit = " -t " + std::to_string((c.frames - 0.5) * c.rateDen / c.rateNum);
     else
       limit = " -frames:v " + std::to_string(c.frames);
