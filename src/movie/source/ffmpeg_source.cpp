@@ -1,5 +1,6 @@
 // The FFmpeg backend of the movie seam: both containers through the FFmpeg media library.
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "movie/source/movie_source.h"
