@@ -16,14 +16,19 @@ class FfmpegSource final : public MovieSource {
   const ffmedia::MediaInfo& Info() const override { return reader_.Info(); }
   Status ReadFrame(int track, std::int64_t index, ffmedia::PixelLayout layout, std::uint8_t* dst,
                    std::ptrdiff_t stride) override {
+    std::lock_guard<std::mutex> hold(lock_);
     return reader_.ReadFrame(track, index, layout, dst, stride);
   }
   Status ReadAudio(int track, std::int64_t start, std::int64_t count, ffmedia::SampleLayout layout,
                    void* dst, std::int64_t* got) override {
+    std::lock_guard<std::mutex> hold(lock_);
     return reader_.ReadAudio(track, start, count, layout, dst, got);
   }
 
  private:
+  // The picture streams and the sound parsers share one reader, and a host may read pictures
+  // and sound from different threads.
+  std::mutex lock_;
   ffmedia::MediaReader reader_;
 };
 
