@@ -13,6 +13,8 @@
 #include "imagelib/ceil/ceil_parser.h"
 #include "red/r3d/r3d_parser.h"
 #include "red/r3d/red_process_helper.h"
+#include "movie/avi/avi_parser.h"
+#include "movie/mxf/mxf_parser.h"
 #include "movie/qt/qt_manager.h"
 #include "movie/qt/qt_parser.h"
 #include "still/chyron/chyron_parser.h"
@@ -75,6 +77,8 @@ constexpr ClassEntry kClasses[] = {
     {"CVxMediaFileParserR3D", &Parser<red::CVxMediaFileParserR3D>},
     {"CVxMediaFileParserQT", &Parser<CVxMediaFileParserQT>},
     {"CVxQTManager", &Construct<CVxQTManager, IVxGeneric>},
+    {"CVxMediaFileParserAVI", &Parser<CVxMediaFileParserAVI>},
+    {"CVxMediaFileParserMXF", &Parser<CVxMediaFileParserMXF>},
     // clang-format on
 };
 

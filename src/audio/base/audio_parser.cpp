@@ -367,9 +367,10 @@ HRESULT CVxAudioParser::ReadSamples(const VxSamplePosition* pos, LONG count, voi
     const auto want =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(count, layout_.frames - first));
     std::uint32_t got = 0;
-    const HRESULT hr = layout_.decoder
-                           ? ReadBlocks(first, want, static_cast<std::uint8_t*>(buffer), &got)
-                           : ReadPcm(first, want, static_cast<std::uint8_t*>(buffer), &got);
+    auto* out = static_cast<std::uint8_t*>(buffer);
+    HRESULT hr = ReadFrames(first, want, out, &got);
+    if (hr == E_NOTIMPL)
+      hr = layout_.decoder ? ReadBlocks(first, want, out, &got) : ReadPcm(first, want, out, &got);
     *done = static_cast<LONG>(got);
     if (FAILED(hr)) return hr;
     return got == static_cast<std::uint32_t>(count) ? S_OK : S_FALSE;

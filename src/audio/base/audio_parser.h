@@ -112,6 +112,12 @@ class CVxAudioParser : public IVxMediaFileParser,
   virtual void TakeFormatMetadata(IVxMetadata* md) = 0;
   // Capability bits of the sound stream (bit 0 import, bit 1 export).
   virtual DWORD Capabilities() const = 0;
+  // A format whose samples come out of a demuxer rather than SampleFile() delivers `frames`
+  // host frames from `first` here (*got: how many the file held); E_NOTIMPL keeps the base's
+  // own reads.
+  virtual HRESULT ReadFrames(std::uint64_t, std::uint32_t, std::uint8_t*, std::uint32_t*) {
+    return E_NOTIMPL;
+  }
 
   // ---- What the base keeps for the formats ----
   void SetHostFormat(const void* format, std::size_t bytes);

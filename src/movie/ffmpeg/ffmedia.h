@@ -121,7 +121,22 @@ class MediaReader {
   std::unique_ptr<Impl> impl_;
 };
 
-enum class VideoCodec { kProRes422HQ, kProRes4444, kDNxHRHQ, kDNxHRHQX, kV210, kRGB24, kRGBA8 };
+enum class VideoCodec {
+  kProRes422HQ,
+  kProRes4444,
+  kDNxHRHQ,
+  kDNxHRHQX,
+  kV210,
+  kRGB24,
+  kRGBA8,
+  kBGR24,  // AVI: uncompressed 24-bit DIB
+  kBGRA8,  // AVI: uncompressed 32-bit DIB
+  kMJPEG,  // motion JPEG, 4:2:2
+};
+
+// What MovWriter writes. AVI switches to OpenDML indexes by itself past its 1 GB limit; MXF is
+// OP1a.
+enum class OutputContainer { kMov, kAvi, kMxf };
 
 struct VideoSettings {
   VideoCodec codec = VideoCodec::kProRes422HQ;
@@ -137,8 +152,8 @@ struct AudioSettings {
   int bits = 24;  // 16 or 24
 };
 
-// Writes a MOV under a temporary name and renames it on Finish; a writer destroyed without
-// Finish leaves no file.
+// Writes a MOV (or an AVI or MXF) under a temporary name and renames it on Finish; a writer
+// destroyed without Finish leaves no file.
 class MovWriter {
  public:
   MovWriter();
@@ -149,7 +164,8 @@ class MovWriter {
   // `video` may be null for a sound-only movie; `timecode` "HH:MM:SS:FF" (or "" for none).
   Status Open(const std::string& path, const VideoSettings* video,
               const std::vector<AudioSettings>& audio, const std::string& timecode = "",
-              const std::vector<std::pair<std::string, std::string>>& metadata = {});
+              const std::vector<std::pair<std::string, std::string>>& metadata = {},
+              OutputContainer container = OutputContainer::kMov);
   Status WriteFrame(const std::uint8_t* src, std::ptrdiff_t stride, PixelLayout layout);
   Status WriteAudio(int track, const void* src, std::int64_t count, SampleLayout layout);
   Status Finish();

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -20,28 +22,77 @@ using detail::FromAv;
 struct EncoderPlan {
   const char* encoder;
   AVPixelFormat format;
-  const char* profile;  // private "profile" option, or null
+  const char* profile;                     // private "profile" option, or null
+  int profileNumber = FF_PROFILE_UNKNOWN;  // what MXF's descriptor needs to know
+  bool bottomUp = false;                   // DIB rows, last row first
 };
 
-EncoderPlan PlanFor(VideoCodec c) {
+EncoderPlan PlanFor(VideoCodec c, OutputContainer container) {
+  const bool avi = container == OutputContainer::kAvi;
   switch (c) {
     case VideoCodec::kProRes422HQ:
-      return {"prores_ks", AV_PIX_FMT_YUV422P10, "hq"};
+      return {"prores_ks", AV_PIX_FMT_YUV422P10, "hq", FF_PROFILE_PRORES_HQ};
     case VideoCodec::kProRes4444:
-      return {"prores_ks", AV_PIX_FMT_YUVA444P10, "4444"};
+      return {"prores_ks", AV_PIX_FMT_YUVA444P10, "4444", FF_PROFILE_PRORES_4444};
     case VideoCodec::kDNxHRHQ:
-      return {"dnxhd", AV_PIX_FMT_YUV422P, "dnxhr_hq"};
+      return {"dnxhd", AV_PIX_FMT_YUV422P, "dnxhr_hq", FF_PROFILE_DNXHR_HQ};
     case VideoCodec::kDNxHRHQX:
-      return {"dnxhd", AV_PIX_FMT_YUV422P10, "dnxhr_hqx"};
+      return {"dnxhd", AV_PIX_FMT_YUV422P10, "dnxhr_hqx", FF_PROFILE_DNXHR_HQX};
     case VideoCodec::kV210:
       return {"v210", AV_PIX_FMT_YUV422P10, nullptr};
+    case VideoCodec::kMJPEG:
+      return {"mjpeg", AV_PIX_FMT_YUVJ422P, nullptr};
     case VideoCodec::kRGB24:
+    case VideoCodec::kBGR24:
+      if (avi) return {"rawvideo", AV_PIX_FMT_BGR24, nullptr, FF_PROFILE_UNKNOWN, true};
       return {"rawvideo", AV_PIX_FMT_RGB24, nullptr};
     case VideoCodec::kRGBA8:
+    case VideoCodec::kBGRA8:
+      if (avi) return {"rawvideo", AV_PIX_FMT_BGRA, nullptr, FF_PROFILE_UNKNOWN, true};
       // QuickTime's 32-bit raw video is A R G B.
       return {"rawvideo", AV_PIX_FMT_ARGB, nullptr};
   }
   return {nullptr, AV_PIX_FMT_NONE, nullptr};
+}
+
+// MXF's muxer describes only the compressed codecs it knows.
+bool MxfTakes(VideoCodec c) {
+  return c == VideoCodec::kProRes422HQ || c == VideoCodec::kProRes4444 ||
+         c == VideoCodec::kDNxHRHQ || c == VideoCodec::kDNxHRHQX;
+}
+
+// JPEG pictures are full range, and the pixel converter delivers video range: stretch the
+// 8-bit planes of a 4:2:2 frame in place.
+void ExpandToFullRange(AVFrame* f) {
+  std::uint8_t luma[256], chroma[256];
+  for (int v = 0; v < 256; ++v) {
+    const int y = ((v - 16) * 255 + 109) / 219;
+    const int c = 128 + ((v - 128) * 255 + (v >= 128 ? 112 : -112)) / 224;
+    luma[v] = static_cast<std::uint8_t>(std::clamp(y, 0, 255));
+    chroma[v] = static_cast<std::uint8_t>(std::clamp(c, 0, 255));
+  }
+  for (int plane = 0; plane < 3; ++plane) {
+    const int w = plane ? (f->width + 1) / 2 : f->width;
+    const std::uint8_t* table = plane ? chroma : luma;
+    for (int y = 0; y < f->height; ++y) {
+      std::uint8_t* row = f->data[plane] + static_cast<std::ptrdiff_t>(y) * f->linesize[plane];
+      for (int x = 0; x < w; ++x) row[x] = table[row[x]];
+    }
+  }
+}
+
+// Turns a packed frame upside down in place.
+void FlipRows(AVFrame* f) {
+  const int h = f->height;
+  const std::size_t row = static_cast<std::size_t>(std::abs(f->linesize[0]));
+  std::vector<std::uint8_t> tmp(row);
+  for (int y = 0; y < h / 2; ++y) {
+    std::uint8_t* a = f->data[0] + static_cast<std::ptrdiff_t>(y) * f->linesize[0];
+    std::uint8_t* b = f->data[0] + static_cast<std::ptrdiff_t>(h - 1 - y) * f->linesize[0];
+    std::memcpy(tmp.data(), a, row);
+    std::memcpy(a, b, row);
+    std::memcpy(b, tmp.data(), row);
+  }
 }
 
 struct Track {
@@ -61,6 +112,8 @@ struct MovWriter::Impl {
   AVFormatContext* oc = nullptr;
   bool headerWritten = false;
   bool hasVideo = false;
+  bool bottomUp = false;
+  OutputContainer container = OutputContainer::kMov;
   Track video;
   std::vector<Track> audio;
   detail::PixelConverter converter;
@@ -106,7 +159,8 @@ struct MovWriter::Impl {
   }
 
   Status AddVideo(const VideoSettings& s) {
-    const EncoderPlan plan = PlanFor(s.codec);
+    const EncoderPlan plan = PlanFor(s.codec, container);
+    if (container == OutputContainer::kMxf && !MxfTakes(s.codec)) return Status::kUnsupported;
     const AVCodec* codec = plan.encoder ? avcodec_find_encoder_by_name(plan.encoder) : nullptr;
     if (!codec) return Status::kUnsupported;
     video.stream = avformat_new_stream(oc, nullptr);
@@ -120,7 +174,8 @@ struct MovWriter::Impl {
     c->framerate = {static_cast<int>(s.rate.num), static_cast<int>(s.rate.den)};
     c->sample_aspect_ratio = {1, 1};
     c->thread_count = 0;
-    const bool rgb = s.codec == VideoCodec::kRGB24 || s.codec == VideoCodec::kRGBA8;
+    const bool rgb = s.codec == VideoCodec::kRGB24 || s.codec == VideoCodec::kRGBA8 ||
+                     s.codec == VideoCodec::kBGR24 || s.codec == VideoCodec::kBGRA8;
     c->colorspace = rgb ? AVCOL_SPC_RGB : AVCOL_SPC_BT709;
     c->color_primaries = AVCOL_PRI_BT709;
     c->color_trc = AVCOL_TRC_BT709;
@@ -131,6 +186,21 @@ struct MovWriter::Impl {
     if (oc->oformat->flags & AVFMT_GLOBALHEADER) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     if (plan.profile && av_opt_set(c->priv_data, "profile", plan.profile, 0) < 0)
       return Status::kUnsupported;
+    c->profile = plan.profileNumber;
+    // AVI names no matrix and its readers take BT.601 for every picture it holds.
+    if (container == OutputContainer::kAvi && !rgb) {
+      c->colorspace = AVCOL_SPC_BT470BG;
+      c->color_primaries = AVCOL_PRI_BT470BG;
+      c->color_trc = AVCOL_TRC_SMPTE170M;
+    }
+    if (s.codec == VideoCodec::kMJPEG) {
+      // Fixed quality rather than a bit rate: JPEG has no rate control worth the name.
+      c->flags |= AV_CODEC_FLAG_QSCALE;
+      c->global_quality = FF_QP2LAMBDA * 2;
+      c->color_range = AVCOL_RANGE_JPEG;
+      c->colorspace = AVCOL_SPC_BT470BG;
+    }
+    bottomUp = plan.bottomUp;
     int r = avcodec_open2(c, codec, nullptr);
     if (r < 0) return r == AVERROR(ENOMEM) ? Status::kOutOfMemory : Status::kInvalidArg;
     r = avcodec_parameters_from_context(video.stream->codecpar, c);
@@ -188,7 +258,8 @@ std::int64_t MovWriter::FramesWritten() const {
 
 Status MovWriter::Open(const std::string& path, const VideoSettings* video,
                        const std::vector<AudioSettings>& audio, const std::string& timecode,
-                       const std::vector<std::pair<std::string, std::string>>& metadata) {
+                       const std::vector<std::pair<std::string, std::string>>& metadata,
+                       OutputContainer container) {
   impl_.reset();
   if (path.empty() || (!video && audio.empty())) return Status::kInvalidArg;
   if (video && (video->width <= 0 || video->height <= 0 || video->width > detail::kMaxDimension ||
@@ -207,7 +278,11 @@ Status MovWriter::Open(const std::string& path, const VideoSettings* video,
     auto im = std::make_unique<Impl>();
     im->path = path;
     im->temp = path + ".part" + std::to_string(reinterpret_cast<std::uintptr_t>(im.get()));
-    const AVOutputFormat* of = av_guess_format("mov", nullptr, nullptr);
+    im->container = container;
+    const char* formatName = container == OutputContainer::kAvi   ? "avi"
+                             : container == OutputContainer::kMxf ? "mxf"
+                                                                  : "mov";
+    const AVOutputFormat* of = av_guess_format(formatName, nullptr, nullptr);
     if (!of) return Status::kUnsupported;
     int r = avformat_alloc_output_context2(&im->oc, of, nullptr, im->temp.c_str());
     if (r < 0 || !im->oc) return Status::kOutOfMemory;
@@ -224,8 +299,11 @@ Status MovWriter::Open(const std::string& path, const VideoSettings* video,
     }
     r = avio_open(&im->oc->pb, im->temp.c_str(), AVIO_FLAG_WRITE);
     if (r < 0) return Status::kFail;
-    r = avformat_write_header(im->oc, nullptr);
-    if (r < 0) return FromAv(r);
+    AVDictionary* options = nullptr;
+    if (im->bottomUp) av_dict_set(&options, "flipped_raw_rgb", "1", 0);
+    r = avformat_write_header(im->oc, &options);
+    av_dict_free(&options);
+    if (r < 0) return r == AVERROR(ENOMEM) ? Status::kOutOfMemory : Status::kUnsupported;
     im->headerWritten = true;
     impl_ = std::move(im);
     return Status::kOk;
@@ -244,6 +322,8 @@ Status MovWriter::WriteFrame(const std::uint8_t* src, std::ptrdiff_t stride, Pix
     int r = av_frame_get_buffer(f, 0);
     if (r < 0) return FromAv(r);
     Status s = impl_->converter.FromLayout(src, stride, layout, f);
+    if (s == Status::kOk && impl_->bottomUp) FlipRows(f);
+    if (s == Status::kOk && t.enc->pix_fmt == AV_PIX_FMT_YUVJ422P) ExpandToFullRange(f);
     if (s == Status::kOk) {
       f->pts = t.next++;
       s = impl_->Encode(t, f);
