@@ -74,24 +74,11 @@ class VfwStream final : public AviStream {
     return true;
   }
 
+  bool CanDecompress(int bits) override { return Getter(bits) != nullptr; }
+
   bool Decompress(std::int64_t index, int bits, std::vector<std::uint8_t>* dib) override {
-    if ((bits != 24 && bits != 32) || !FitsLong(index)) return false;
-    PGETFRAME& g = frames_[bits == 32];
-    if (!g) {
-      std::vector<std::uint8_t> format;
-      if (!ReadFormat(&format) || format.size() < sizeof(BITMAPINFOHEADER)) return false;
-      BITMAPINFOHEADER in;
-      std::memcpy(&in, format.data(), sizeof in);
-      BITMAPINFOHEADER want{};
-      want.biSize = sizeof want;
-      want.biWidth = in.biWidth;
-      want.biHeight = in.biHeight < 0 ? -in.biHeight : in.biHeight;
-      want.biPlanes = 1;
-      want.biBitCount = static_cast<WORD>(bits);
-      want.biCompression = BI_RGB;
-      g = ::AVIStreamGetFrameOpen(s_, &want);
-      if (!g) return false;
-    }
+    PGETFRAME g = Getter(bits);
+    if (!g || !FitsLong(index)) return false;
     const auto* p =
         static_cast<const std::uint8_t*>(::AVIStreamGetFrame(g, static_cast<LONG>(index)));
     if (!p) return false;
@@ -114,11 +101,33 @@ class VfwStream final : public AviStream {
     return true;
   }
 
+  // The frame getter for `bits`, opened once; null when the system has no decompressor.
+  PGETFRAME Getter(int bits) {
+    if (bits != 24 && bits != 32) return nullptr;
+    const int i = bits == 32;
+    if (frames_[i] || tried_[i]) return frames_[i];
+    tried_[i] = true;
+    std::vector<std::uint8_t> format;
+    if (!ReadFormat(&format) || format.size() < sizeof(BITMAPINFOHEADER)) return nullptr;
+    BITMAPINFOHEADER in;
+    std::memcpy(&in, format.data(), sizeof in);
+    BITMAPINFOHEADER want{};
+    want.biSize = sizeof want;
+    want.biWidth = in.biWidth;
+    want.biHeight = in.biHeight < 0 ? -in.biHeight : in.biHeight;
+    want.biPlanes = 1;
+    want.biBitCount = static_cast<WORD>(bits);
+    want.biCompression = BI_RGB;
+    frames_[i] = ::AVIStreamGetFrameOpen(s_, &want);
+    return frames_[i];
+  }
+
  private:
   Library lib_;
   PAVISTREAM s_;
   AviStreamInfo info_;
   PGETFRAME frames_[2] = {nullptr, nullptr};  // 24 and 32 bits
+  bool tried_[2] = {false, false};
 };
 
 class VfwFile final : public AviFile {

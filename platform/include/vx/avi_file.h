@@ -37,10 +37,13 @@ class AviStream {
   // The stream's format record as stored (BITMAPINFOHEADER with its palette or extra bytes,
   // WAVEFORMATEX with its cbSize bytes). False when it cannot be read.
   virtual bool ReadFormat(std::vector<std::uint8_t>* format) = 0;
+  // Positions are the stream's own: the first sample is Info().start.
   // Raw samples [start, start + count) into `dst` of `capacity` bytes: one frame's bytes for
   // video, a run of blocks for sound. `*bytes` and `*samples` say what arrived.
   virtual bool Read(std::int64_t start, std::int64_t count, void* dst, std::size_t capacity,
                     std::size_t* bytes, std::int64_t* samples) = 0;
+  // Whether the system has a decompressor that gives this stream's frames as `bits`-bit DIBs.
+  virtual bool CanDecompress(int bits) = 0;
   // Frame `index` through the system's decompressor as a 24- or 32-bit DIB: the header
   // (BITMAPINFOHEADER, 40 bytes) followed by the rows as the header orders them. False when the
   // system has no decompressor for the stream or the frame fails.
