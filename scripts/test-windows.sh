@@ -95,3 +95,26 @@ trap '"$server" -k >/dev/null 2>&1 || true' EXIT
 # A test program that wine fails to start at all (seen once in many runs: no output, 0.01 s)
 # gets one more try; a test that fails on its own merits fails both times.
 ctest --preset win64 --repeat until-pass:2
+
+# The AVI files the Windows side wrote (tests/movie/vfw) as ffmpeg reads them: the same frames
+# and sound as the decode they were written from.
+written_check() {  # folder
+  local d=$1 n f
+  command -v ffmpeg >/dev/null && [ -f "$d/written_v210.avi" ] || return 0
+  echo "== AVI files written through Video for Windows, read by ffmpeg" >&2
+  for n in bgr24_topdown:bgr24 bgra:bgra v210:v210; do
+    f=${n%%:*}
+    if [ "${n#*:}" = v210 ]; then
+      ffmpeg -v error -i "$d/written_$f.avi" -c:v v210 -f rawvideo - | cmp - "$d/$f.native"
+    else
+      ffmpeg -v error -i "$d/written_$f.avi" -f rawvideo -pix_fmt "${n#*:}" - | cmp - "$d/$f.native"
+    fi
+  done
+  for f in bgr24_topdown uyvy; do
+    ffmpeg -v error -i "$d/written_$f.avi" -vn -f s24le - | cmp - "$d/$f.pcm"
+  done
+  [ "$(ffprobe -v error -select_streams v:0 -count_frames -show_entries \
+    stream=codec_name,width,height,nb_read_frames -of csv=p=0 "$d/written_uyvy.avi")" = \
+    "v210,160,90,7" ] || { echo "written_uyvy.avi: not 7 v210 frames of 160x90" >&2; exit 1; }
+}
+written_check "$VX_AVI_SAMPLES"

@@ -353,6 +353,53 @@ TEST(VfwAvi, WritesWhatItReadsBack) {
   EXPECT_FALSE(vx::movie::MakeMovieSource(Container::kMxf));
 }
 
+// ffmpeg's decode written back through the sink as "written_<name>.avi"; the script then checks
+// with ffmpeg that it reads our files as these same frames and sound.
+TEST(VfwAvi, WritesFilesFfmpegReads) {
+  const fs::path dir = SampleDir();
+  if (dir.empty() || !fs::exists(dir / "uyvy.avi")) GTEST_SKIP() << "VX_AVI_SAMPLES not set";
+  struct Case {
+    const char* name;
+    vx::ffmedia::VideoCodec codec;
+    PixelLayout layout;
+    int width, height, audioRate, channels, bits;
+  };
+  const Case cases[] = {
+      {"bgr24_topdown", vx::ffmedia::VideoCodec::kRGB24, PixelLayout::kBGR24, 97, 61, 44100, 1, 24},
+      {"bgra", vx::ffmedia::VideoCodec::kRGBA8, PixelLayout::kBGRA8, 64, 36, 0, 0, 0},
+      {"uyvy", vx::ffmedia::VideoCodec::kV210, PixelLayout::kUYVY8, 160, 90, 48000, 2, 24},
+      {"v210", vx::ffmedia::VideoCodec::kV210, PixelLayout::kV210, 160, 90, 0, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Bytes frames = vxtest::ReadFile(dir / (std::string(c.name) + ".native"));
+    const std::size_t row = vx::movie::vfw::LayoutRowBytes(c.layout, c.width);
+    const std::size_t frame = row * static_cast<std::size_t>(c.height);
+    ASSERT_GT(frames.size(), 0u);
+    vx::ffmedia::VideoSettings vs;
+    vs.codec = c.codec;
+    vs.width = c.width;
+    vs.height = c.height;
+    std::vector<vx::ffmedia::AudioSettings> audio;
+    if (c.channels) audio.push_back({c.audioRate, c.channels, c.bits});
+    auto sink = vx::movie::MakeMovieSink(Container::kAvi);
+    ASSERT_EQ(
+        sink->Open(Utf8(dir / ("written_" + std::string(c.name) + ".avi")), &vs, audio, "", {}),
+        Status::kOk);
+    for (std::size_t at = 0; at + frame <= frames.size(); at += frame)
+      ASSERT_EQ(sink->WriteFrame(&frames[at], static_cast<std::ptrdiff_t>(row), c.layout),
+                Status::kOk);
+    if (c.channels) {
+      const Bytes pcm = vxtest::ReadFile(dir / (std::string(c.name) + ".pcm"));
+      const std::size_t fb = static_cast<std::size_t>(c.channels * c.bits / 8);
+      ASSERT_EQ(sink->WriteAudio(0, pcm.data(), static_cast<std::int64_t>(pcm.size() / fb),
+                                 SampleLayout::kS24),
+                Status::kOk);
+    }
+    ASSERT_EQ(sink->Finish(), Status::kOk);
+  }
+}
+
 TEST(VfwAvi, RefusesBrokenFiles) {
   vxtest::TempDir tmp;
   const fs::path good = tmp / "good.avi";
