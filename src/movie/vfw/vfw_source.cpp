@@ -140,6 +140,18 @@ struct AudioStream {
 class VfwSource final : public MovieSource {
  public:
   Status Open(const std::string& path) override {
+    try {
+      return Load(path);
+    } catch (const std::bad_alloc&) {
+      Fail();
+      return Status::kOutOfMemory;
+    }
+  }
+
+  const ffmedia::MediaInfo& Info() const override { return info_; }
+
+ private:
+  Status Load(const std::string& path) {
     info_ = {};
     video_.clear();
     audio_.clear();
@@ -162,8 +174,7 @@ class VfwSource final : public MovieSource {
     return Status::kOk;
   }
 
-  const ffmedia::MediaInfo& Info() const override { return info_; }
-
+ public:
   Status ReadFrame(int track, std::int64_t index, PixelLayout layout, std::uint8_t* dst,
                    std::ptrdiff_t stride) override {
     if (track < 0 || track >= static_cast<int>(video_.size())) return Status::kInvalidArg;
