@@ -203,8 +203,8 @@ class VfwWriter final : public AviWriter {
 
   bool Write(int stream, std::int64_t start, std::int64_t samples, const void* data,
              std::size_t bytes, bool key) override {
-    if (stream < 0 || stream >= static_cast<int>(streams_.size()) || !FitsLong(start) ||
-        !FitsLong(samples) || bytes > LONG_MAX)
+    if (stream < 0 || stream >= static_cast<int>(streams_.size()) ||
+        (start != -1 && !FitsLong(start)) || !FitsLong(samples) || bytes > LONG_MAX)
       return false;
     return ::AVIStreamWrite(streams_[static_cast<std::size_t>(stream)], static_cast<LONG>(start),
                             static_cast<LONG>(samples), const_cast<void*>(data),

@@ -67,7 +67,7 @@ class AviWriter {
   virtual ~AviWriter() = default;
   // The new stream's index, or -1. `info.length` and `info.start` are ignored.
   virtual int AddStream(const AviStreamInfo& info, const void* format, std::size_t formatBytes) = 0;
-  // `samples` samples at `start` from `bytes` bytes; key frames are marked as such.
+  // `samples` samples at `start` (-1: after the last) from `bytes` bytes; key frames marked so.
   virtual bool Write(int stream, std::int64_t start, std::int64_t samples, const void* data,
                      std::size_t bytes, bool key) = 0;
   // Releases streams and file; false when the library reported a failure on the way.

@@ -117,6 +117,115 @@ std::int32_t LoadSample(const std::uint8_t* s, SampleLayout l) {
   return 0;
 }
 
+// Calls `each(at, strh)` for every stream header of the header list, in stream order: `at` is
+// the file offset of the header's data, `strh` its first 36 bytes; `each` returns false to stop.
+// False when the file has no header list that reads whole.
+template <class Each>
+bool ForEachStreamHeader(os::FileHandle f, Each each) {
+  std::uint64_t size = 0;
+  if (!os::Size(f, &size)) return false;
+  auto read = [&](std::uint64_t at, std::uint8_t* b, std::uint32_t n) {
+    std::uint32_t got = 0;
+    return at + n <= size && os::ReadAt(f, at, b, n, &got) && got == n;
+  };
+  std::uint8_t h[12];
+  if (!read(0, h, 12) || std::memcmp(h, "RIFF", 4) != 0 || std::memcmp(h + 8, "AVI ", 4) != 0)
+    return false;
+  for (std::uint64_t at = 12; read(at, h, 12); at += 8 + (Le32(h + 4) + 1ull) / 2 * 2) {
+    if (std::memcmp(h, "LIST", 4) != 0 || std::memcmp(h + 8, "hdrl", 4) != 0) continue;
+    const std::uint64_t end = std::min(size, at + 8 + Le32(h + 4));
+    for (std::uint64_t s = at + 12; s + 12 <= end && read(s, h, 12);
+         s += 8 + (Le32(h + 4) + 1ull) / 2 * 2) {
+      if (std::memcmp(h, "LIST", 4) != 0 || std::memcmp(h + 8, "strl", 4) != 0) continue;
+      std::uint8_t strh[8 + 36];
+      if (!read(s + 12, strh, sizeof strh) || std::memcmp(strh, "strh", 4) != 0) return false;
+      if (!each(s + 12 + 8, strh + 8)) return true;
+    }
+    return true;
+  }
+  return false;
+}
+
+// The system library trusts some header fields (wine's stops the process on a zero rate), so
+// the stream headers are checked before it sees the file.
+bool HeadersSane(const VxChar* path) {
+  os::UniqueFile f(os::OpenRead(path));
+  bool sane = true;
+  int streams = 0;
+  const bool whole = f && ForEachStreamHeader(f.get(), [&](std::uint64_t, const std::uint8_t* h) {
+                       ++streams;
+                       sane = Le32(h + 20) != 0 && Le32(h + 24) != 0;  // scale, rate
+                       return sane;
+                     });
+  return whole && sane && streams > 0;
+}
+
+// Some implementations of the library (wine's) count a sound stream's length in writes, not in
+// samples. The header is ours to correct: the `n`th sound stream's length becomes lengths[n].
+bool FixSoundLengths(const VxChar* path, const std::vector<std::int64_t>& lengths) {
+  os::UniqueFile f(os::OpenReadWrite(path));
+  std::size_t sound = 0;
+  bool ok = true;
+  if (!f || !ForEachStreamHeader(f.get(), [&](std::uint64_t at, const std::uint8_t* h) {
+        if (Le32(h) != kAuds) return true;
+        if (sound >= lengths.size()) return ok = false;
+        std::uint8_t v[4];
+        PutLe32(v, static_cast<std::uint32_t>(lengths[sound++]));
+        std::uint32_t done = 0;
+        if (Le32(h + 32) != Le32(v)) ok = os::WriteAt(f.get(), at + 32, v, 4, &done) && done == 4;
+        return ok;
+      }))
+    return false;
+  return ok && sound == lengths.size();
+}
+
+// Chunks and bytes of data per stream as the file's index lists them. The system library
+// trusts the headers' lengths over its index (wine's stops the process on a read past what it
+// indexed, and without an index it reads nothing), so a stream is never read past these.
+struct Stored {
+  bool indexed = false;
+  std::vector<std::uint64_t> chunks, bytes;
+};
+Stored CountStored(const VxChar* path, int streams) {
+  Stored st;
+  st.chunks.assign(static_cast<std::size_t>(streams), 0);
+  st.bytes.assign(static_cast<std::size_t>(streams), 0);
+  os::UniqueFile f(os::OpenRead(path));
+  std::uint64_t size = 0;
+  if (!f || !os::Size(f.get(), &size)) return st;
+  auto read = [&](std::uint64_t at, std::uint8_t* b, std::uint32_t n) {
+    std::uint32_t got = 0;
+    return at + n <= size && os::ReadAt(f.get(), at, b, n, &got) && got == n;
+  };
+  auto add = [&](const std::uint8_t* id, std::uint64_t bytes) {
+    if (id[0] < '0' || id[0] > '9' || id[1] < '0' || id[1] > '9') return;
+    const int n = (id[0] - '0') * 10 + (id[1] - '0');
+    if (n >= streams) return;
+    ++st.chunks[static_cast<std::size_t>(n)];
+    st.bytes[static_cast<std::size_t>(n)] += bytes;
+  };
+  std::uint8_t h[12];
+  std::uint64_t idx = 0, idxEnd = 0;
+  for (std::uint64_t at = 12; read(at, h, 12); at += 8 + (Le32(h + 4) + 1ull) / 2 * 2) {
+    if (std::memcmp(h, "idx1", 4) == 0 && !idx) {
+      idx = at + 8;
+      idxEnd = std::min(size, idx + Le32(h + 4));
+    }
+  }
+  if (idx) {
+    st.indexed = true;
+    std::vector<std::uint8_t> e(16 * 4096);
+    for (std::uint64_t at = idx; at + 16 <= idxEnd;) {
+      const std::uint32_t n =
+          static_cast<std::uint32_t>(std::min<std::uint64_t>(4096, (idxEnd - at) / 16));
+      if (!read(at, e.data(), n * 16)) break;
+      for (std::uint32_t i = 0; i < n; ++i) add(&e[16 * i], Le32(&e[16 * i + 12]));
+      at += std::uint64_t{n} * 16;
+    }
+  }
+  return st;
+}
+
 // ---- Reading ------------------------------------------------------------------------------
 
 struct VideoStream {
@@ -157,14 +266,17 @@ class VfwSource final : public MovieSource {
     audio_.clear();
     file_.reset();
     const VxString wide = FromUtf8(path);
+    if (!HeadersSane(wide.c_str())) return Status::kFail;
     file_ = os::OpenAviFile(wide.c_str());
     if (!file_) return Status::kFail;
     info_.container = "avi";
+    stored_ = CountStored(wide.c_str(), file_->StreamCount());
     for (int i = 0; i < file_->StreamCount(); ++i) {
       os::AviStream* s = file_->Stream(i);
       const os::AviStreamInfo& si = s->Info();
       if (si.type != kVids && si.type != kAuds) continue;
       if (si.rate == 0 || si.scale == 0 || si.length < 0) return Fail();
+      if (si.length > 0 && !stored_.indexed) return Fail();  // nothing the library can read
       std::vector<std::uint8_t> fmt;
       if (!s->ReadFormat(&fmt)) return Fail();
       const Status st = si.type == kVids ? AddVideo(i, s, fmt) : AddAudio(i, s, fmt);
@@ -346,7 +458,8 @@ class VfwSource final : public MovieSource {
     const os::AviStreamInfo& si = s->Info();
     const std::int64_t g = Gcd(si.rate, si.scale);
     t.rate = {si.rate / g, si.scale / g};
-    t.frames = si.length;
+    t.frames = std::min<std::int64_t>(
+        si.length, static_cast<std::int64_t>(stored_.chunks[static_cast<std::size_t>(index)]));
     video_.push_back(v);
     info_.video.push_back(t);
     info_.duration = std::max(info_.duration, static_cast<double>(t.frames) / t.rate.Value());
@@ -394,6 +507,9 @@ class VfwSource final : public MovieSource {
     // PCM streams count blocks; a stream that says otherwise is counted from its bytes.
     t.samples = si.sampleSize == 0 || si.sampleSize == block ? si.length
                                                              : si.length * si.sampleSize / block;
+    t.samples = std::min<std::int64_t>(
+        t.samples,
+        static_cast<std::int64_t>(stored_.bytes[static_cast<std::size_t>(index)] / block));
     audio_.push_back(a);
     info_.audio.push_back(t);
     info_.duration = std::max(info_.duration, static_cast<double>(t.samples) / t.sampleRate);
@@ -405,6 +521,7 @@ class VfwSource final : public MovieSource {
   std::vector<VideoStream> video_;
   std::vector<AudioStream> audio_;
   std::vector<std::uint8_t> buf_;
+  Stored stored_;
 };
 
 // ---- Writing ------------------------------------------------------------------------------
@@ -559,8 +676,8 @@ class VfwSink final : public MovieSink {
     } catch (const std::bad_alloc&) {
       return Status::kOutOfMemory;
     }
-    if (!writer_->Write(a.stream, a.position, count, buf_.data(), bytes, true))
-      return Status::kFail;
+    // Appended: wine's library refuses an explicit start for sound after the first write.
+    if (!writer_->Write(a.stream, -1, count, buf_.data(), bytes, true)) return Status::kFail;
     a.position += count;
     bytes_ += bytes + kPerChunk;
     return Status::kOk;
@@ -570,7 +687,10 @@ class VfwSink final : public MovieSink {
     if (!writer_) return Status::kInvalidArg;
     const bool closed = writer_->Close();
     writer_.reset();
-    if (!closed || !os::Replace(temp_.c_str(), final_.c_str())) {
+    std::vector<std::int64_t> lengths;
+    for (const Track& a : audio_) lengths.push_back(a.position);
+    if (!closed || (!lengths.empty() && !FixSoundLengths(temp_.c_str(), lengths)) ||
+        !os::Replace(temp_.c_str(), final_.c_str())) {
       os::Remove(temp_.c_str());
       return Status::kFail;
     }
