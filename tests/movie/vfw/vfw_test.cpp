@@ -131,6 +131,15 @@ TEST(VfwRows, ConvertsByHandWorkedValues) {
     for (std::size_t i = 0; i < out.size(); ++i)
       EXPECT_LE(std::abs(out[i] - c.out[i]), c.tolerance) << c.what << " byte " << i;
   }
+  // Deep host pictures written into 8-bit files: rounded, alpha made opaque when absent.
+  const Bytes be = {0x12, 0x34, 0xFF, 0xFF, 0x00, 0x80, 0x80, 0x00};
+  Bytes rgba8(4);
+  ASSERT_TRUE(vx::movie::vfw::ToRgba8Row(PixelLayout::kRGBA16BE, be.data(), 1, rgba8.data()));
+  EXPECT_EQ(rgba8, (Bytes{18, 255, 0, 128}));
+  const float f[3] = {0.5f, 1.0f, -1.0f};
+  ASSERT_TRUE(vx::movie::vfw::ToRgba8Row(
+      PixelLayout::kRGBF32, reinterpret_cast<const std::uint8_t*>(f), 1, rgba8.data()));
+  EXPECT_EQ(rgba8, (Bytes{128, 255, 0, 255}));
   Bytes rgb(6);
   EXPECT_FALSE(vx::movie::vfw::ConvertRow(RowFormat::kRgb24, rgb.data(), 2, PixelLayout::kV210,
                                           rgb.data(), false));
