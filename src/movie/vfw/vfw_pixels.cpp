@@ -69,8 +69,7 @@ void PackYuv(const Yuv10& v, int width, PixelLayout to, std::uint8_t* d, bool fr
     }
     return;
   }
-  // v210: codes widened from 8 bits keep clear of the reserved 0-3 and
-  // 1020-1023.
+  // v210: codes widened from 8 bits keep clear of the reserved 0-3 and 1020-1023.
   auto c = [from8](std::uint16_t x) -> std::uint32_t {
     return from8 ? std::clamp<std::uint32_t>(x, 4, 1019) : x;
   };
@@ -81,8 +80,7 @@ void PackYuv(const Yuv10& v, int width, PixelLayout to, std::uint8_t* d, bool fr
     const std::uint16_t* y = &v.y[g * 6];
     const std::uint16_t* cb = &v.cb[g * 3];
     const std::uint16_t* cr = &v.cr[g * 3];
-    // Pixels past the row's end are left zero: whole groups are stored, real
-    // pixels only.
+    // Pixels past the row's end are left zero: whole groups are stored, real pixels only.
     const std::size_t real = std::min<std::size_t>(6, static_cast<std::size_t>(width) - g * 6);
     auto Y = [&](std::size_t i) { return i < real ? c(y[i]) : 0u; };
     auto C = [&](const std::uint16_t* p, std::size_t i) { return 2 * i < real ? c(p[i]) : 0u; };

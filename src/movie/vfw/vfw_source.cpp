@@ -1,7 +1,6 @@
-// AVI through Video for Windows: the system library walks the file and its
-// index; formats are parsed and uncompressed pictures converted here, so they
-// come out the same on every system. Compressed pictures need a decompressor
-// installed on the system. MXF has no backend here.
+// AVI through Video for Windows: the system library walks the file and its index; formats are
+// parsed and uncompressed pictures converted here, so they come out the same on every system.
+// Compressed pictures need a decompressor installed on the system. MXF has no backend here.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -58,8 +57,7 @@ std::int64_t Gcd(std::int64_t a, std::int64_t b) {
   return a;
 }
 
-// Sample bytes of the layouts; the FFmpeg library's helper is not in Windows
-// builds.
+// Sample bytes of the layouts; the FFmpeg library's helper is not in Windows builds.
 int BytesOf(SampleLayout l) {
   switch (l) {
     case SampleLayout::kS16:
@@ -119,10 +117,9 @@ std::int32_t LoadSample(const std::uint8_t* s, SampleLayout l) {
   return 0;
 }
 
-// Calls `each(at, strh)` for every stream header of the header list, in stream
-// order: `at` is the file offset of the header's data, `strh` its first 36
-// bytes; `each` returns false to stop. False when the file has no header list
-// that reads whole.
+// Calls `each(at, strh)` for every stream header of the header list, in stream order: `at` is
+// the file offset of the header's data, `strh` its first 36 bytes; `each` returns false to stop.
+// False when the file has no header list that reads whole.
 template <class Each>
 bool ForEachStreamHeader(os::FileHandle f, Each each) {
   std::uint64_t size = 0;
@@ -149,8 +146,8 @@ bool ForEachStreamHeader(os::FileHandle f, Each each) {
   return false;
 }
 
-// The system library trusts some header fields (wine's stops the process on a
-// zero rate), so the stream headers are checked before it sees the file.
+// The system library trusts some header fields (wine's stops the process on a zero rate), so
+// the stream headers are checked before it sees the file.
 bool HeadersSane(const VxChar* path) {
   os::UniqueFile f(os::OpenRead(path));
   bool sane = true;
@@ -163,9 +160,8 @@ bool HeadersSane(const VxChar* path) {
   return whole && sane && streams > 0;
 }
 
-// Some implementations of the library (wine's) count a sound stream's length in
-// writes, not in samples. The header is ours to correct: the `n`th sound
-// stream's length becomes lengths[n].
+// Some implementations of the library (wine's) count a sound stream's length in writes, not in
+// samples. The header is ours to correct: the `n`th sound stream's length becomes lengths[n].
 bool FixSoundLengths(const VxChar* path, const std::vector<std::int64_t>& lengths) {
   os::UniqueFile f(os::OpenReadWrite(path));
   std::size_t sound = 0;
@@ -183,10 +179,9 @@ bool FixSoundLengths(const VxChar* path, const std::vector<std::int64_t>& length
   return ok && sound == lengths.size();
 }
 
-// Chunks and bytes of data per stream as the file's index lists them. The
-// system library trusts the headers' lengths over its index (wine's stops the
-// process on a read past what it indexed, and without an index it reads
-// nothing), so a stream is never read past these.
+// Chunks and bytes of data per stream as the file's index lists them. The system library
+// trusts the headers' lengths over its index (wine's stops the process on a read past what it
+// indexed, and without an index it reads nothing), so a stream is never read past these.
 struct Stored {
   bool indexed = false;
   std::vector<std::uint64_t> chunks, bytes;
@@ -231,8 +226,7 @@ Stored CountStored(const VxChar* path, int streams) {
   return st;
 }
 
-// ---- Reading
-// ------------------------------------------------------------------------------
+// ---- Reading ------------------------------------------------------------------------------
 
 struct VideoStream {
   os::AviStream* stream = nullptr;
@@ -510,8 +504,7 @@ class VfwSource final : public MovieSource {
     }
     t.channelLayout = channels == 1 ? "mono" : channels == 2 ? "stereo" : "";
     const os::AviStreamInfo& si = s->Info();
-    // PCM streams count blocks; a stream that says otherwise is counted from
-    // its bytes.
+    // PCM streams count blocks; a stream that says otherwise is counted from its bytes.
     t.samples = si.sampleSize == 0 || si.sampleSize == block ? si.length
                                                              : si.length * si.sampleSize / block;
     t.samples = std::min<std::int64_t>(
@@ -531,11 +524,10 @@ class VfwSource final : public MovieSource {
   Stored stored_;
 };
 
-// ---- Writing
-// ------------------------------------------------------------------------------
+// ---- Writing ------------------------------------------------------------------------------
 
-// The uncompressed codecs written as DIBs of `bits` bits. Codec lists that also
-// name the DIBs by their byte order (kBGR24, kBGRA8) mean the same files.
+// The uncompressed codecs written as DIBs of `bits` bits. Codec lists that also name the DIBs
+// by their byte order (kBGR24, kBGRA8) mean the same files.
 template <class Codec>
 bool IsDib(Codec c, int bits) {
   if constexpr (requires {
@@ -547,8 +539,8 @@ bool IsDib(Codec c, int bits) {
   return c == (bits == 24 ? Codec::kRGB24 : Codec::kRGBA8);
 }
 
-// The library writes AVI 1.0, one RIFF whose size field readers take as signed:
-// stop well before 2 GiB rather than leave a file nothing reads.
+// The library writes AVI 1.0, one RIFF whose size field readers take as signed: stop well
+// before 2 GiB rather than leave a file nothing reads.
 constexpr std::uint64_t kMaxFileBytes = 0x7F000000;
 constexpr std::uint64_t kPerChunk = 8 + 16;  // chunk header and index entry
 
@@ -583,8 +575,7 @@ class VfwSink final : public MovieSink {
         } else if (v.codec == ffmedia::VideoCodec::kV210) {
           bits = 20, file_ = RowFormat::kV210, comp = FourCC('v', '2', '1', '0');
         } else {
-          return Status::kUnsupported;  // no compressor on the system for the
-                                        // others
+          return Status::kUnsupported;  // no compressor on the system for the others
         }
         width_ = v.width;
         height_ = v.height;
@@ -699,8 +690,7 @@ class VfwSink final : public MovieSink {
     } catch (const std::bad_alloc&) {
       return Status::kOutOfMemory;
     }
-    // Appended: wine's library refuses an explicit start for sound after the
-    // first write.
+    // Appended: wine's library refuses an explicit start for sound after the first write.
     if (!writer_->Write(a.stream, -1, count, buf_.data(), bytes, true)) return Status::kFail;
     a.position += count;
     bytes_ += bytes + kPerChunk;
