@@ -281,7 +281,8 @@ bool ToRgba8Row(PixelLayout from, const std::uint8_t* src, int width, std::uint8
         if (flt) {
           float f;
           std::memcpy(&f, p, 4);
-          v = static_cast<std::uint16_t>(std::lround(std::clamp(f, 0.0f, 1.0f) * 65535.0f));
+          v = static_cast<std::uint16_t>(
+              std::lround(std::clamp(f == f ? f : 0.0f, 0.0f, 1.0f) * 65535.0f));
         } else if (from == PixelLayout::kRGBA16BE) {
           v = static_cast<std::uint16_t>(p[0] << 8 | p[1]);
         } else {
