@@ -526,17 +526,11 @@ class VfwSource final : public MovieSource {
 
 // ---- Writing ------------------------------------------------------------------------------
 
-// The uncompressed codecs written as DIBs of `bits` bits. Codec lists that also name the DIBs
-// by their byte order (kBGR24, kBGRA8) mean the same files.
-template <class Codec>
-bool IsDib(Codec c, int bits) {
-  if constexpr (requires {
-                  Codec::kBGR24;
-                  Codec::kBGRA8;
-                }) {
-    if (c == (bits == 24 ? Codec::kBGR24 : Codec::kBGRA8)) return true;
-  }
-  return c == (bits == 24 ? Codec::kRGB24 : Codec::kRGBA8);
+// The uncompressed codecs written as DIBs of `bits` bits, named by channel or by byte order.
+bool IsDib(ffmedia::VideoCodec c, int bits) {
+  using Codec = ffmedia::VideoCodec;
+  return bits == 24 ? c == Codec::kRGB24 || c == Codec::kBGR24
+                    : c == Codec::kRGBA8 || c == Codec::kBGRA8;
 }
 
 // The library writes AVI 1.0, one RIFF whose size field readers take as signed: stop well
