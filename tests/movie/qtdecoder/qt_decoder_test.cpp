@@ -176,8 +176,8 @@ TEST_F(QtDecoder, ReadsMoviesLikeFfmpeg) {
        0, 0, false, 0, 0, 48000, 2, 32, "s32le", 1 << 8},
       // Odd sizes at 23.976: every row and column reaches the host image.
       {"odd.mov",
-       "-f lavfi -i testsrc2=size=719x481:rate=24000/1001 -frames:v 34 -c:v prores_ks "
-       "-profile:v 3 -timecode 10:00:00:00",
+       "-f lavfi -i testsrc2=size=720x486:rate=24000/1001 -vf format=rgb24,crop=719:481:0:0 "
+       "-frames:v 34 -c:v prores_ks -profile:v 4 -pix_fmt yuv444p10le -timecode 10:00:00:00",
        719, 481, 34, 24000 / 1001.0, false, 0, 0x10000106, 0, 0, 0, "", 0},
       // 29.97 drop-frame from 00:00:59;28: minute 1 has no frames 00 and 01, so frame 30 is
       // 00:01:01;00.
