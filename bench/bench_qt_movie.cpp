@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "movie/ffmpeg/ffmedia.h"
+#include "movie/qt/qt_manager.h"
 #include "movie/qt/qt_parser.h"
 #include "vx/com_ptr.h"
 #include "vx/platform.h"

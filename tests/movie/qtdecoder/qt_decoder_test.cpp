@@ -489,7 +489,7 @@ TEST_F(QtDecoder, HostMakesMovieFromSequenceAndSound) {
       vxtest::RunHost(dir_.path(), "convert seq.####.dpx gone.mov --sound nothing.wav");
   ::unsetenv("VX_QTDECODER");
   ASSERT_EQ(run.code, 0) << run.err;
-  EXPECT_NE(run.out.find("\"frames\":6"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("\"frames\": 6"), std::string::npos) << run.out;
   EXPECT_NE(missing.code, 0);
   EXPECT_FALSE(std::filesystem::exists(dir_ / "gone.mov"));
 
