@@ -15,6 +15,8 @@ namespace {
 struct ConvertArgs {
   std::string input, output;
   std::string depth, layout, packing, endian, lut, transfer, frames, compression;
+  std::string sound;  // a sound file to put beside the pictures of a movie
+  double rate = 0;    // frames per second of a movie made from pictures that carry none
   std::vector<std::string> options;      // -o name=value
   std::vector<std::string> readOptions;  // -i name=value
   bool force = false, quiet = false, sequence = false, json = false;
@@ -70,7 +72,11 @@ class Converter {
     reader_.parser->HasStream(VX_STREAM_PICTURE, &hasPicture);
     reader_.parser->HasStream(VX_STREAM_SOUND, &hasSound);
     bool ok;
-    if (outEntry_.mediaKind == 2) {
+    if (outEntry_.mediaKind == 3) {
+      ok = WriteMovie(hasPicture != FALSE, hasSound != FALSE);
+    } else if (!args_.sound.empty()) {
+      return Fail(args_.sound, "--sound goes with a movie output only");
+    } else if (outEntry_.mediaKind == 2) {
       if (!hasSound) return Fail(args_.input, "has no sound to write as " + outEntry_.name);
       ok = CopySound(vx::FromUtf8(args_.output));
     } else {
@@ -348,6 +354,137 @@ class Converter {
     return true;
   }
 
+  // One movie from the input's pictures and sound, or from its pictures and the --sound file:
+  // the streams are defined first (counted from 1, as every writer takes them), then the file is
+  // opened, filled frame by frame and block by block, and closed. Any movie-kind writer will do.
+  bool WriteMovie(bool hasPicture, bool hasSound) {
+    const VxString out = vx::FromUtf8(args_.output);
+    const std::string label = args_.output;
+    OpenedParser soundInput;
+    IVxMediaFileParser* soundParser = hasSound ? reader_.parser.get() : nullptr;
+    std::string soundName = args_.input;
+    if (!args_.sound.empty()) {
+      Input in;
+      std::string error;
+      if (!ResolveInput(args_.sound, false, &in, &error) ||
+          !OpenInput(module_, in, &soundInput, &error))
+        return Fail(args_.sound, error);
+      soundParser = soundInput.parser.get();
+      soundName = args_.sound;
+    }
+    if (!hasPicture && !soundParser) return Fail(args_.input, "has no picture and no sound");
+    SoundStream sound;
+    if (soundParser) {
+      if (HRESULT hr = GetSoundStream(soundParser, &sound); hr != S_OK)
+        return Fail(soundName, FAILED(hr) ? Words(hr) : "has no sound");
+    }
+
+    VxImageStreamFormat format{};
+    format.cbSize = sizeof format;
+    std::vector<int> frames;
+    ComPtr<IVxImageStreamParser> sourceStream;
+    if (hasPicture) {
+      if (HRESULT hr = reader_.parser->GetStreamFormat(VX_STREAM_PICTURE, 0, &format); FAILED(hr))
+        return Fail(args_.input, ReadFailureText(hr, reader_.entry));
+      const int count = static_cast<int>(format.frameCount ? format.frameCount : 1);
+      const std::vector<long> numbers = FrameNumbers(count);
+      for (int i = 0; i < count; ++i)
+        if (range_.Contains(numbers[i])) frames.push_back(i);
+      if (frames.empty()) return Fail(args_.input, "no frame in the range " + args_.frames);
+      if (args_.rate > 0) format.frameRate = args_.rate;
+      // A still sequence carries no rate of its own: film rate unless --rate says otherwise.
+      if (!(format.frameRate > 0) || format.frameRate > 1000) format.frameRate = 24.0;
+      if (HRESULT hr = reader_.parser->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser,
+                                                 sourceStream.put_void());
+          FAILED(hr))
+        return Fail(args_.input, Words(hr));
+    }
+    if (!CheckTargets({out})) return false;
+    const bool existed = vx::os::IsFile(out.c_str());
+
+    ComPtr<IVxMediaFileParser> writer;
+    if (HRESULT hr = module_.Create(outEntry_.clsid, IID_IVxMediaFileParser, writer.put_void());
+        FAILED(hr))
+      return Fail(label, Words(hr));
+    bool ok = Prepare(writer.get(), label, frames.empty() ? -1 : frames[0], true);
+    HRESULT hr = S_OK;
+    if (ok && hasPicture && FAILED(hr = writer->SetStreamFormat(VX_STREAM_PICTURE, 1, &format)))
+      ok = Fail(label, "cannot write these pictures: " + Words(hr));
+    VxAudioStreamFormat record{kVxAudioStreamFormatSize,
+                               reinterpret_cast<WAVEFORMATEX*>(sound.format.data())};
+    if (ok && soundParser && FAILED(hr = writer->SetStreamFormat(VX_STREAM_SOUND, 1, &record)))
+      ok = Fail(label, "cannot write this sound format: " + Words(hr));
+    if (ok && FAILED(hr = writer->Open(out.c_str(), VX_OPEN_WRITE | VX_OPEN_NO_PATTERN)))
+      ok = Fail(label, "cannot open for writing: " + Words(hr));
+    ComPtr<IVxImageStreamParser> picture;
+    ComPtr<IVxAudioStreamParser> target;
+    if (ok && hasPicture &&
+        FAILED(hr = writer->GetStream(VX_STREAM_PICTURE, 0, IID_IVxImageStreamParser,
+                                      picture.put_void())))
+      ok = Fail(label, Words(hr));
+    if (ok && soundParser &&
+        FAILED(hr = writer->GetStream(VX_STREAM_SOUND, 0, IID_IVxAudioStreamParser,
+                                      target.put_void())))
+      ok = Fail(label, Words(hr));
+
+    const std::size_t blocks =
+        soundParser ? static_cast<std::size_t>((sound.frames + sound.wf.nSamplesPerSec - 1) /
+                                               sound.wf.nSamplesPerSec)
+                    : 0;
+    Progress progress(label, frames.size() + blocks, args_.quiet);
+    for (std::size_t k = 0; ok && k < frames.size(); ++k) {
+      ComPtr<IVxImage> image;
+      hr = sourceStream->ReadImage(image.put(), frames[k]);
+      if (FAILED(hr) || !image) {
+        ok = Fail(args_.input + " frame " + std::to_string(frames[k]),
+                  ReadFailureText(FAILED(hr) ? hr : E_FAIL, reader_.entry));
+      } else if (FAILED(hr = picture->WriteImage(image.get(), static_cast<std::int32_t>(k)))) {
+        ok = Fail(label, "write failed: " + Words(hr));
+      }
+      progress.Step(k + 1);
+    }
+    std::int64_t done = 0;
+    if (ok && soundParser) {
+      // One second at a time (at most 64 MiB, whatever rate a file claims).
+      const auto block = static_cast<LONG>(std::clamp<std::uint64_t>(
+          sound.wf.nSamplesPerSec, 1,
+          std::max<std::uint64_t>(1, (64u << 20) / sound.wf.nBlockAlign)));
+      std::vector<unsigned char> buffer(static_cast<std::size_t>(block) * sound.wf.nBlockAlign);
+      while (ok && done < sound.frames) {
+        const LONG want = static_cast<LONG>(std::min<std::int64_t>(block, sound.frames - done));
+        VxSamplePosition pos{done};
+        LONG got = 0;
+        hr = sound.stream->ReadSamples(&pos, want, buffer.data(), &got);
+        if (FAILED(hr) || got <= 0)
+          ok = Fail(soundName + " sample " + std::to_string(done), Words(FAILED(hr) ? hr : E_FAIL));
+        else if (FAILED(hr = target->WriteSamples(buffer.data(), got)))
+          ok = Fail(label, "write failed: " + Words(hr));
+        else
+          done += got;
+        progress.Step(frames.size() + static_cast<std::size_t>((done + block - 1) / block));
+      }
+    }
+    if (!ok) progress.Abort();
+    picture.reset();
+    target.reset();
+    sound.stream.reset();
+    hr = writer->Close();
+    if (ok && FAILED(hr)) ok = Fail(label, "write failed: " + Words(hr));
+    if (soundInput.parser) soundInput.parser->Close();
+    if (!ok) {
+      if (!existed) vx::os::Remove(out.c_str());  // no half-written movie stays behind
+      return false;
+    }
+    if (!args_.quiet && !args_.json)
+      std::printf("%s -> %s: %zu frame%s, %lld sample frames\n", args_.input.c_str(), label.c_str(),
+                  frames.size(), frames.size() == 1 ? "" : "s", static_cast<long long>(done));
+    summary_ = Json{{"input", CleanText(args_.input)},
+                    {"output", CleanText(label)},
+                    {"frames", frames.size()},
+                    {"sample frames", done}};
+    return true;
+  }
+
   struct Option {
     std::string text;
     bool fromUser;  // a default that keeps the source is dropped quietly when refused
@@ -391,6 +528,10 @@ void Setup(CLI::App& app, Options& options) {
   cmd->add_option("--compression", args.compression,
                   "The writer's compression, e.g. none, rle, lzw, deflate, packbits");
   cmd->add_option("--frames", args.frames, "Frame numbers to convert: N, A-B, A- or -B");
+  cmd->add_option("--sound", args.sound, "Sound file (WAV, ...) to put into a movie output");
+  cmd->add_option("--rate", args.rate,
+                  "Frames per second of a movie made from stills without a rate (default 24)")
+      ->check(CLI::PositiveNumber);
   cmd->add_option("-o,--option", args.options, "Any writer option as name=value (repeatable)");
   cmd->add_option("-i,--read-option", args.readOptions,
                   "Any reader option as name=value (repeatable), e.g. exposure=1, size=1920x1080");

@@ -275,14 +275,16 @@ TEST_F(QtParser, WritesThroughTheChannel) {
       f.height = 4;
       f.frameRate = 24.0;
       f.hasAlpha = c.alpha;
-      ASSERT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
-      EXPECT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 2, &f), E_INVALIDARG);
+      // Defined streams count from 1: 0 and a gap are refused.
+      EXPECT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), E_INVALIDARG);
+      ASSERT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 1, &f), S_OK);
+      EXPECT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 3, &f), E_INVALIDARG);
     }
     WAVEFORMATEX wf{1, 2, c.video ? 48000u : 44100u, 0, 4, 16, 0};
     wf.nAvgBytesPerSec = wf.nSamplesPerSec * 4;
     if (c.audio) {
       VxAudioStreamFormat rec{8, &wf};
-      ASSERT_EQ(p->SetStreamFormat(VX_STREAM_SOUND, 0, &rec), S_OK);
+      ASSERT_EQ(p->SetStreamFormat(VX_STREAM_SOUND, 1, &rec), S_OK);
     }
     if (c.codecOption) {
       const VxString opt = vx::FromUtf8(c.codecOption);
@@ -385,9 +387,9 @@ TEST_F(QtParser, WritingNeedsStreamsAndFinishesOnlyWhatWasWritten) {
   f.width = 2;
   f.height = 2;
   f.frameRate = 25;
-  ASSERT_EQ(parser()->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
+  ASSERT_EQ(parser()->SetStreamFormat(VX_STREAM_PICTURE, 1, &f), S_OK);
   ASSERT_EQ(parser()->Open(path.c_str(), VX_OPEN_WRITE), S_OK);
-  EXPECT_EQ(parser()->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), E_ACCESSDENIED);
+  EXPECT_EQ(parser()->SetStreamFormat(VX_STREAM_PICTURE, 1, &f), E_ACCESSDENIED);
   ASSERT_EQ(parser()->Close(), S_OK);
   const std::string log = ReadText(file.string() + ".log");
   EXPECT_EQ(log.find("finish"), std::string::npos) << log;

@@ -546,6 +546,10 @@ HRESULT STDMETHODCALLTYPE CVxMediaFileParserQT::SetStreamFormat(DWORD kind, DWOR
   return vx::Guarded([&]() -> HRESULT {
     if (mode_ != 0) return E_ACCESSDENIED;  // streams are defined before the movie is opened
     const DWORD size = *static_cast<const DWORD*>(record);
+    // The host counts the streams it defines from 1, as for every writer; stream n is then
+    // read back and written through index n - 1.
+    if (index == 0) return E_INVALIDARG;
+    --index;
     if (kind == VX_STREAM_PICTURE) {
       if (size != sizeof(tagVxImageStreamFormat) || index > images_.size()) return E_INVALIDARG;
       tagVxImageStreamFormat d;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 
 #include "base/bytes.h"
@@ -18,6 +19,19 @@
 namespace vx::red {
 
 namespace {
+
+// The request carries the path to decoder processes that run in their own folder.
+VxString AbsolutePath(const VxChar* name) {
+  std::error_code ec;
+#ifdef _WIN32
+  const std::filesystem::path full = std::filesystem::absolute(std::filesystem::path(name), ec);
+  return ec ? VxString(name) : VxString(full.wstring());
+#else
+  const std::filesystem::path full =
+      std::filesystem::absolute(std::filesystem::path(ToUtf8(name)), ec);
+  return ec ? VxString(name) : FromUtf8(full.string());
+#endif
+}
 
 // The helper's class id, as the module registers it.
 constexpr GUID kRedHelperClsid = {
@@ -247,7 +261,7 @@ HRESULT STDMETHODCALLTYPE CVxMediaFileParserR3D::Open(const VxChar* name, DWORD 
     s.blackLevel = 0;
     s.timeCodePreference = LoadLookFromClip(*clip, &s.look);
     settings_ = s;
-    path_ = name;
+    path_ = AbsolutePath(name);
     clip_ = std::move(clip);
     sidecar_ = FindSidecar(path_);
     sidecarRead_ = !sidecar_.empty() && LoadSidecar(sidecar_);
