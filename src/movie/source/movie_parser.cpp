@@ -631,6 +631,9 @@ HRESULT STDMETHODCALLTYPE CVxMovieParser::SetStreamFormat(DWORD kind, DWORD inde
   if (!record) return E_POINTER;
   return vx::Guarded([&]() -> HRESULT {
     if (mode_ != 0) return E_ACCESSDENIED;  // streams are defined before the file is opened
+    // Stream n is defined by index n + 1, as every writer of the host counts them.
+    if (index == 0) return E_INVALIDARG;
+    --index;
     DWORD size = 0;
     std::memcpy(&size, record, sizeof size);
     if (kind == VX_STREAM_PICTURE) {

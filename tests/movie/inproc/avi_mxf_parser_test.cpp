@@ -339,10 +339,10 @@ TEST_F(AviMxf, FfmpegReadsWhatWeWrite) {
     f.frameRate = 25;
     f.hasAlpha = c.host == VX_PF_RGBA8;
     f.fieldMode = VX_FIELD_PROGRESSIVE;
-    ASSERT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 0, &f), S_OK);
+    ASSERT_EQ(p->SetStreamFormat(VX_STREAM_PICTURE, 1, &f), S_OK);
     WAVEFORMATEX wf{1, 2, 48000, 192000, 4, 16, 0};
     VxAudioStreamFormat af{kVxAudioStreamFormatSize, &wf};
-    ASSERT_EQ(p->SetStreamFormat(VX_STREAM_SOUND, 0, &af), S_OK);
+    ASSERT_EQ(p->SetStreamFormat(VX_STREAM_SOUND, 1, &af), S_OK);
     if (*c.option) {
       ASSERT_EQ(p->SetOption(vx::FromUtf8(c.option).data(), VX_OPTION_TEXT), S_OK);
     }
