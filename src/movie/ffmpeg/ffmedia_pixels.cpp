@@ -304,6 +304,18 @@ Status PixelConverter::ToLayout(const AVFrame* frame, PixelLayout layout, std::u
   }
 
   const AVPixelFormat target = AvFormat(layout);
+  if (src == AV_PIX_FMT_YUYV422 && layout == PixelLayout::kUYVY8 && w % 2 == 0) {
+    // YUY2 is UYVY with the bytes of each pair swapped.
+    for (int y = 0; y < h; ++y) {
+      const std::uint8_t* in = frame->data[0] + y * frame->linesize[0];
+      std::uint8_t* out = dst + y * stride;
+      for (int x = 0; x < 2 * w; x += 2) {
+        out[x] = in[x + 1];
+        out[x + 1] = in[x];
+      }
+    }
+    return Status::kOk;
+  }
   if (target == src) {
     CopyRows(frame->data[0], frame->linesize[0], dst, stride, MinRowBytes(layout, w), h);
     return Status::kOk;

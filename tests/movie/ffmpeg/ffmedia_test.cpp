@@ -142,6 +142,12 @@ const MediaCase kCases[] = {
      "dvvideo", "", true, kUYVY, 2, 48000, "pcm_s16le"},
     {"raw_avi", "c.avi", "-c:v rawvideo -pix_fmt bgr24", 97, 33, 25, 1, 6, "rawvideo", "", true,
      kRGB24, 0, 0, ""},
+    {"yuy2_avi", "e.avi", "-c:v rawvideo -pix_fmt yuyv422", 64, 36, 25, 1, 6, "rawvideo", "", true,
+     kUYVY, 0, 0, ""},
+    {"uyvy_avi", "f.avi", "-c:v rawvideo -pix_fmt uyvy422 -c:a pcm_s24le", 66, 20, 50, 1, 10,
+     "rawvideo", "", true, kUYVY, 8, 48000, "pcm_s24le"},
+    {"v210_avi", "g.avi", "-c:v v210 -c:a pcm_s16le", 134, 40, 30000, 1001, 9, "v210", "", true,
+     kV210, 2, 48000, "pcm_s16le"},
     {"dnxhd_mxf", "a.mxf",
      "-c:v dnxhd -b:v 36M -pix_fmt yuv422p -timecode 10:00:00:00 -c:a "
      "pcm_s24le",
@@ -290,6 +296,84 @@ TEST_F(FfmediaTest, ReadsLikeFfmpeg) {
       EXPECT_EQ(got, 100);
       EXPECT_TRUE(std::all_of(tail.begin() + 100 * frameBytes, tail.end(),
                               [](std::uint8_t b) { return b == 0; }));
+    }
+  }
+}
+
+// MXF wrappings ffmpeg writes: operational pattern, packages with their names, UMIDs (as
+// ffprobe reports them) and tracks, the start time code and the rate.
+TEST_F(FfmediaTest, MxfPackagesLikeFfprobe) {
+  struct MxfCase {
+    const char* name;
+    const char* make;  // ffmpeg arguments: inputs, codecs, wrapping
+    const char* pattern;
+    const char* timecode;
+    const char* materialName;
+    const char* sourceName;
+    const char* kinds;  // the material package's tracks: p(icture), s(ound)
+    int rateNum, rateDen;
+    int frames;
+  };
+  const MxfCase cases[] = {
+      {"op1a_dnxhr_2997df",
+       "-f lavfi -i testsrc2=size=320x240:rate=30000/1001 -f lavfi -i sine=sample_rate=48000 -t 1 "
+       "-c:v dnxhd -profile:v dnxhr_hq -pix_fmt yuv422p -c:a pcm_s16le -ac 2 -timecode "
+       "'01:00:00;00' -f mxf",
+       "OP1a", "01:00:00;00", "", "", "ps", 30000, 1001, 30},
+      {"opatom_video",
+       "-f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v dnxhd -profile:v "
+       "dnxhr_hq -pix_fmt yuv422p -timecode 10:00:00:00 -f mxf_opatom",
+       "OPAtom", "10:00:00:00", "", "", "p", 25, 1, 25},
+      {"opatom_sound",
+       "-f lavfi -i sine=sample_rate=48000 -t 1 -c:a pcm_s24le -ac 1 -r 25 "
+       "-timecode 00:00:00:05 -f mxf_opatom",
+       "OPAtom", "00:00:00:05", "", "", "s", 0, 0, 0},
+      {"d10_named",
+       "-f lavfi -i testsrc2=size=720x608:rate=25 -f lavfi -i sine=sample_rate=48000 -t 0.4 -c:v "
+       "mpeg2video -pix_fmt yuv422p -g 1 -b:v 30M -minrate 30M -maxrate 30M -bufsize 1200000 "
+       "-rc_init_occupancy 1200000 -flags +ildct+ilme -top 1 -c:a pcm_s16le -ac 4 -timecode "
+       "00:00:10:00 -metadata material_package_name=Mat -metadata:s:v file_package_name=Src -f "
+       "mxf_d10",
+       "OP1a", "00:00:10:00", "Mat", "Src", "ps", 25, 1, 10},
+  };
+  for (const MxfCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path file = dir_ / (std::string(c.name) + ".mxf");
+    ASSERT_TRUE(Shell(std::string("ffmpeg -v error -y ") + c.make + " " + vxtest::Quote(file)));
+    auto probe = [&](const std::string& entries) {
+      std::string v = Capture("ffprobe -v error -of default=nw=1:nk=1 -show_entries " + entries +
+                              " " + vxtest::Quote(file));
+      while (!v.empty() && (v.back() == '\n' || v.back() == '\r')) v.pop_back();
+      return v;
+    };
+    fm::MediaReader r;
+    ASSERT_EQ(r.Open(file.string()), fm::Status::kOk);
+    const fm::MediaInfo& info = r.Info();
+    EXPECT_EQ(info.operationalPattern, c.pattern);
+    EXPECT_EQ(info.timecode, c.timecode);
+    ASSERT_EQ(info.packages.size(), 2u);
+    const fm::Package& m = info.packages[0];
+    const fm::Package& src = info.packages[1];
+    EXPECT_EQ(m.kind, fm::PackageKind::kMaterial);
+    EXPECT_EQ(m.name, c.materialName);
+    EXPECT_EQ(m.umid, probe("format_tags=material_package_umid"));
+    EXPECT_EQ(m.umid.size(), 66u);
+    EXPECT_EQ(m.timecode, c.timecode);
+    std::string kinds;
+    for (const fm::PackageTrack& t : m.tracks) kinds += t.kind[0];
+    EXPECT_EQ(kinds, c.kinds);
+    EXPECT_EQ(src.kind, fm::PackageKind::kSource);
+    EXPECT_EQ(src.name, c.sourceName);
+    EXPECT_EQ(src.umid, probe("stream_tags=file_package_umid -select_streams 0"));
+    EXPECT_NE(src.umid, m.umid);
+    EXPECT_EQ(src.tracks.size(), m.tracks.size());
+    if (c.frames) {
+      ASSERT_EQ(info.video.size(), 1u);
+      EXPECT_EQ(info.video[0].rate, (fm::Rational{c.rateNum, c.rateDen}));
+      EXPECT_EQ(info.video[0].frames, c.frames);
+    } else {
+      ASSERT_EQ(info.audio.size(), 1u);
+      EXPECT_EQ(info.audio[0].samples, 48000);
     }
   }
 }
