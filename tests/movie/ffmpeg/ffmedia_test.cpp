@@ -145,7 +145,7 @@ const MediaCase kCases[] = {
      kRGB24, 0, 0, ""},
     {"yuy2_avi", "e.avi", "-c:v rawvideo -pix_fmt yuyv422", 64, 36, 25, 1, 6, "rawvideo", "", true,
      kUYVY, 0, 0, ""},
-    {"uyvy_avi", "f.avi", "-c:v rawvideo -pix_fmt uyvy422 -c:a pcm_s24le", 66, 20, 50, 1, 10,
+    {"uyvy_avi", "f.avi", "-c:v rawvideo -pix_fmt uyvy422 -c:a pcm_s24le", 66, 20, 50, 1, 24,
      "rawvideo", "", true, kUYVY, 8, 48000, "pcm_s24le"},
     {"v210_avi", "g.avi", "-c:v v210 -c:a pcm_s16le", 134, 40, 30000, 1001, 9, "v210", "", true,
      kV210, 2, 48000, "pcm_s16le"},
