@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -196,6 +197,10 @@ void Register() {
 
 int main(int argc, char** argv) {
   Register();
+  // The machine is shared: the load at the start goes with the figures.
+  std::ifstream load("/proc/loadavg");
+  std::string avg;
+  if (std::getline(load, avg)) benchmark::AddCustomContext("loadavg", avg);
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

@@ -65,6 +65,7 @@ struct VideoTrack {
   bool alpha = false;
   int bitDepth = 8;
   std::string nativeFormat;  // the decoder's own pixel format name
+  std::string timecode;      // the track's own start time code (MOV tmcd, MXF source), or ""
 };
 
 struct AudioTrack {
@@ -77,6 +78,28 @@ struct AudioTrack {
   std::uint64_t channelMask = 0;  // speaker bits as in WAVE_FORMAT_EXTENSIBLE; 0 if unknown
   std::string channelLayout;      // "stereo", "5.1", ...
   std::int64_t samples = 0;       // sample frames the decoder delivers
+  std::string timecode;           // the track's own start time code, or ""
+};
+
+// A track of an MXF package: one stream of the file.
+struct PackageTrack {
+  int stream = -1;       // stream index in the file
+  std::string kind;      // "picture", "sound" or "data"
+  std::string name;      // the track's name, or ""
+  std::string timecode;  // its own start time code where it differs from the package's, or ""
+};
+
+enum class PackageKind { kMaterial, kSource };
+
+// An MXF package as libavformat reports it: the material package (what editing systems show)
+// and the file (source) packages that hold the essence.
+struct Package {
+  PackageKind kind = PackageKind::kMaterial;
+  std::string name;
+  std::string umid;      // "0x060A2B34..." (32 bytes in hex) or ""
+  std::string timecode;  // start time code, or ""
+  std::string reel;      // the physical source (tape) the package came from, or ""
+  std::vector<PackageTrack> tracks;
 };
 
 struct MediaInfo {
@@ -86,6 +109,8 @@ struct MediaInfo {
   std::vector<AudioTrack> audio;
   std::string timecode;  // start time code "HH:MM:SS:FF" (";" before FF when drop-frame), or ""
   std::vector<std::pair<std::string, std::string>> metadata;  // container items in file order
+  std::vector<Package> packages;   // MXF: the material package first, then the source packages
+  std::string operationalPattern;  // MXF: "OP1a" ... "OP3c", "OPAtom", the UL when neither, or ""
 };
 
 class MediaReader {

@@ -4,6 +4,10 @@
 
 #include "movie/ffmpeg/ffmedia_internal.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 extern "C" {
 #include <libavutil/imgutils.h>
 #include <libavutil/pixdesc.h>
@@ -114,6 +118,47 @@ bool IsRgbLike(AVPixelFormat f) {
 void CopyRows(const std::uint8_t* src, std::ptrdiff_t srcStride, std::uint8_t* dst,
               std::ptrdiff_t dstStride, std::size_t bytes, int rows) {
   for (int y = 0; y < rows; ++y) std::memcpy(dst + y * dstStride, src + y * srcStride, bytes);
+}
+
+// One row of 8-bit 4:2:2 planes interleaved into UYVY (even widths).
+void PlanarToUyvyRow(const std::uint8_t* y, const std::uint8_t* u, const std::uint8_t* v, int width,
+                     std::uint8_t* dst) {
+  int x = 0;
+#if defined(__SSE2__)
+  auto load = [](const std::uint8_t* p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  };
+  // A picture is larger than the caches: aligned rows are written past them, which saves
+  // reading each line of the destination in first.
+  const bool aligned = reinterpret_cast<std::uintptr_t>(dst) % 16 == 0;
+  auto store = [aligned](std::uint8_t* p, __m128i m) {
+    if (aligned) {
+      _mm_stream_si128(reinterpret_cast<__m128i*>(p), m);
+    } else {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(p), m);
+    }
+  };
+  for (; x + 32 <= width; x += 32) {
+    const __m128i uu = load(u + x / 2);
+    const __m128i vv = load(v + x / 2);
+    const __m128i y0 = load(y + x);
+    const __m128i y1 = load(y + x + 16);
+    const __m128i uvLo = _mm_unpacklo_epi8(uu, vv);  // Cb Cr of pixels x .. x + 15
+    const __m128i uvHi = _mm_unpackhi_epi8(uu, vv);
+    store(dst + 2 * x, _mm_unpacklo_epi8(uvLo, y0));
+    store(dst + 2 * x + 16, _mm_unpackhi_epi8(uvLo, y0));
+    store(dst + 2 * x + 32, _mm_unpacklo_epi8(uvHi, y1));
+    store(dst + 2 * x + 48, _mm_unpackhi_epi8(uvHi, y1));
+  }
+  if (aligned) _mm_sfence();
+#endif
+  for (; x + 1 < width; x += 2) {
+    std::uint8_t* o = dst + 2 * x;
+    o[0] = u[x / 2];
+    o[1] = y[x];
+    o[2] = v[x / 2];
+    o[3] = y[x + 1];
+  }
 }
 
 constexpr int kAlign = 64;
@@ -304,6 +349,28 @@ Status PixelConverter::ToLayout(const AVFrame* frame, PixelLayout layout, std::u
   }
 
   const AVPixelFormat target = AvFormat(layout);
+  if (src == AV_PIX_FMT_YUV422P && range == 0 && layout == PixelLayout::kUYVY8 && w % 2 == 0) {
+    // The decoders' usual 8-bit output (DNxHD/HR, MPEG-2 4:2:2, DV 50) only needs interleaving,
+    // which libswscale does a good deal slower.
+    for (int y = 0; y < h; ++y) {
+      PlanarToUyvyRow(frame->data[0] + y * frame->linesize[0],
+                      frame->data[1] + y * frame->linesize[1],
+                      frame->data[2] + y * frame->linesize[2], w, dst + y * stride);
+    }
+    return Status::kOk;
+  }
+  if (src == AV_PIX_FMT_YUYV422 && layout == PixelLayout::kUYVY8 && w % 2 == 0) {
+    // YUY2 is UYVY with the bytes of each pair swapped.
+    for (int y = 0; y < h; ++y) {
+      const std::uint8_t* in = frame->data[0] + y * frame->linesize[0];
+      std::uint8_t* out = dst + y * stride;
+      for (int x = 0; x < 2 * w; x += 2) {
+        out[x] = in[x + 1];
+        out[x + 1] = in[x];
+      }
+    }
+    return Status::kOk;
+  }
   if (target == src) {
     CopyRows(frame->data[0], frame->linesize[0], dst, stride, MinRowBytes(layout, w), h);
     return Status::kOk;

@@ -127,6 +127,10 @@ Status OpenDecoder(const AVStream* st, CodecPtr* out) {
   if (!c) return Status::kOutOfMemory;
   if (avcodec_parameters_to_context(c.get(), st->codecpar) < 0) return Status::kFail;
   c->pkt_timebase = st->time_base;
+  // A picture larger than the track says is refused by the decoder before it allocates: a
+  // damaged header must not make it reserve gigabytes.
+  if (st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+    c->max_pixels = 2 * (std::int64_t{st->codecpar->width} + 128) * (st->codecpar->height + 128);
   c->thread_count = 0;
   c->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
   const int r = avcodec_open2(c.get(), codec, nullptr);
@@ -147,6 +151,80 @@ std::string TimecodeOf(const AVFormatContext* fmt) {
       return e->value;
   }
   return "";
+}
+
+std::string Meta(const AVDictionary* d, const char* key) {
+  const AVDictionaryEntry* e = av_dict_get(d, key, nullptr, 0);
+  return e && e->value ? e->value : "";
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// The operational pattern's name from its label ("060e2b34.04010101.0d010201.01010900"): byte
+// 12 is the item complexity (0x10 for OP-Atom), byte 13 the package complexity.
+std::string OperationalPattern(const std::string& ul) {
+  std::uint8_t b[16];
+  int n = 0;
+  for (std::size_t i = 0; i < ul.size(); ++i) {
+    if (ul[i] == '.') continue;
+    const int hi = HexDigit(ul[i]);
+    const int lo = i + 1 < ul.size() ? HexDigit(ul[i + 1]) : -1;
+    if (hi < 0 || lo < 0 || n == 16) return ul;
+    b[n++] = static_cast<std::uint8_t>(hi << 4 | lo);
+    ++i;
+  }
+  static const std::uint8_t kPrefix[] = {0x06, 0x0e, 0x2b, 0x34};
+  static const std::uint8_t kOp[] = {0x0d, 0x01, 0x02, 0x01};
+  if (n != 16 || std::memcmp(b, kPrefix, 4) != 0 || std::memcmp(b + 8, kOp, 4) != 0) return ul;
+  if (b[12] == 0x10) return "OPAtom";
+  if (b[12] >= 1 && b[12] <= 3 && b[13] >= 1 && b[13] <= 3)
+    return std::string("OP") + static_cast<char>('0' + b[12]) + static_cast<char>('a' + b[13] - 1);
+  return ul;
+}
+
+// libavformat puts the material package on the file and each stream's source package on the
+// stream; the packages are rebuilt from that.
+void MxfPackages(const AVFormatContext* fmt, MediaInfo& info) {
+  const std::string ul = Meta(fmt->metadata, "operational_pattern_ul");
+  info.operationalPattern = ul.empty() ? "" : OperationalPattern(ul);
+  Package material;
+  material.name = Meta(fmt->metadata, "material_package_name");
+  material.umid = Meta(fmt->metadata, "material_package_umid");
+  material.timecode = Meta(fmt->metadata, "timecode");
+  std::vector<Package> sources;
+  for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+    const AVStream* st = fmt->streams[i];
+    PackageTrack t;
+    t.stream = static_cast<int>(i);
+    t.kind = st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO   ? "picture"
+             : st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO ? "sound"
+                                                              : "data";
+    t.name = Meta(st->metadata, "track_name");
+    material.tracks.push_back(t);
+    const std::string umid = Meta(st->metadata, "file_package_umid");
+    if (umid.empty()) continue;
+    auto it = std::find_if(sources.begin(), sources.end(),
+                           [&](const Package& p) { return p.umid == umid; });
+    if (it == sources.end()) {
+      Package p;
+      p.kind = PackageKind::kSource;
+      p.umid = umid;
+      p.name = Meta(st->metadata, "file_package_name");
+      p.reel = Meta(st->metadata, "reel_name");
+      sources.push_back(std::move(p));
+      it = sources.end() - 1;
+    }
+    t.timecode = Meta(st->metadata, "timecode");
+    if (it->timecode.empty()) it->timecode = t.timecode;
+    it->tracks.push_back(t);
+  }
+  info.packages.push_back(std::move(material));
+  for (Package& p : sources) info.packages.push_back(std::move(p));
 }
 
 FieldOrder FieldOrderOf(AVFieldOrder f) {
@@ -265,6 +343,7 @@ Status MediaReader::Impl::OpenAny() {
   const AVDictionaryEntry* e = nullptr;
   while ((e = av_dict_get(fmt->metadata, "", e, AV_DICT_IGNORE_SUFFIX)))
     info.metadata.emplace_back(e->key, e->value);
+  if (info.container == "mxf") MxfPackages(fmt, info);
 
   for (unsigned i = 0; i < fmt->nb_streams; ++i) {
     AVStream* st = fmt->streams[i];
@@ -288,6 +367,16 @@ Status MediaReader::Impl::OpenAny() {
       t.height = par->height;
       AVRational r = st->avg_frame_rate.num > 0 ? st->avg_frame_rate : st->r_frame_rate;
       if (r.num <= 0 || r.den <= 0) r = av_guess_frame_rate(fmt, st, nullptr);
+      if (r.num <= 0 || r.den <= 0) {
+        // No rate anywhere (a zero rate in the header): the time base's inverse when that is a
+        // frame rate at all; a track that cannot be timed is left out.
+        const AVRational tb = st->time_base;
+        if (tb.num <= 0 || tb.den <= 0 || tb.den > std::int64_t{1000} * tb.num) {
+          st->discard = AVDISCARD_ALL;
+          continue;
+        }
+        r = av_inv_q(tb);
+      }
       t.rate = {r.num, r.den};
       const AVRational sar = av_guess_sample_aspect_ratio(fmt, st, nullptr);
       if (sar.num > 0 && sar.den > 0) t.pixelAspect = {sar.num, sar.den};
@@ -302,6 +391,7 @@ Status MediaReader::Impl::OpenAny() {
       if (par->codec_id == AV_CODEC_ID_PRORES && (par->codec_tag == MKTAG('a', 'p', '4', 'h') ||
                                                   par->codec_tag == MKTAG('a', 'p', '4', 'x')))
         t.alpha = t.alpha || par->bits_per_coded_sample == 32;
+      t.timecode = Meta(st->metadata, "timecode");
       info.video.push_back(t);
       VideoState v;
       v.stream = t.stream;
@@ -338,6 +428,7 @@ Status MediaReader::Impl::OpenAny() {
       char name[128] = {};
       if (av_channel_layout_describe(&par->ch_layout, name, sizeof name) > 0)
         t.channelLayout = name;
+      t.timecode = Meta(st->metadata, "timecode");
       info.audio.push_back(t);
       AudioState a;
       a.stream = t.stream;

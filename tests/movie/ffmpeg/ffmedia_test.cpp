@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <string>
@@ -142,6 +143,12 @@ const MediaCase kCases[] = {
      "dvvideo", "", true, kUYVY, 2, 48000, "pcm_s16le"},
     {"raw_avi", "c.avi", "-c:v rawvideo -pix_fmt bgr24", 97, 33, 25, 1, 6, "rawvideo", "", true,
      kRGB24, 0, 0, ""},
+    {"yuy2_avi", "e.avi", "-c:v rawvideo -pix_fmt yuyv422", 64, 36, 25, 1, 6, "rawvideo", "", true,
+     kUYVY, 0, 0, ""},
+    {"uyvy_avi", "f.avi", "-c:v rawvideo -pix_fmt uyvy422 -c:a pcm_s24le", 66, 20, 50, 1, 24,
+     "rawvideo", "", true, kUYVY, 8, 48000, "pcm_s24le"},
+    {"v210_avi", "g.avi", "-c:v v210 -c:a pcm_s16le", 134, 40, 30000, 1001, 9, "v210", "", true,
+     kV210, 2, 48000, "pcm_s16le"},
     {"dnxhd_mxf", "a.mxf",
      "-c:v dnxhd -b:v 36M -pix_fmt yuv422p -timecode 10:00:00:00 -c:a "
      "pcm_s24le",
@@ -290,6 +297,84 @@ TEST_F(FfmediaTest, ReadsLikeFfmpeg) {
       EXPECT_EQ(got, 100);
       EXPECT_TRUE(std::all_of(tail.begin() + 100 * frameBytes, tail.end(),
                               [](std::uint8_t b) { return b == 0; }));
+    }
+  }
+}
+
+// MXF wrappings ffmpeg writes: operational pattern, packages with their names, UMIDs (as
+// ffprobe reports them) and tracks, the start time code and the rate.
+TEST_F(FfmediaTest, MxfPackagesLikeFfprobe) {
+  struct MxfCase {
+    const char* name;
+    const char* make;  // ffmpeg arguments: inputs, codecs, wrapping
+    const char* pattern;
+    const char* timecode;
+    const char* materialName;
+    const char* sourceName;
+    const char* kinds;  // the material package's tracks: p(icture), s(ound)
+    int rateNum, rateDen;
+    int frames;
+  };
+  const MxfCase cases[] = {
+      {"op1a_dnxhr_2997df",
+       "-f lavfi -i testsrc2=size=320x240:rate=30000/1001 -f lavfi -i sine=sample_rate=48000 -t 1 "
+       "-c:v dnxhd -profile:v dnxhr_hq -pix_fmt yuv422p -c:a pcm_s16le -ac 2 -timecode "
+       "'01:00:00;00' -f mxf",
+       "OP1a", "01:00:00;00", "", "", "ps", 30000, 1001, 30},
+      {"opatom_video",
+       "-f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v dnxhd -profile:v "
+       "dnxhr_hq -pix_fmt yuv422p -timecode 10:00:00:00 -f mxf_opatom",
+       "OPAtom", "10:00:00:00", "", "", "p", 25, 1, 25},
+      {"opatom_sound",
+       "-f lavfi -i sine=sample_rate=48000 -t 1 -c:a pcm_s24le -ac 1 -r 25 "
+       "-timecode 00:00:00:05 -f mxf_opatom",
+       "OPAtom", "00:00:00:05", "", "", "s", 0, 0, 0},
+      {"d10_named",
+       "-f lavfi -i testsrc2=size=720x608:rate=25 -f lavfi -i sine=sample_rate=48000 -t 0.4 -c:v "
+       "mpeg2video -pix_fmt yuv422p -g 1 -b:v 30M -minrate 30M -maxrate 30M -bufsize 1200000 "
+       "-rc_init_occupancy 1200000 -flags +ildct+ilme -top 1 -c:a pcm_s16le -ac 4 -timecode "
+       "00:00:10:00 -metadata material_package_name=Mat -metadata:s:v file_package_name=Src -f "
+       "mxf_d10",
+       "OP1a", "00:00:10:00", "Mat", "Src", "ps", 25, 1, 10},
+  };
+  for (const MxfCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path file = dir_ / (std::string(c.name) + ".mxf");
+    ASSERT_TRUE(Shell(std::string("ffmpeg -v error -y ") + c.make + " " + vxtest::Quote(file)));
+    auto probe = [&](const std::string& entries) {
+      std::string v = Capture("ffprobe -v error -of default=nw=1:nk=1 -show_entries " + entries +
+                              " " + vxtest::Quote(file));
+      while (!v.empty() && (v.back() == '\n' || v.back() == '\r')) v.pop_back();
+      return v;
+    };
+    fm::MediaReader r;
+    ASSERT_EQ(r.Open(file.string()), fm::Status::kOk);
+    const fm::MediaInfo& info = r.Info();
+    EXPECT_EQ(info.operationalPattern, c.pattern);
+    EXPECT_EQ(info.timecode, c.timecode);
+    ASSERT_EQ(info.packages.size(), 2u);
+    const fm::Package& m = info.packages[0];
+    const fm::Package& src = info.packages[1];
+    EXPECT_EQ(m.kind, fm::PackageKind::kMaterial);
+    EXPECT_EQ(m.name, c.materialName);
+    EXPECT_EQ(m.umid, probe("format_tags=material_package_umid"));
+    EXPECT_EQ(m.umid.size(), 66u);
+    EXPECT_EQ(m.timecode, c.timecode);
+    std::string kinds;
+    for (const fm::PackageTrack& t : m.tracks) kinds += t.kind[0];
+    EXPECT_EQ(kinds, c.kinds);
+    EXPECT_EQ(src.kind, fm::PackageKind::kSource);
+    EXPECT_EQ(src.name, c.sourceName);
+    EXPECT_EQ(src.umid, probe("stream_tags=file_package_umid -select_streams 0"));
+    EXPECT_NE(src.umid, m.umid);
+    EXPECT_EQ(src.tracks.size(), m.tracks.size());
+    if (c.frames) {
+      ASSERT_EQ(info.video.size(), 1u);
+      EXPECT_EQ(info.video[0].rate, (fm::Rational{c.rateNum, c.rateDen}));
+      EXPECT_EQ(info.video[0].frames, c.frames);
+    } else {
+      ASSERT_EQ(info.audio.size(), 1u);
+      EXPECT_EQ(info.audio[0].samples, 48000);
     }
   }
 }
@@ -488,6 +573,217 @@ TEST_F(FfmediaTest, BadInputFailsCleanly) {
   bad.width = 0;
   EXPECT_EQ(w.Open((dir_ / "x.mov").string(), &bad, {}), fm::Status::kInvalidArg);
   EXPECT_EQ(w.Open((dir_ / "x.mov").string(), nullptr, {{48000, 2, 20}}), fm::Status::kInvalidArg);
+}
+
+// AVI and MXF files ffmpeg writes, damaged by hand at the fields a broken writer gets wrong.
+// Whatever opens must read every listed frame with kOk or kFail, never crash or overrun.
+TEST_F(FfmediaTest, DamagedAviAndMxf) {
+  const fs::path avi = dir_ / "good.avi";
+  const fs::path mxf = dir_ / "good.mxf";
+  const std::string src =
+      "-f lavfi -i testsrc2=size=32x16:rate=25 -f lavfi -i sine=sample_rate=48000 -t 0.48 ";
+  ASSERT_TRUE(Shell("ffmpeg -v error -y " + src + "-c:v rawvideo -pix_fmt bgr24 -c:a pcm_s16le " +
+                    vxtest::Quote(avi)));
+  ASSERT_TRUE(Shell("ffmpeg -v error -y " + src + "-c:v mpeg2video -g 4 -bf 1 -pix_fmt " +
+                    "yuv422p -c:a pcm_s16le " + vxtest::Quote(mxf)));
+  using Bytes = std::vector<std::uint8_t>;
+  auto at = [](const Bytes& b, const char* id, std::size_t from = 0) {
+    const auto it = std::search(b.begin() + static_cast<std::ptrdiff_t>(from), b.end(), id, id + 4);
+    return static_cast<std::size_t>(it - b.begin());
+  };
+  auto put32 = [](Bytes& b, std::size_t o, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) b[o + i] = static_cast<std::uint8_t>(v >> (8 * i));
+  };
+  auto get32 = [](const Bytes& b, std::size_t o) {
+    return static_cast<std::uint32_t>(b[o] | b[o + 1] << 8 | b[o + 2] << 16 | b[o + 3] << 24);
+  };
+  enum Expect { kReads, kNoVideo, kFrameFails, kAny };
+  struct Damage {
+    const char* name;
+    bool isMxf;
+    std::function<void(Bytes&)> patch;
+    Expect expect;
+    int frames;  // expected frame count, or -1
+    int rateNum;
+  };
+  const Damage cases[] = {
+      // A zero rate and scale (and no frame period): FFmpeg's 25 fps, no division by zero.
+      {"zero_rate", false,
+       [&](Bytes& b) {
+         const std::size_t h = at(b, "strh") + 8;
+         put32(b, h + 20, 0);
+         put32(b, h + 24, 0);
+         put32(b, at(b, "avih") + 8, 0);
+       },
+       kReads, 12, 25},
+      // Headers claiming more frames than the index holds: the count is what can be read.
+      {"inflated_length", false,
+       [&](Bytes& b) {
+         put32(b, at(b, "avih") + 8 + 16, 100000);
+         put32(b, at(b, "strh") + 8 + 32, 100000);
+       },
+       kReads, 12, 25},
+      // Index entries (idx1 and the OpenDML standard indexes) pointing past the end.
+      {"index_past_end", false,
+       [&](Bytes& b) {
+         const std::size_t i = at(b, "idx1");
+         for (std::size_t e = i + 8; e + 16 <= b.size(); e += 16)
+           put32(b, e + 8, get32(b, e + 8) + 0x40000000u);
+         for (std::size_t x = at(b, "ix00"); x < b.size(); x = at(b, "ix00", x + 4))
+           put32(b, x + 8 + 16, get32(b, x + 8 + 16) + 0x40000000u);
+       },
+       kAny, -1, 0},
+      {"huge_dimensions", false,
+       [&](Bytes& b) {
+         const std::size_t f = at(b, "strf") + 8;
+         put32(b, f + 4, 100000);
+         put32(b, f + 8, static_cast<std::uint32_t>(-100000));
+       },
+       kNoVideo, -1, 0},
+      // Large pictures whose packets are far too small.
+      {"packets_too_small", false,
+       [&](Bytes& b) {
+         const std::size_t f = at(b, "strf") + 8;
+         put32(b, f + 4, 3000);
+         put32(b, f + 8, static_cast<std::uint32_t>(-2000));
+       },
+       kFrameFails, 12, 25},
+      {"avi_cut_in_half", false, [](Bytes& b) { b.resize(b.size() / 2); }, kAny, -1, 0},
+      {"avi_cut_before_index", false, [&](Bytes& b) { b.resize(at(b, "idx1") - 100); }, kAny, -1,
+       0},
+      {"mxf_cut_in_half", true, [](Bytes& b) { b.resize(b.size() / 2); }, kAny, -1, 0},
+      {"mxf_cut_after_header", true,
+       [](Bytes& b) { b.resize(std::min<std::size_t>(b.size(), 3000)); }, kAny, -1, 0},
+      {"mxf_scrambled", true,
+       [](Bytes& b) {
+         for (std::size_t i = 200; i < b.size(); i += 331) b[i] ^= 0xA5;
+       },
+       kAny, -1, 0},
+  };
+  const Bytes aviBytes = Slurp(avi);
+  const Bytes mxfBytes = Slurp(mxf);
+  ASSERT_GT(aviBytes.size(), 10000u);
+  {
+    // ffmpeg writes top-down rows (negative height); the same pictures stored bottom-up must
+    // still arrive top row first.
+    Bytes up = aviBytes;
+    const std::size_t f = at(up, "strf") + 8;
+    ASSERT_EQ(static_cast<std::int32_t>(get32(up, f + 8)), -16);
+    put32(up, f + 8, 16);
+    const std::size_t row = 32 * 3;
+    int flipped = 0;
+    for (std::size_t c = at(up, "00dc"); c + 8 + row * 16 <= up.size(); c = at(up, "00dc", c + 4)) {
+      if (get32(up, c + 4) != row * 16) continue;
+      for (std::size_t y = 0; y < 8; ++y)
+        std::swap_ranges(up.begin() + static_cast<std::ptrdiff_t>(c + 8 + y * row),
+                         up.begin() + static_cast<std::ptrdiff_t>(c + 8 + (y + 1) * row),
+                         up.begin() + static_cast<std::ptrdiff_t>(c + 8 + (15 - y) * row));
+      ++flipped;
+    }
+    ASSERT_EQ(flipped, 12);
+    fm::MediaReader down, bottomUp;
+    ASSERT_EQ(down.OpenMemory(aviBytes.data(), aviBytes.size()), fm::Status::kOk);
+    ASSERT_EQ(bottomUp.OpenMemory(up.data(), up.size()), fm::Status::kOk);
+    for (int k : {11, 0, 5}) {
+      std::vector<std::uint8_t> a(row * 16), b(row * 16);
+      ASSERT_EQ(down.ReadFrame(0, k, fm::PixelLayout::kRGB24, a.data(), row), fm::Status::kOk);
+      ASSERT_EQ(bottomUp.ReadFrame(0, k, fm::PixelLayout::kRGB24, b.data(), row), fm::Status::kOk);
+      EXPECT_EQ(a, b) << "frame " << k;
+    }
+  }
+  for (const Damage& c : cases) {
+    SCOPED_TRACE(c.name);
+    Bytes b = c.isMxf ? mxfBytes : aviBytes;
+    c.patch(b);
+    fm::MediaReader r;
+    const fm::Status s = r.OpenMemory(b.data(), b.size());
+    if (c.expect != kAny) {
+      ASSERT_EQ(s, fm::Status::kOk);
+    }
+    if (s != fm::Status::kOk) continue;
+    const fm::MediaInfo& info = r.Info();
+    if (c.expect == kNoVideo) {
+      EXPECT_TRUE(info.video.empty());
+      EXPECT_EQ(info.audio.size(), 1u);
+    }
+    for (std::size_t t = 0; t < info.video.size(); ++t) {
+      const fm::VideoTrack& v = info.video[t];
+      if (c.frames >= 0) {
+        EXPECT_EQ(v.frames, c.frames);
+      }
+      if (c.rateNum) {
+        EXPECT_EQ(v.rate, (fm::Rational{c.rateNum, 1}));
+      }
+      const std::size_t row = fm::MinRowBytes(fm::PixelLayout::kRGB24, v.width);
+      std::vector<std::uint8_t> buf(row * static_cast<std::size_t>(v.height));
+      for (std::int64_t k = v.frames - 1; k >= 0; --k) {
+        const fm::Status fs = r.ReadFrame(static_cast<int>(t), k, fm::PixelLayout::kRGB24,
+                                          buf.data(), static_cast<std::ptrdiff_t>(row));
+        if (c.expect == kReads) {
+          EXPECT_EQ(fs, fm::Status::kOk) << k;
+        }
+        if (c.expect == kFrameFails) {
+          EXPECT_EQ(fs, fm::Status::kFail) << k;
+        }
+        if (c.expect == kAny) {
+          EXPECT_TRUE(fs == fm::Status::kOk || fs == fm::Status::kFail);
+        }
+      }
+      EXPECT_EQ(r.ReadFrame(static_cast<int>(t), v.frames, fm::PixelLayout::kRGB24, buf.data(),
+                            static_cast<std::ptrdiff_t>(row)),
+                fm::Status::kInvalidArg);
+    }
+    for (std::size_t t = 0; t < info.audio.size(); ++t) {
+      std::vector<std::uint8_t> buf(4 * 2048 * static_cast<std::size_t>(info.audio[t].channels));
+      const fm::Status as =
+          r.ReadAudio(static_cast<int>(t), std::max<std::int64_t>(0, info.audio[t].samples - 1000),
+                      2048, fm::SampleLayout::kF32, buf.data());
+      EXPECT_TRUE(as == fm::Status::kOk || as == fm::Status::kFail);
+    }
+  }
+}
+
+// OpenDML (AVI 2.0): past 1 GiB FFmpeg's muxer goes on in "AVIX" RIFF chunks with their own
+// indexes. The frame count covers all of them and the far frames read exactly as ffmpeg's.
+void CheckOpenDml(const fs::path& dir, int frames, std::uint64_t minBytes) {
+  const fs::path file = dir / "big.avi";
+  ASSERT_TRUE(Shell("ffmpeg -v error -y -f lavfi -i testsrc2=size=1920x1080:rate=25 -frames:v " +
+                    std::to_string(frames) + " -c:v rawvideo -pix_fmt uyvy422 " +
+                    vxtest::Quote(file)));
+  ASSERT_GT(fs::file_size(file), minBytes);
+  fm::MediaReader r;
+  ASSERT_EQ(r.Open(file.string()), fm::Status::kOk);
+  ASSERT_EQ(r.Info().video.size(), 1u);
+  EXPECT_EQ(r.Info().video[0].frames, frames);
+  const std::size_t size = 1920 * 2 * 1080;
+  std::vector<std::uint8_t> ours(size);
+  for (int k : {frames - 1, 3, frames - 2, frames / 2, frames - 1}) {
+    SCOPED_TRACE(k);
+    const fs::path one = dir / "one.raw";
+    char at[32];
+    std::snprintf(at, sizeof at, "%.2f", k / 25.0);
+    ASSERT_TRUE(Shell(std::string("ffmpeg -v error -y -ss ") + at + " -i " + vxtest::Quote(file) +
+                      " -frames:v 1 -f rawvideo -pix_fmt uyvy422 " + vxtest::Quote(one)));
+    const std::vector<std::uint8_t> theirs = Slurp(one);
+    ASSERT_EQ(theirs.size(), size);
+    for (fm::PixelLayout l : {fm::PixelLayout::kUYVY8, fm::PixelLayout::kBGRA8}) {
+      std::vector<std::uint8_t> buf(fm::MinRowBytes(l, 1920) * 1080);
+      ASSERT_EQ(r.ReadFrame(0, k, l, buf.data(), fm::MinRowBytes(l, 1920)), fm::Status::kOk);
+      if (l == fm::PixelLayout::kUYVY8) {
+        EXPECT_TRUE(buf == theirs);
+      }
+    }
+  }
+  fs::remove(file);
+}
+
+TEST_F(FfmediaTest, OpenDmlOver1GiB) {
+  CheckOpenDml(dir_.path(), 270, std::uint64_t{1} << 30);
+}
+
+// ctest runs this one only when asked (label "long"): it writes 4.5 GB.
+TEST_F(FfmediaTest, OpenDmlOver4GiBLong) {
+  CheckOpenDml(dir_.path(), 1100, std::uint64_t{4} << 30);
 }
 
 }  // namespace
