@@ -44,7 +44,8 @@ class PixelConverter {
                int srcSpace, int srcRange, int width, int height, std::uint8_t* const dst[4],
                const int dstStride[4], AVPixelFormat dstFormat, int dstSpace, int dstRange);
 
-  SwsContext* sws_ = nullptr;
+  // One scaler per band of rows converted side by side; [0] converts whole pictures.
+  std::vector<SwsContext*> sws_;
   std::vector<std::uint8_t> scratch_;
   std::vector<std::uint8_t> bounceSrc_;
   std::vector<std::uint8_t> bounceDst_;

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <system_error>
+#include <thread>
 
 #include "movie/ffmpeg/ffmedia_internal.h"
 
@@ -227,8 +229,33 @@ void UnpackV210Row(const std::uint8_t* src, int width, std::uint16_t* y, std::ui
   }
 }
 
+namespace {
+
+// Rows per band below which a second thread is not worth starting.
+constexpr int kMinBandRows = 128;
+
+// How many bands of rows a conversion is split into. libswscale converts on one thread, which
+// for a 10-bit 1080p picture costs about as much as the codec's threaded decode. A band converts
+// exactly as the whole picture would when no row is resampled from its neighbours (no vertical
+// chroma subsampling on either side, as in 4:2:2 and 4:4:4) and every band starts on a multiple
+// of the scaler's 8-row dither pattern; otherwise the picture stays whole.
+int BandCount(AVPixelFormat src, AVPixelFormat dst, int height) {
+  const AVPixFmtDescriptor* s = av_pix_fmt_desc_get(src);
+  const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(dst);
+  constexpr auto kAwkward =
+      AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_HWACCEL;
+  if (!s || !d || s->log2_chroma_h || d->log2_chroma_h || (s->flags & kAwkward) ||
+      (d->flags & kAwkward))
+    return 1;
+  const int threads =
+      static_cast<int>(std::min(4u, std::max(1u, std::thread::hardware_concurrency())));
+  return std::max(1, std::min(threads, height / kMinBandRows));
+}
+
+}  // namespace
+
 PixelConverter::~PixelConverter() {
-  sws_freeContext(sws_);
+  for (SwsContext* c : sws_) sws_freeContext(c);
 }
 
 Status PixelConverter::Scale(const std::uint8_t* const src[4], const int srcStride[4],
@@ -237,21 +264,28 @@ Status PixelConverter::Scale(const std::uint8_t* const src[4], const int srcStri
                              AVPixelFormat dstFormat, int dstSpace, int dstRange) {
   if (!sws_isSupportedInput(srcFormat) || !sws_isSupportedOutput(dstFormat))
     return Status::kUnsupported;
-  sws_ = sws_getCachedContext(sws_, width, height, srcFormat, width, height, dstFormat, SWS_BICUBIC,
-                              nullptr, nullptr, nullptr);
-  if (!sws_) return Status::kUnsupported;
-  int* invTable = nullptr;
-  int* table = nullptr;
-  int curSrcRange = 0;
-  int curDstRange = 0;
-  int brightness = 0;
-  int contrast = 0;
-  int saturation = 0;
-  if (sws_getColorspaceDetails(sws_, &invTable, &curSrcRange, &table, &curDstRange, &brightness,
-                               &contrast, &saturation) >= 0) {
-    sws_setColorspaceDetails(sws_, sws_getCoefficients(srcSpace), srcRange,
-                             sws_getCoefficients(dstSpace), dstRange, brightness, contrast,
-                             saturation);
+  const int bands = BandCount(srcFormat, dstFormat, height);
+  const int bandRows = bands == 1 ? height : ((height + bands - 1) / bands + 15) / 16 * 16;
+  if (sws_.size() < static_cast<std::size_t>(bands)) sws_.resize(static_cast<std::size_t>(bands));
+  for (int b = 0; b < bands; ++b) {
+    const int rows = std::min(bandRows, height - b * bandRows);
+    SwsContext*& c = sws_[static_cast<std::size_t>(b)];
+    c = sws_getCachedContext(c, width, rows, srcFormat, width, rows, dstFormat, SWS_BICUBIC,
+                             nullptr, nullptr, nullptr);
+    if (!c) return Status::kUnsupported;
+    int* invTable = nullptr;
+    int* table = nullptr;
+    int curSrcRange = 0;
+    int curDstRange = 0;
+    int brightness = 0;
+    int contrast = 0;
+    int saturation = 0;
+    if (sws_getColorspaceDetails(c, &invTable, &curSrcRange, &table, &curDstRange, &brightness,
+                                 &contrast, &saturation) >= 0) {
+      sws_setColorspaceDetails(c, sws_getCoefficients(srcSpace), srcRange,
+                               sws_getCoefficients(dstSpace), dstRange, brightness, contrast,
+                               saturation);
+    }
   }
   // libswscale's vector paths drop the last pixels of a row whose start or stride is not
   // aligned (host rows often are not): such packed rows go through aligned buffers.
@@ -279,8 +313,36 @@ Status PixelConverter::Scale(const std::uint8_t* const src[4], const int srcStri
     ds[0] = (dstBytes + kAlign - 1) / kAlign * kAlign;
     d[0] = Aligned(bounceDst_, static_cast<std::size_t>(ds[0]) * rows);
   }
-  const int done = sws_scale(sws_, s, ss, 0, height, d, ds);
-  if (done != height) return Status::kFail;
+  const int srcPlanes = av_pix_fmt_count_planes(srcFormat);
+  const int dstPlanes = av_pix_fmt_count_planes(dstFormat);
+  auto band = [&](int b) {
+    const int y0 = b * bandRows;
+    const int rows = std::min(bandRows, height - y0);
+    const std::uint8_t* bs[4] = {};
+    std::uint8_t* bd[4] = {};
+    for (int p = 0; p < srcPlanes && p < 4; ++p) bs[p] = s[p] + std::ptrdiff_t{ss[p]} * y0;
+    for (int p = 0; p < dstPlanes && p < 4; ++p) bd[p] = d[p] + std::ptrdiff_t{ds[p]} * y0;
+    return sws_scale(sws_[static_cast<std::size_t>(b)], bs, ss, 0, rows, bd, ds) == rows;
+  };
+  bool ok = true;
+  if (bands == 1) {
+    ok = band(0);
+  } else {
+    std::vector<char> done(static_cast<std::size_t>(bands), 0);
+    std::vector<std::thread> helpers;
+    try {
+      for (int b = 1; b < bands; ++b)
+        helpers.emplace_back([&, b] { done[static_cast<std::size_t>(b)] = band(b); });
+    } catch (const std::system_error&) {
+      // No thread to be had: what did not start converts here.
+    }
+    for (int b = static_cast<int>(helpers.size()) + 1; b < bands; ++b)
+      done[static_cast<std::size_t>(b)] = band(b);
+    done[0] = band(0);
+    for (std::thread& t : helpers) t.join();
+    ok = std::all_of(done.begin(), done.end(), [](char v) { return v != 0; });
+  }
+  if (!ok) return Status::kFail;
   if (dstBytes)
     CopyRows(d[0], ds[0], dst[0], dstStride[0], static_cast<std::size_t>(dstBytes), height);
   return Status::kOk;
