@@ -7,14 +7,6 @@
 namespace vxhost {
 namespace {
 
-std::string TimeCodeText(DWORD bcd) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%02X:%02X:%02X:%02X", static_cast<unsigned>(bcd >> 24),
-                static_cast<unsigned>(bcd >> 16 & 0xFF), static_cast<unsigned>(bcd >> 8 & 0xFF),
-                static_cast<unsigned>(bcd & 0xFF));
-  return text;
-}
-
 HRESULT MovieSection(InfoContext& c, Json& out) {
   if (c.entry.mediaKind != 3) return S_OK;
   Json tracks = Json::array();
@@ -39,7 +31,12 @@ HRESULT MovieSection(InfoContext& c, Json& out) {
   if (!tracks.empty() &&
       SUCCEEDED(c.parser->QueryInterface(IID_IVxParserSourceInfo, info.put_void())) &&
       info->GetTimeCode(0, &bcd) == S_OK && bcd != 0xFFFFFFFFu) {
-    tracks[0]["time code"] = TimeCodeText(bcd);
+    // The drop-frame flag is not in the code itself but in the metadata record.
+    ComPtr<IVxMetadata> md;
+    bool drop = false;
+    if (SUCCEEDED(VxCreateMetadata(md.put())) && SUCCEEDED(info->GetMetadata(-1, md.get())))
+      drop = vx::md::GetRecord(md.get()).dropFrame != 0;
+    tracks[0]["time code"] = TimeCodeText(bcd, drop);
   }
   for (DWORD i = 0; i < 64; ++i) {
     alignas(8) BYTE buffer[64] = {};
