@@ -61,8 +61,9 @@ TEST(WholeFile, ReadAllAndReadAllParallelAgreeWithTheFileAndRefuseShortFiles) {
   EXPECT_TRUE(std::equal(one.begin(), one.end(), bytes.begin() + at));
   EXPECT_TRUE(one == many);
   // Past the end of the file: refused, not padded.
-  EXPECT_FALSE(vx::fileio::ReadAll(f.get(), at, one.data(), n + 4));
-  EXPECT_FALSE(vx::fileio::ReadAllParallel(f.get(), at, one.data(), n + 4));
+  std::vector<std::uint8_t> past(n + 4);
+  EXPECT_FALSE(vx::fileio::ReadAll(f.get(), at, past.data(), past.size()));
+  EXPECT_FALSE(vx::fileio::ReadAllParallel(f.get(), at, past.data(), past.size()));
 }
 
 }  // namespace

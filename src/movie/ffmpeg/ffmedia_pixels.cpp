@@ -117,6 +117,12 @@ bool IsRgbLike(AVPixelFormat f) {
   return d && (d->flags & AV_PIX_FMT_FLAG_RGB);
 }
 
+// Bits of a format's first component; 0 when unknown.
+int Depth(AVPixelFormat f) {
+  const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(f);
+  return d ? d->comp[0].depth : 0;
+}
+
 void CopyRows(const std::uint8_t* src, std::ptrdiff_t srcStride, std::uint8_t* dst,
               std::ptrdiff_t dstStride, std::size_t bytes, int rows) {
   for (int y = 0; y < rows; ++y) std::memcpy(dst + y * dstStride, src + y * srcStride, bytes);
@@ -503,9 +509,32 @@ Status PixelConverter::FromLayout(const std::uint8_t* src, std::ptrdiff_t stride
     planes[0] = scratch_.data();
     strides[0] = static_cast<int>(row);
     srcFormat = deep ? AV_PIX_FMT_RGBA64 : AV_PIX_FMT_RGBA;
+  } else if ((layout == PixelLayout::kRGB16 || layout == PixelLayout::kRGBA16) && dstRgb &&
+             Depth(dstFormat) > 0 && Depth(dstFormat) <= 8) {
+    // Narrowed here, rounded: libswscale dithers from 16 to 8 bits, which moves the codes of an
+    // 8-bit picture that a host image widened to 16 bits on the way.
+    const int channels = layout == PixelLayout::kRGBA16 ? 4 : 3;
+    const std::size_t row = static_cast<std::size_t>(w) * 4;
+    scratch_.resize(row * static_cast<std::size_t>(h));
+    for (int y = 0; y < h; ++y) {
+      const auto* in = reinterpret_cast<const std::uint16_t*>(src + y * stride);
+      std::uint8_t* out = scratch_.data() + y * row;
+      for (int x = 0; x < w; ++x) {
+        for (int c = 0; c < 4; ++c) {
+          const std::uint32_t v = c < channels ? in[x * channels + c] : 65535u;
+          out[x * 4 + c] = static_cast<std::uint8_t>((v * 255u + 32895u) >> 16);
+        }
+      }
+    }
+    planes[0] = scratch_.data();
+    strides[0] = static_cast<int>(row);
+    srcFormat = AV_PIX_FMT_RGBA;
   }
   if (srcFormat == dstFormat && !srcYuv) {
-    CopyRows(src, stride, frame->data[0], frame->linesize[0], MinRowBytes(layout, w), h);
+    const int bytes = av_image_get_linesize(srcFormat, w, 0);
+    if (bytes <= 0) return Status::kUnsupported;
+    CopyRows(planes[0], strides[0], frame->data[0], frame->linesize[0],
+             static_cast<std::size_t>(bytes), h);
     return Status::kOk;
   }
   return Scale(planes, strides, srcFormat, dstSpace, srcYuv ? 0 : 1, w, h, frame->data,

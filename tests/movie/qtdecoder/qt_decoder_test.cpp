@@ -478,7 +478,7 @@ TEST_F(QtDecoder, HostInfoConvertAndThumbnail) {
 // no movie behind.
 TEST_F(QtDecoder, HostMakesMovieFromSequenceAndSound) {
   ASSERT_TRUE(
-      Shell("ffmpeg -v error -f lavfi -i \"gradients=size=64x48:rate=25:speed=0.05\" "
+      Shell("ffmpeg -v error -f lavfi -i \"gradients=size=64x48:rate=25:speed=0.05:seed=7\" "
             "-frames:v 6 -pix_fmt rgb24 -start_number 11 " +
             Q(dir_ / "seq.%04d.dpx")));
   Make("tone.wav", "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.3 -ac 2 -c:a pcm_s16le");
