@@ -47,10 +47,47 @@ enum class PixelLayout {
 };
 
 // Bytes of one row of `width` pixels without padding; v210 rows are rounded to 128 bytes.
-std::size_t MinRowBytes(PixelLayout layout, int width);
+// Inline, so builds without FFmpeg (the Windows backend of the movie seam) share it.
+inline std::size_t MinRowBytes(PixelLayout layout, int width) {
+  if (width <= 0) return 0;
+  const auto w = static_cast<std::size_t>(width);
+  switch (layout) {
+    case PixelLayout::kRGB24:
+    case PixelLayout::kBGR24:
+      return 3 * w;
+    case PixelLayout::kRGBA8:
+    case PixelLayout::kBGRA8:
+      return 4 * w;
+    case PixelLayout::kUYVY8:
+      return 2 * (w + (w & 1));
+    case PixelLayout::kV210:
+      return (w + 47) / 48 * 128;
+    case PixelLayout::kRGBA16BE:
+    case PixelLayout::kRGBA16:
+      return 8 * w;
+    case PixelLayout::kRGB16:
+      return 6 * w;
+    case PixelLayout::kRGBF32:
+      return 12 * w;
+    case PixelLayout::kRGBAF32:
+      return 16 * w;
+  }
+  return 0;
+}
 
 enum class SampleLayout { kS16, kS24, kS32, kF32 };  // interleaved, little-endian; kS24 packed
-int SampleBytes(SampleLayout layout);
+inline int SampleBytes(SampleLayout layout) {
+  switch (layout) {
+    case SampleLayout::kS16:
+      return 2;
+    case SampleLayout::kS24:
+      return 3;
+    case SampleLayout::kS32:
+    case SampleLayout::kF32:
+      return 4;
+  }
+  return 0;
+}
 
 struct VideoTrack {
   int stream = -1;           // stream index in the file

@@ -17,46 +17,6 @@ extern "C" {
 
 namespace vx::ffmedia {
 
-std::size_t MinRowBytes(PixelLayout layout, int width) {
-  if (width <= 0) return 0;
-  const auto w = static_cast<std::size_t>(width);
-  switch (layout) {
-    case PixelLayout::kRGB24:
-    case PixelLayout::kBGR24:
-      return 3 * w;
-    case PixelLayout::kRGBA8:
-    case PixelLayout::kBGRA8:
-      return 4 * w;
-    case PixelLayout::kUYVY8:
-      return 2 * (w + (w & 1));
-    case PixelLayout::kV210:
-      return (w + 47) / 48 * 128;
-    case PixelLayout::kRGBA16BE:
-    case PixelLayout::kRGBA16:
-      return 8 * w;
-    case PixelLayout::kRGB16:
-      return 6 * w;
-    case PixelLayout::kRGBF32:
-      return 12 * w;
-    case PixelLayout::kRGBAF32:
-      return 16 * w;
-  }
-  return 0;
-}
-
-int SampleBytes(SampleLayout layout) {
-  switch (layout) {
-    case SampleLayout::kS16:
-      return 2;
-    case SampleLayout::kS24:
-      return 3;
-    case SampleLayout::kS32:
-    case SampleLayout::kF32:
-      return 4;
-  }
-  return 0;
-}
-
 namespace detail {
 namespace {
 

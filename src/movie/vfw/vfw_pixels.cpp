@@ -74,7 +74,7 @@ void PackYuv(const Yuv10& v, int width, PixelLayout to, std::uint8_t* d, bool fr
     return from8 ? std::clamp<std::uint32_t>(x, 4, 1019) : x;
   };
   const std::size_t groups = (static_cast<std::size_t>(width) + 5) / 6;
-  const std::size_t rowBytes = LayoutRowBytes(PixelLayout::kV210, width);
+  const std::size_t rowBytes = ffmedia::MinRowBytes(PixelLayout::kV210, width);
   std::memset(d, 0, rowBytes);
   for (std::size_t g = 0; g < groups; ++g, d += 16) {
     const std::uint16_t* y = &v.y[g * 6];
@@ -172,46 +172,19 @@ void PackRgba16(const std::uint16_t* s, int width, PixelLayout to, std::uint8_t*
 
 }  // namespace
 
-std::size_t LayoutRowBytes(PixelLayout layout, int width) {
-  if (width <= 0) return 0;
-  const std::size_t w = static_cast<std::size_t>(width);
-  switch (layout) {
-    case PixelLayout::kRGB24:
-    case PixelLayout::kBGR24:
-      return 3 * w;
-    case PixelLayout::kRGBA8:
-    case PixelLayout::kBGRA8:
-      return 4 * w;
-    case PixelLayout::kUYVY8:
-      return (w + 1) / 2 * 4;
-    case PixelLayout::kV210:
-      return (w + 47) / 48 * 128;
-    case PixelLayout::kRGBA16BE:
-    case PixelLayout::kRGBA16:
-      return 8 * w;
-    case PixelLayout::kRGB16:
-      return 6 * w;
-    case PixelLayout::kRGBF32:
-      return 12 * w;
-    case PixelLayout::kRGBAF32:
-      return 16 * w;
-  }
-  return 0;
-}
-
 std::size_t FormatRowBytes(RowFormat format, int width) {
   switch (format) {
     case RowFormat::kBgr24:
     case RowFormat::kRgb24:
-      return LayoutRowBytes(PixelLayout::kRGB24, width);
+      return ffmedia::MinRowBytes(PixelLayout::kRGB24, width);
     case RowFormat::kBgra32:
     case RowFormat::kRgba32:
-      return LayoutRowBytes(PixelLayout::kRGBA8, width);
+      return ffmedia::MinRowBytes(PixelLayout::kRGBA8, width);
     case RowFormat::kUyvy:
     case RowFormat::kYuy2:
-      return LayoutRowBytes(PixelLayout::kUYVY8, width);
+      return ffmedia::MinRowBytes(PixelLayout::kUYVY8, width);
     case RowFormat::kV210:
-      return LayoutRowBytes(PixelLayout::kV210, width);
+      return ffmedia::MinRowBytes(PixelLayout::kV210, width);
   }
   return 0;
 }
@@ -237,10 +210,10 @@ bool FormatOfLayout(PixelLayout layout, RowFormat* format) {
 
 bool ConvertRow(RowFormat from, const std::uint8_t* src, int width, PixelLayout to,
                 std::uint8_t* dst, bool hd) {
-  if (width <= 0 || LayoutRowBytes(to, width) == 0) return false;
+  if (width <= 0 || ffmedia::MinRowBytes(to, width) == 0) return false;
   RowFormat same;
   if (FormatOfLayout(to, &same) && same == from) {
-    std::memcpy(dst, src, LayoutRowBytes(to, width));
+    std::memcpy(dst, src, ffmedia::MinRowBytes(to, width));
     return true;
   }
   if (to == PixelLayout::kUYVY8 || to == PixelLayout::kV210) {

@@ -20,9 +20,6 @@ enum class RowFormat {
   kV210,    // 10-bit 4:2:2, 6 pixels in four little-endian words
 };
 
-// Bytes of a row of `width` pixels, unpadded except v210 (48-pixel groups of 128 bytes) and
-// 4:2:2 (whole pixel pairs). 0 for a layout this backend does not know.
-std::size_t LayoutRowBytes(ffmedia::PixelLayout layout, int width);
 std::size_t FormatRowBytes(RowFormat format, int width);
 
 // The format a host layout's rows already have, if any (false for 16-bit and float layouts).

@@ -292,7 +292,7 @@ class VfwSource final : public MovieSource {
     if (track < 0 || track >= static_cast<int>(video_.size())) return Status::kInvalidArg;
     const VideoStream& v = video_[static_cast<std::size_t>(track)];
     const ffmedia::VideoTrack& t = info_.video[static_cast<std::size_t>(track)];
-    const std::size_t need = vfw::LayoutRowBytes(layout, v.width);
+    const std::size_t need = ffmedia::MinRowBytes(layout, v.width);
     if (index < 0 || index >= t.frames || !dst || need == 0 ||
         static_cast<std::size_t>(stride < 0 ? -stride : stride) < need)
       return Status::kInvalidArg;
@@ -633,7 +633,7 @@ class VfwSink final : public MovieSink {
   Status WriteFrame(const std::uint8_t* src, std::ptrdiff_t stride, PixelLayout layout) override {
     if (!writer_ || !hasVideo_) return Status::kInvalidArg;
     RowFormat from = RowFormat::kRgba32;
-    const std::size_t need = vfw::LayoutRowBytes(layout, width_);
+    const std::size_t need = ffmedia::MinRowBytes(layout, width_);
     if (!src || need == 0 || static_cast<std::size_t>(stride < 0 ? -stride : stride) < need)
       return Status::kInvalidArg;
     // 16-bit and float host pictures go to 8 bits first.

@@ -203,7 +203,7 @@ TEST(VfwAvi, ReadsWhatFfmpegWrote) {
     EXPECT_EQ(v.frames, c.frames);
     EXPECT_EQ(v.fourcc, c.fourcc);
 
-    const std::size_t row = vx::movie::vfw::LayoutRowBytes(c.native, c.width);
+    const std::size_t row = vx::ffmedia::MinRowBytes(c.native, c.width);
     const std::size_t frame = row * static_cast<std::size_t>(c.height);
     const Bytes ref = vxtest::ReadFile(dir / (std::string(c.name) + ".native"));
     ASSERT_EQ(ref.size(), frame * static_cast<std::size_t>(c.frames));
@@ -294,7 +294,7 @@ TEST(VfwAvi, WritesWhatItReadsBack) {
   for (const Case& c : cases) {
     SCOPED_TRACE(static_cast<int>(c.codec));
     const fs::path path = tmp / ("out" + std::to_string(static_cast<int>(c.codec)) + ".avi");
-    const std::size_t row = vx::movie::vfw::LayoutRowBytes(c.layout, c.width);
+    const std::size_t row = vx::ffmedia::MinRowBytes(c.layout, c.width);
     const int kFrames = 3, kChannels = 2, kSamples = 4000;
     std::vector<Bytes> frames(kFrames, Bytes(row * c.height));
     for (Bytes& f : frames)
@@ -382,7 +382,7 @@ TEST(VfwAvi, WritesFilesFfmpegReads) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const Bytes frames = vxtest::ReadFile(dir / (std::string(c.name) + ".native"));
-    const std::size_t row = vx::movie::vfw::LayoutRowBytes(c.layout, c.width);
+    const std::size_t row = vx::ffmedia::MinRowBytes(c.layout, c.width);
     const std::size_t frame = row * static_cast<std::size_t>(c.height);
     ASSERT_GT(frames.size(), 0u);
     vx::ffmedia::VideoSettings vs;
