@@ -3,10 +3,15 @@
 // One slot of the RED decoder pool: on each start event, decodes the frame of the request in
 // the instruction block into the result block (16-byte aligned) in the requested pixel format
 // and sets the end event. Ends on the terminate event and when the host process is gone.
+// It decodes with the processors the pool's rule leaves each slot; VX_RED_DECODER_THREADS sets
+// another count (benchmarks compare a one-thread decode with one in the host process).
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <thread>
 
 #include "red/r3d/red_library.h"
 #include "red/r3d/red_process_helper.h"
@@ -92,11 +97,18 @@ int main(int argc, char** argv) {
   if (!c.start || !c.end || !c.terminate) return 4;
   const auto host = static_cast<std::uint32_t>(std::strtoul(argv[7], nullptr, 10));
 
+  std::string threads;
+  const int forced =
+      os::GetEnv("VX_RED_DECODER_THREADS", &threads) ? std::atoi(threads.c_str()) : 0;
+  DefaultRedLibrary().SetDecodeThreads(
+      forced > 0 ? forced : RedDecodeThreads(std::max(1u, std::thread::hardware_concurrency())));
+
   Server server(c);
   for (;;) {
     // The terminate event first: after a Stop, a new pool of the same host takes these names.
     if (os::WaitEvent(c.terminate, 0) == os::Wait::Signaled) break;
-    const os::Wait w = os::WaitEvent(c.start, 250);
+    // Short: a pool started again in this host waits for us to go before it takes the names.
+    const os::Wait w = os::WaitEvent(c.start, 100);
     if (w == os::Wait::Signaled) {
       server.Serve();
     } else if (w == os::Wait::Failed || !os::ProcessIsRunning(host)) {

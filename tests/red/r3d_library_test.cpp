@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "r3d_test_clip.h"
@@ -33,15 +34,25 @@ std::string Capture(const std::string& cmd) {
   return out;
 }
 
-TEST(R3DClip, DecodesEveryModeLikeFfmpeg) {
+// 16- and 12-bit samples, each decoded on one thread and on three.
+class R3DClipDecode : public ::testing::TestWithParam<std::tuple<int, int>> {
+ protected:
+  void TearDown() override { DefaultRedLibrary().SetDecodeThreads(1); }
+};
+
+TEST_P(R3DClipDecode, EveryModeLikeFfmpeg) {
   if (!HaveFfmpeg()) GTEST_SKIP() << "no ffmpeg";
+  const auto [precision, threads] = GetParam();
+  DefaultRedLibrary().SetDecodeThreads(threads);
   vxtest::TempDir dir;
   redtest::ClipPlan plan;
   plan.width = 128;
   plan.height = 64;
   plan.frames = 5;
+  plan.precision = precision;
   plan.metadata = "timecode=01:02:03:04\niso=800\n";
   const auto path = redtest::WriteClip(dir / "A001.R3D", plan)[0];
+  const unsigned max = (1u << precision) - 1;
 
   // The peer agrees about the container.
   const std::string probe = Capture(
@@ -84,10 +95,13 @@ TEST(R3DClip, DecodesEveryModeLikeFfmpeg) {
     int bad = 0;
     for (std::size_t i = 0; i < std::size_t{w} * h && bad < 5; ++i) {
       for (int c = 0; c < 3; ++c) {
-        const unsigned want = peer[i * 6 + 2 * c] | peer[i * 6 + 2 * c + 1] << 8;
+        // FFmpeg puts narrower samples in the top bits; ours span the full 16-bit range.
+        const unsigned sample =
+            (peer[i * 6 + 2 * c] | peer[i * 6 + 2 * c + 1] << 8) >> (16 - precision);
+        const unsigned want = (sample * 65535 + max / 2) / max;
+        const unsigned want8 = (sample * 255 + max / 2) / max;
         std::uint16_t got;
         std::memcpy(&got, &rgb[i * 6 + 2 * c], 2);
-        const unsigned want8 = (want * 255 + 32767) / 65535;
         if (got != want || bgra[i * 4 + 2 - c] != want8) {
           ADD_FAILURE() << "pixel " << i << " component " << c << ": " << got << " / "
                         << int(bgra[i * 4 + 2 - c]) << ", peer " << want;
@@ -100,7 +114,7 @@ TEST(R3DClip, DecodesEveryModeLikeFfmpeg) {
       // Lossless at full size: the very picture written.
       std::uint16_t v;
       std::memcpy(&v, &rgb[(5 * 128 + 7) * 6 + 2], 2);
-      EXPECT_EQ(v, redtest::PatternSample(3, 7, 5, 1));
+      EXPECT_EQ(v, (redtest::PatternSample(3, 7, 5, 1) & max) * 65535 / max);
     }
   }
   std::vector<std::uint8_t> small(10);
@@ -109,6 +123,9 @@ TEST(R3DClip, DecodesEveryModeLikeFfmpeg) {
   EXPECT_FALSE(clip->Decode(5, 0, RedPixels::kRgb16, any.data(), any.size()));
   EXPECT_FALSE(clip->Decode(-1, 0, RedPixels::kRgb16, any.data(), any.size()));
 }
+INSTANTIATE_TEST_SUITE_P(PrecisionAndThreads, R3DClipDecode,
+                         ::testing::Values(std::make_tuple(16, 1), std::make_tuple(12, 1),
+                                           std::make_tuple(16, 3), std::make_tuple(12, 3)));
 
 TEST(R3DClip, SpannedClipIsOneClip) {
   vxtest::TempDir dir;

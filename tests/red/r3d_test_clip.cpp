@@ -46,14 +46,15 @@ std::uint16_t PatternSample(int f, std::uint32_t x, std::uint32_t y, int c) {
                                     static_cast<std::uint32_t>(f) * 4099);
 }
 
-std::vector<std::uint8_t> EncodeFrame(int f, std::uint32_t w, std::uint32_t h, int levels) {
+std::vector<std::uint8_t> EncodeFrame(int f, std::uint32_t w, std::uint32_t h, int levels,
+                                      int precision) {
   opj_image_cmptparm_t cp[3];
   std::memset(cp, 0, sizeof cp);
   for (auto& p : cp) {
     p.dx = p.dy = 1;
     p.w = w;
     p.h = h;
-    p.prec = 16;
+    p.prec = static_cast<OPJ_UINT32>(precision);
     p.sgnd = 0;
   }
   opj_image_t* image = opj_image_create(3, cp, OPJ_CLRSPC_SRGB);
@@ -62,7 +63,7 @@ std::vector<std::uint8_t> EncodeFrame(int f, std::uint32_t w, std::uint32_t h, i
   for (int c = 0; c < 3; ++c) {
     for (std::uint32_t y = 0; y < h; ++y) {
       for (std::uint32_t x = 0; x < w; ++x)
-        image->comps[c].data[y * w + x] = PatternSample(f, x, y, c);
+        image->comps[c].data[y * w + x] = PatternSample(f, x, y, c) & ((1 << precision) - 1);
     }
   }
   opj_cparameters_t params;
@@ -125,9 +126,10 @@ std::vector<std::filesystem::path> WriteClip(const std::filesystem::path& path,
     }
     std::vector<std::uint8_t> first;
     for (int f = part * perPart; f < std::min(plan.frames, (part + 1) * perPart); ++f) {
-      if (plan.samePicture && first.empty()) first = EncodeFrame(0, plan.width, plan.height);
+      if (plan.samePicture && first.empty())
+        first = EncodeFrame(0, plan.width, plan.height, 6, plan.precision);
       const std::vector<std::uint8_t> cs =
-          plan.samePicture ? first : EncodeFrame(f, plan.width, plan.height);
+          plan.samePicture ? first : EncodeFrame(f, plan.width, plan.height, 6, plan.precision);
       Be32(b, static_cast<std::uint32_t>(8 + 12 + cs.size()));
       Tag(b, "REDV");
       Be32(b, static_cast<std::uint32_t>(f) * plan.rateDenominator);  // time stamp

@@ -13,8 +13,10 @@ namespace redtest {
 // The picture of frame `f`: 16-bit samples, RGB interleaved, `w` × `h`. Lossless coding keeps it.
 std::uint16_t PatternSample(int f, std::uint32_t x, std::uint32_t y, int c);
 
-// Lossless (5/3) codestream of frame `f`'s picture with `levels` resolution levels.
-std::vector<std::uint8_t> EncodeFrame(int f, std::uint32_t w, std::uint32_t h, int levels = 6);
+// Lossless (5/3) codestream of frame `f`'s picture with `levels` resolution levels, its samples
+// the pattern's low `precision` bits.
+std::vector<std::uint8_t> EncodeFrame(int f, std::uint32_t w, std::uint32_t h, int levels = 6,
+                                      int precision = 16);
 
 struct ClipPlan {
   std::uint32_t width = 64;
@@ -25,6 +27,7 @@ struct ClipPlan {
   std::string metadata;      // "key=value\n" lines; empty: no metadata atom
   int framesPerPart = 0;     // 0: one file
   bool samePicture = false;  // every frame holds frame 0's codestream (quick big clips)
+  int precision = 16;        // bits a sample
 };
 
 // Writes the clip (the first part at `path`, named "..._001.R3D" when split) and answers the

@@ -240,23 +240,6 @@ class RedPoolProcesses : public ::testing::Test {
     pool_.emplace();
     pool_->helper->SetLibrary(&lib_);
   }
-  // The decoders end by themselves after Stop; the next test's pool takes the same names, so
-  // wait until no process holds them any more.
-  void TearDown() override {
-    if (!pool_) return;
-    const std::uint32_t n = pool_->helper->PoolSize();
-    pool_.reset();
-    for (std::uint32_t i = 0; i < n; ++i) {
-      const std::string name = "Red_Event_StartFrame_" + std::to_string(os::CurrentProcessId()) +
-                               "_" + std::to_string(i);
-      for (int tries = 0; tries < 500; ++tries) {
-        os::EventHandle e = os::OpenEvent(FromUtf8(name).c_str());
-        if (!e) break;
-        os::CloseEvent(e);
-        os::SleepMs(10);
-      }
-    }
-  }
   // Decodes logged so far, as "slot frame" lines.
   std::vector<int> Decoded() {
     std::vector<int> frames;
@@ -340,6 +323,22 @@ TEST_F(RedPoolProcesses, NeverPastTheEndAndOneFrameWithoutPrefetch) {
   EXPECT_EQ(got.size(), 3u);
   EXPECT_EQ(got.back(), 0);
   for (std::uint32_t i = 1; i < 4; ++i) EXPECT_EQ(pool_->helper->Slot(i).frame, -1);
+}
+
+// A pool started again at once takes the names the ending decoders still hold: the new
+// decoders, not the old ones, must serve it, into the new result blocks.
+TEST_F(RedPoolProcesses, RestartIsServedByTheNewDecoders) {
+  StartWith(2);
+  void* buffer = nullptr;
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    const std::int32_t f = 2 + 3 * round;
+    ASSERT_EQ(pool_->Decode(Request("/c/f20_64x32.R3D", f), &buffer), f);
+    EXPECT_EQ(Stamp(buffer), f);
+    ASSERT_EQ(pool_->helper->Start(), S_OK);
+  }
+  ASSERT_EQ(pool_->Decode(Request("/c/f20_64x32.R3D", 11), &buffer), 11);
+  EXPECT_EQ(Stamp(buffer), 11);
 }
 
 TEST_F(RedPoolProcesses, DeadDecoderTimesOut) {

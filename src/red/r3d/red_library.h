@@ -92,6 +92,9 @@ class RedLibrary {
   virtual bool OpenCardDecoder() = 0;  // the card's asynchronous decoder context
   virtual void CloseCard() = 0;
   virtual bool SubmitJob(RedJob* job) = 0;  // false when the job was not taken
+  // Threads one frame's decode may use (1: the calling thread only). A decoder process takes
+  // its share of the processors; in the host process decodes stay on the calling thread.
+  virtual void SetDecodeThreads(int threads) { (void)threads; }
 };
 
 // The library of this build: FFmpeg where it is linked, else one that opens no clip.

@@ -8,6 +8,7 @@
 #include <openjpeg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -67,7 +68,7 @@ struct Image {
 // Decodes a codestream at `reduce`; false when the library refuses it (a reduce beyond the
 // codestream's levels among other things).
 bool DecodeCodestream(const std::vector<std::uint8_t>& data, std::uint32_t width,
-                      std::uint32_t height, int reduce, Image* out) {
+                      std::uint32_t height, int reduce, int threads, Image* out) {
   const bool jp2 = data.size() >= 12 && data[4] == 'j' && data[5] == 'P';
   opj_codec_t* codec = opj_create_decompress(jp2 ? OPJ_CODEC_JP2 : OPJ_CODEC_J2K);
   if (!codec) return false;
@@ -79,7 +80,9 @@ bool DecodeCodestream(const std::vector<std::uint8_t>& data, std::uint32_t width
   params.cp_reduce = static_cast<OPJ_UINT32>(reduce);
   MemoryStream ms{data.data(), data.size(), 0};
   opj_stream_t* stream = opj_stream_create(1 << 16, OPJ_TRUE);
-  bool ok = stream && opj_setup_decoder(codec, &params);
+  // Zero threads keeps the decode on this thread whatever OPJ_NUM_THREADS says.
+  bool ok = stream && opj_setup_decoder(codec, &params) &&
+            opj_codec_set_threads(codec, threads > 1 ? threads : 0);
   if (ok) {
     opj_stream_set_user_data(stream, &ms, nullptr);
     opj_stream_set_user_data_length(stream, data.size());
@@ -97,9 +100,32 @@ bool DecodeCodestream(const std::vector<std::uint8_t>& data, std::uint32_t width
   return ok;
 }
 
+// Component samples of `prec` bits to the output's 8 or 16 bits, rounded; out-of-range samples
+// are clamped first. A table, as a division per sample costs more than the rest of the copy.
+class SampleScale {
+ public:
+  SampleScale(std::uint32_t prec, RedPixels pixels)
+      : max_((1u << prec) - 1), table_(std::size_t{max_} + 1) {
+    const std::uint32_t top = pixels == RedPixels::kBgra8 ? 255 : 65535;
+    for (std::uint32_t u = 0; u <= max_; ++u)
+      table_[u] = static_cast<std::uint16_t>((u * top + max_ / 2) / max_);
+  }
+  std::uint16_t operator()(std::int32_t s) const {
+    const std::uint32_t u = s <= 0                                 ? 0u
+                            : static_cast<std::uint32_t>(s) > max_ ? max_
+                                                                   : static_cast<std::uint32_t>(s);
+    return table_[u];
+  }
+
+ private:
+  std::uint32_t max_;
+  std::vector<std::uint16_t> table_;
+};
+
 class J2kClip final : public RedClip {
  public:
-  explicit J2kClip(R3DIndex index) : index_(std::move(index)) {
+  J2kClip(R3DIndex index, const std::atomic<int>& threads)
+      : index_(std::move(index)), threads_(threads) {
     info_.width = index_.width;
     info_.height = index_.height;
     info_.frameCount = static_cast<std::int32_t>(index_.frames.size());
@@ -124,6 +150,7 @@ class J2kClip final : public RedClip {
   bool ReadCodestream(std::int32_t frame, std::vector<std::uint8_t>* data);
 
   R3DIndex index_;
+  const std::atomic<int>& threads_;
   RedClipInfo info_;
   std::mutex fileLock_;
   std::vector<os::UniqueFile> files_;
@@ -162,7 +189,8 @@ bool J2kClip::Decode(std::int32_t frame, int shift, RedPixels pixels, std::uint8
   // The codestream's own levels do what they can; pixels are skipped for the rest.
   Image img;
   int reduce = shift;
-  while (!DecodeCodestream(data, info_.width, info_.height, reduce, &img)) {
+  const int threads = threads_.load(std::memory_order_relaxed);
+  while (!DecodeCodestream(data, info_.width, info_.height, reduce, threads, &img)) {
     if (img.image) {
       opj_image_destroy(img.image);
       img.image = nullptr;
@@ -180,28 +208,41 @@ bool J2kClip::Decode(std::int32_t frame, int shift, RedPixels pixels, std::uint8
         comp.factor != static_cast<OPJ_UINT32>(reduce))
       return false;
   }
+  // Grey pictures repeat their one component; components of one precision share a table.
+  const opj_image_comp_t* comps[3];
+  std::vector<SampleScale> scales;
+  scales.reserve(3);
+  int scaleOf[3];
+  for (int c = 0; c < 3; ++c) {
+    comps[c] = &im->comps[n == 3 ? c : 0];
+    scaleOf[c] = c > 0 && comps[c]->prec == comps[c - 1]->prec ? scaleOf[c - 1] : -1;
+    if (scaleOf[c] < 0) {
+      scales.emplace_back(comps[c]->prec, pixels);
+      scaleOf[c] = static_cast<int>(scales.size()) - 1;
+    }
+  }
+  const SampleScale& s0 = scales[static_cast<std::size_t>(scaleOf[0])];
+  const SampleScale& s1 = scales[static_cast<std::size_t>(scaleOf[1])];
+  const SampleScale& s2 = scales[static_cast<std::size_t>(scaleOf[2])];
   for (std::uint32_t y = 0; y < h; ++y) {
+    const std::size_t at = std::size_t{y} * step;
+    const OPJ_INT32* r = comps[0]->data + at * comps[0]->w;
+    const OPJ_INT32* g = comps[1]->data + at * comps[1]->w;
+    const OPJ_INT32* b = comps[2]->data + at * comps[2]->w;
     std::uint8_t* row = out + std::size_t{y} * w * bpp;
-    for (std::uint32_t x = 0; x < w; ++x) {
-      std::uint32_t v[3];
-      for (int c = 0; c < 3; ++c) {
-        const opj_image_comp_t& comp = im->comps[n == 3 ? c : 0];
-        const std::uint32_t max = (1u << comp.prec) - 1;
-        std::int32_t s = comp.data[std::size_t{y} * step * comp.w + std::size_t{x} * step];
-        const std::uint32_t u = static_cast<std::uint32_t>(
-            std::clamp<std::int32_t>(s, 0, static_cast<std::int32_t>(max)));
-        v[c] =
-            pixels == RedPixels::kBgra8 ? (u * 255 + max / 2) / max : (u * 65535 + max / 2) / max;
-      }
-      if (pixels == RedPixels::kBgra8) {
+    if (pixels == RedPixels::kBgra8) {
+      for (std::uint32_t x = 0; x < w; ++x) {
+        const std::size_t i = std::size_t{x} * step;
         std::uint8_t* p = row + std::size_t{x} * 4;
-        p[0] = static_cast<std::uint8_t>(v[2]);
-        p[1] = static_cast<std::uint8_t>(v[1]);
-        p[2] = static_cast<std::uint8_t>(v[0]);
+        p[0] = static_cast<std::uint8_t>(s2(b[i]));
+        p[1] = static_cast<std::uint8_t>(s1(g[i]));
+        p[2] = static_cast<std::uint8_t>(s0(r[i]));
         p[3] = 255;
-      } else {
-        std::uint16_t px[3] = {static_cast<std::uint16_t>(v[0]), static_cast<std::uint16_t>(v[1]),
-                               static_cast<std::uint16_t>(v[2])};
+      }
+    } else {
+      for (std::uint32_t x = 0; x < w; ++x) {
+        const std::size_t i = std::size_t{x} * step;
+        const std::uint16_t px[3] = {s0(r[i]), s1(g[i]), s2(b[i])};
         std::memcpy(row + std::size_t{x} * 6, px, 6);
       }
     }
@@ -214,12 +255,18 @@ class J2kLibrary final : public RedLibrary {
   std::unique_ptr<RedClip> OpenClip(const VxChar* path) override {
     R3DIndex index;
     if (!ReadR3DIndex(path, &index)) return nullptr;
-    return std::make_unique<J2kClip>(std::move(index));
+    return std::make_unique<J2kClip>(std::move(index), threads_);
   }
   bool ProbeCard(RedCardVersions*, int*) override { return false; }
   bool OpenCardDecoder() override { return false; }
   void CloseCard() override {}
   bool SubmitJob(RedJob*) override { return false; }
+  void SetDecodeThreads(int threads) override {
+    threads_.store(threads > 1 ? threads : 1, std::memory_order_relaxed);
+  }
+
+ private:
+  std::atomic<int> threads_{1};
 };
 
 }  // namespace

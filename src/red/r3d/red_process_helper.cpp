@@ -40,10 +40,30 @@ VxString DecoderFolder() {
   return cut == VxString::npos ? VxString() : exe.substr(0, cut);
 }
 
+// Decoders of an earlier pool of this process still holding a slot's events: named objects
+// live while anyone holds them, so a new pool would join them, and the old decoder would take
+// its requests (answering into its own, old result block) or a new one its terminate signal.
+bool HeldByEarlierDecoder(const std::vector<VxString>& names) {
+  for (std::size_t e = 2; e < 5; ++e) {
+    if (os::EventHandle h = os::OpenEvent(names[e].c_str())) {
+      os::CloseEvent(h);
+      return true;
+    }
+  }
+  return false;
+}
+
+// An ending decoder finishes the frame in hand and sees its terminate event within its poll.
+constexpr std::uint32_t kEndingDecoderWaitMs = 5000;
+
 }  // namespace
 
 std::uint32_t RedPoolSize(std::uint32_t processors) {
   return std::clamp<std::uint32_t>(processors / 2, 1, 32);
+}
+
+int RedDecodeThreads(std::uint32_t processors) {
+  return static_cast<int>(std::max<std::uint32_t>(1, processors / RedPoolSize(processors)));
 }
 
 std::uint32_t RedSettingsCrc(const std::uint8_t* data, std::size_t size) {
@@ -159,11 +179,17 @@ HRESULT CVxRedProcessHelper::StartPool() {
   started_ = true;
 
   const std::uint32_t pid = os::CurrentProcessId();
+  std::uint32_t waited = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
     Channel& c = *channels_[i];
     c.names = {Name("Red_Mem_Instruct_%d_%d", pid, i), Name("Red_Mem_Result_%d_%d", pid, i),
                Name("Red_Event_StartFrame_%d_%d", pid, i), Name("Red_Event_EndFrame_%d_%d", pid, i),
                Name("Red_Event_TermApp_%d_%d", pid, i)};
+    // One that never ends (hung, not dead) is not waited for past the bound.
+    while (waited < kEndingDecoderWaitMs && HeldByEarlierDecoder(c.names)) {
+      os::SleepMs(5);
+      waited += 5;
+    }
     if (!os::CreateSharedMemory(c.names[0].c_str(), kInstructionBytes, &c.instruction) ||
         !os::CreateSharedMemory(c.names[1].c_str(), kResultBytes, &c.result))
       return E_OUTOFMEMORY;

@@ -38,6 +38,8 @@ inline std::uint64_t SlotFrameBytes(std::uint32_t w, std::uint32_t h) {
 
 // Pool size for a processor count: half of them, 1 to 32.
 std::uint32_t RedPoolSize(std::uint32_t processors);
+// Threads each decoder process decodes with: the processors the rule's pool leaves a slot.
+int RedDecodeThreads(std::uint32_t processors);
 // CRC-32, polynomial 0x04C11DB7 most significant bit first, from 0xFFFFFFFF, not inverted.
 std::uint32_t RedSettingsCrc(const std::uint8_t* data, std::size_t size);
 
