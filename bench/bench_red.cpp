@@ -2,12 +2,15 @@
 // (RedDecoder processes, the request, the result block and the copies), at the pool size this
 // machine's rule gives and at forced sizes, against FFmpeg decoding the same frames at the same
 // reduction in one process with one thread (`ffmpeg -lowres 1 -threads 1 -f null`).
-// The same decodes inside this process give the floor of the channel's cost.
+// The same decodes inside this process, on as many threads as a decoder process uses, give the
+// floor of the channel's cost; a stand-in decoder that decodes nothing gives the channel alone.
 // VX_BENCH_RED_FRAMES sets the clip length (default 200). Run with
 // --benchmark_enable_random_interleaving and repetitions on a shared machine.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -20,6 +23,7 @@
 #include "red/r3d/red_process_helper.h"
 #include "red/r3d/red_request.h"
 #include "vx/com_ptr.h"
+#include "vx/platform.h"
 
 namespace {
 
@@ -36,6 +40,9 @@ struct Clip {
     plan.frames = frames;
     plan.samePicture = true;
     redtest::WriteClip(path, plan);
+    // Written back before any timing starts, so the first case does not share the machine with
+    // the kernel's writeback of gigabytes.
+    if (std::system("sync") != 0) std::fprintf(stderr, "sync failed\n");
   }
   ~Clip() { std::filesystem::remove(path); }
 };
@@ -45,9 +52,23 @@ const Clip& TheClip() {
   return clip;
 }
 
+std::uint32_t Processors() {
+  return std::max(1u, std::thread::hardware_concurrency());
+}
+
+// Decoder processes inherit the thread count through the environment; 0 leaves the rule's.
+void SetDecoderThreads(int threads) {
+  if (threads > 0)
+    setenv("VX_RED_DECODER_THREADS", std::to_string(threads).c_str(), 1);
+  else
+    unsetenv("VX_RED_DECODER_THREADS");
+}
+
+// Args: pool size (0: the product's rule) and threads a decoder process (0: the rule's share).
 void PoolPlayback(benchmark::State& state) {
   const Clip& clip = TheClip();
   const auto slots = static_cast<std::uint32_t>(state.range(0));
+  SetDecoderThreads(static_cast<int>(state.range(1)));
   auto* helper = new vx::red::CVxRedProcessHelper();
   helper->SetPoolSize(slots);  // 0: the product's rule
   if (FAILED(helper->Start())) {
@@ -89,6 +110,8 @@ void PoolPlayback(benchmark::State& state) {
     }
   }
   state.counters["slots"] = helper->PoolSize();
+  state.counters["threads"] = state.range(1) > 0 ? static_cast<double>(state.range(1))
+                                                 : vx::red::RedDecodeThreads(Processors());
   // Per frame: time inside DecodeFrame (waits and the slot's copy) and the host image copy.
   const double frames = static_cast<double>(state.iterations()) * clip.frames;
   state.counters["decode_ms"] = 1000 * waitSeconds / frames;
@@ -97,15 +120,30 @@ void PoolPlayback(benchmark::State& state) {
                                              benchmark::Counter::kIsIterationInvariantRate);
   helper->Stop();
   helper->Release();
+  SetDecoderThreads(0);
+  unsetenv("VX_RED_DECODER_DIR");
 }
-// 0: the product's rule (one slot on two processors), then forced sizes.
+// The product's rule (one slot of two threads on two processors), then forced sizes of
+// one-thread decoders, which compare with the one-thread decode in this process.
 BENCHMARK(PoolPlayback)
-    ->Arg(0)
-    ->Arg(1)
-    ->Arg(2)
-    ->Arg(4)
+    ->Args({0, 0})
+    ->Args({1, 1})
+    ->Args({2, 1})
+    ->Args({4, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// The channel alone: one slot served by the tests' stand-in decoder, which answers at once, so
+// the time is the request, the two events, the slot's copy and the host image copy.
+void ChannelOnly(benchmark::State& state) {
+  const VxString exe = vx::os::ExecutablePath();
+  const std::string dir = vx::ToUtf8(exe.substr(0, exe.find_last_of(VXT("/")))) + "/redtest";
+  if (!std::filesystem::exists(dir + "/RedDecoder"))
+    return state.SkipWithError("no stand-in decoder (build the tests)");
+  setenv("VX_RED_DECODER_DIR", dir.c_str(), 1);
+  PoolPlayback(state);
+}
+BENCHMARK(ChannelOnly)->Args({1, 0})->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // What a host does: the R3D parser at half size with prefetch, frames into a 16-bit RGB image of
 // the stream's size, over the pool the parser starts (the product's rule).
@@ -141,9 +179,13 @@ void ThroughParser(benchmark::State& state) {
 BENCHMARK(ThroughParser)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The same decodes in this process through the decoding library: the floor the pool's channel
-// and copies are measured against.
+// and copies are measured against. Arg: threads (0: as many as a decoder process of the rule).
 void LibraryInProcess(benchmark::State& state) {
   const Clip& clip = TheClip();
+  const int threads = state.range(0) > 0 ? static_cast<int>(state.range(0))
+                                         : vx::red::RedDecodeThreads(Processors());
+  vx::red::DefaultRedLibrary().SetDecodeThreads(threads);
+  state.counters["threads"] = threads;
   auto red = vx::red::DefaultRedLibrary().OpenClip(vx::FromUtf8(clip.path.string()).c_str());
   if (!red) {
     state.SkipWithError("clip did not open");
@@ -160,8 +202,9 @@ void LibraryInProcess(benchmark::State& state) {
   }
   state.counters["fps"] = benchmark::Counter(static_cast<double>(clip.frames),
                                              benchmark::Counter::kIsIterationInvariantRate);
+  vx::red::DefaultRedLibrary().SetDecodeThreads(1);
 }
-BENCHMARK(LibraryInProcess)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(LibraryInProcess)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void FfmpegOneProcess(benchmark::State& state) {
   const Clip& clip = TheClip();
