@@ -97,6 +97,8 @@ int main(int argc, char** argv) {
   if (!c.start || !c.end || !c.terminate) return 4;
   const auto host = static_cast<std::uint32_t>(std::strtoul(argv[7], nullptr, 10));
 
+  // Every frame allocates the codec's same large buffers again.
+  os::KeepFreedMemory();
   std::string threads;
   const int forced =
       os::GetEnv("VX_RED_DECODER_THREADS", &threads) ? std::atoi(threads.c_str()) : 0;

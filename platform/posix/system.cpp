@@ -1,4 +1,7 @@
 #include <fcntl.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -144,6 +147,15 @@ void* AllocatePages(std::size_t bytes) {
 void FreePages(void* p, std::size_t bytes) {
   if (!p || bytes == 0) return;
   ::munmap(p, static_cast<std::size_t>(RoundToPage(bytes)));
+}
+
+void KeepFreedMemory() {
+#if defined(__GLIBC__)
+  // Blocks up to the largest threshold glibc takes come from the heap, and the heap's top is
+  // never trimmed; above that glibc maps and unmaps each block whatever is set.
+  ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
+#endif
 }
 
 // ---- Environment and user interface ---------------------------------------------------------

@@ -73,4 +73,7 @@ void FreePages(void* p, std::size_t) {
   if (p) ::VirtualFree(p, 0, MEM_RELEASE);
 }
 
+// The process heap keeps small blocks and gives large ones back; nothing to set there.
+void KeepFreedMemory() {}
+
 }  // namespace vx::os

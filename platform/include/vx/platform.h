@@ -162,6 +162,10 @@ std::int32_t AtomicLoad(const volatile std::int32_t* v);
 // Zeroed, page-aligned, read-write memory straight from the OS.
 void* AllocatePages(std::size_t bytes);
 void FreePages(void* p, std::size_t bytes);
+// Keeps freed heap memory in the process for the next allocation instead of handing it back
+// to the OS. For programs that allocate the same large buffers for every frame, which would
+// otherwise be mapped and faulted in afresh each time.
+void KeepFreedMemory();
 
 // ---- Modules ------------------------------------------------------------------------------
 using ModuleHandle = void*;
