@@ -110,8 +110,9 @@ void PoolPlayback(benchmark::State& state) {
     }
   }
   state.counters["slots"] = helper->PoolSize();
-  state.counters["threads"] = state.range(1) > 0 ? static_cast<double>(state.range(1))
-                                                 : vx::red::RedDecodeThreads(Processors());
+  state.counters["threads"] = state.range(1) > 0
+                                  ? static_cast<double>(state.range(1))
+                                  : vx::red::RedDecodeThreads(Processors(), helper->PoolSize());
   // Per frame: time inside DecodeFrame (waits and the slot's copy) and the host image copy.
   const double frames = static_cast<double>(state.iterations()) * clip.frames;
   state.counters["decode_ms"] = 1000 * waitSeconds / frames;
@@ -123,10 +124,13 @@ void PoolPlayback(benchmark::State& state) {
   SetDecoderThreads(0);
   unsetenv("VX_RED_DECODER_DIR");
 }
-// The product's rule (one slot of two threads on two processors), then forced sizes of
-// one-thread decoders, which compare with the one-thread decode in this process.
+// The product's rule (one slot of two threads on two processors), forced sizes with the
+// threads the rule gives them, then one-thread decoders, which compare with the one-thread
+// decode in this process.
 BENCHMARK(PoolPlayback)
     ->Args({0, 0})
+    ->Args({2, 0})
+    ->Args({4, 0})
     ->Args({1, 1})
     ->Args({2, 1})
     ->Args({4, 1})
@@ -183,7 +187,8 @@ BENCHMARK(ThroughParser)->Unit(benchmark::kMillisecond)->UseRealTime();
 void LibraryInProcess(benchmark::State& state) {
   const Clip& clip = TheClip();
   const int threads = state.range(0) > 0 ? static_cast<int>(state.range(0))
-                                         : vx::red::RedDecodeThreads(Processors());
+                                         : vx::red::RedDecodeThreads(
+                                               Processors(), vx::red::RedPoolSize(Processors()));
   vx::red::DefaultRedLibrary().SetDecodeThreads(threads);
   state.counters["threads"] = threads;
   auto red = vx::red::DefaultRedLibrary().OpenClip(vx::FromUtf8(clip.path.string()).c_str());

@@ -3,8 +3,9 @@
 // One slot of the RED decoder pool: on each start event, decodes the frame of the request in
 // the instruction block into the result block (16-byte aligned) in the requested pixel format
 // and sets the end event. Ends on the terminate event and when the host process is gone.
-// It decodes with the processors the pool's rule leaves each slot; VX_RED_DECODER_THREADS sets
-// another count (benchmarks compare a one-thread decode with one in the host process).
+// It decodes with its share of the processors among the pool's slots, which it counts by their
+// instruction blocks (all made before any decoder starts); VX_RED_DECODER_THREADS sets another
+// count (benchmarks compare a one-thread decode with one in the host process).
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -83,6 +84,18 @@ class Server {
   std::unique_ptr<RedClip> clip_;
 };
 
+std::uint32_t CountSlots(std::uint32_t host) {
+  std::uint32_t n = 0;
+  for (; n < 32; ++n) {
+    os::SharedMemory m;
+    if (!os::OpenSharedMemory(RedObjectName(RedObject::kInstruction, host, n).c_str(),
+                              kInstructionBytes, &m))
+      break;
+    os::CloseSharedMemory(&m);
+  }
+  return std::max(1u, n);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -103,7 +116,9 @@ int main(int argc, char** argv) {
   const int forced =
       os::GetEnv("VX_RED_DECODER_THREADS", &threads) ? std::atoi(threads.c_str()) : 0;
   DefaultRedLibrary().SetDecodeThreads(
-      forced > 0 ? forced : RedDecodeThreads(std::max(1u, std::thread::hardware_concurrency())));
+      forced > 0
+          ? forced
+          : RedDecodeThreads(std::max(1u, std::thread::hardware_concurrency()), CountSlots(host)));
 
   Server server(c);
   for (;;) {

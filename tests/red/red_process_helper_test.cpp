@@ -88,6 +88,11 @@ TEST(RedProcessHelper, PoolSizeAndDecodeModes) {
   const std::uint32_t sizes[][2] = {{0, 1}, {1, 1},   {2, 1},   {3, 1},  {4, 2},
                                     {9, 4}, {64, 32}, {65, 32}, {80, 32}};
   for (const auto& s : sizes) EXPECT_EQ(RedPoolSize(s[0]), s[1]) << s[0];
+  // Decoder threads {processors, slots, threads}: the frames in flight share the processors.
+  const std::uint32_t threads[][3] = {{1, 1, 1}, {2, 1, 2}, {2, 2, 2},   {2, 4, 1},
+                                      {4, 2, 4}, {8, 4, 3}, {64, 32, 3}, {80, 32, 3}};
+  for (const auto& t : threads)
+    EXPECT_EQ(RedDecodeThreads(t[0], t[1]), static_cast<int>(t[2])) << t[0] << " " << t[1];
   const struct {
     std::uint32_t mode;
     int shift;

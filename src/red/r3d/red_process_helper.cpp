@@ -25,12 +25,6 @@ constexpr const VxChar* kDecoderProgram = VXT("RedDecoder.exe");
 constexpr const VxChar* kDecoderProgram = VXT("RedDecoder");
 #endif
 
-VxString Name(const char* format, std::uint32_t pid, std::size_t slot) {
-  char text[96];
-  std::snprintf(text, sizeof text, format, static_cast<int>(pid), static_cast<int>(slot));
-  return FromUtf8(text);
-}
-
 // The folder of the host's own executable; tests may name another (VX_RED_DECODER_DIR).
 VxString DecoderFolder() {
   std::string dir;
@@ -62,8 +56,19 @@ std::uint32_t RedPoolSize(std::uint32_t processors) {
   return std::clamp<std::uint32_t>(processors / 2, 1, 32);
 }
 
-int RedDecodeThreads(std::uint32_t processors) {
-  return static_cast<int>(std::max<std::uint32_t>(1, processors / RedPoolSize(processors)));
+int RedDecodeThreads(std::uint32_t processors, std::uint32_t slots) {
+  const std::uint32_t inFlight = slots > 1 ? slots - 1 : 1;
+  return static_cast<int>(std::max<std::uint32_t>(1, (processors + inFlight - 1) / inFlight));
+}
+
+VxString RedObjectName(RedObject object, std::uint32_t hostPid, std::uint32_t slot) {
+  static const char* const kFormats[] = {"Red_Mem_Instruct_%d_%d", "Red_Mem_Result_%d_%d",
+                                         "Red_Event_StartFrame_%d_%d", "Red_Event_EndFrame_%d_%d",
+                                         "Red_Event_TermApp_%d_%d"};
+  char text[96];
+  std::snprintf(text, sizeof text, kFormats[static_cast<int>(object)], static_cast<int>(hostPid),
+                static_cast<int>(slot));
+  return FromUtf8(text);
 }
 
 std::uint32_t RedSettingsCrc(const std::uint8_t* data, std::size_t size) {
@@ -182,9 +187,9 @@ HRESULT CVxRedProcessHelper::StartPool() {
   std::uint32_t waited = 0;
   for (std::uint32_t i = 0; i < n; ++i) {
     Channel& c = *channels_[i];
-    c.names = {Name("Red_Mem_Instruct_%d_%d", pid, i), Name("Red_Mem_Result_%d_%d", pid, i),
-               Name("Red_Event_StartFrame_%d_%d", pid, i), Name("Red_Event_EndFrame_%d_%d", pid, i),
-               Name("Red_Event_TermApp_%d_%d", pid, i)};
+    for (RedObject o : {RedObject::kInstruction, RedObject::kResult, RedObject::kStart,
+                        RedObject::kEnd, RedObject::kTerminate})
+      c.names.push_back(RedObjectName(o, pid, i));
     // One that never ends (hung, not dead) is not waited for past the bound.
     while (waited < kEndingDecoderWaitMs && HeldByEarlierDecoder(c.names)) {
       os::SleepMs(5);

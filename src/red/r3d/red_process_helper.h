@@ -38,8 +38,14 @@ inline std::uint64_t SlotFrameBytes(std::uint32_t w, std::uint32_t h) {
 
 // Pool size for a processor count: half of them, 1 to 32.
 std::uint32_t RedPoolSize(std::uint32_t processors);
-// Threads each decoder process decodes with: the processors the rule's pool leaves a slot.
-int RedDecodeThreads(std::uint32_t processors);
+// Threads each of a pool's decoder processes decodes with. Playing, a pool of N slots keeps
+// N - 1 frames in flight (the host holds the last one until it releases it), so those share
+// the processors; a single slot has them all.
+int RedDecodeThreads(std::uint32_t processors, std::uint32_t slots);
+
+// The names of a slot's shared blocks and events.
+enum class RedObject { kInstruction, kResult, kStart, kEnd, kTerminate };
+VxString RedObjectName(RedObject object, std::uint32_t hostPid, std::uint32_t slot);
 // CRC-32, polynomial 0x04C11DB7 most significant bit first, from 0xFFFFFFFF, not inverted.
 std::uint32_t RedSettingsCrc(const std::uint8_t* data, std::size_t size);
 
