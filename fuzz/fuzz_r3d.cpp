@@ -51,8 +51,12 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
   odd.width = 13;
   odd.height = 5;
   odd.frames = 1;
-  WriteSeedsIntoEmptyCorpus(
-      *argc, *argv, {Seed(small, "fuzz_r3d_seed0.R3D"), Seed(odd, "fuzz_r3d_seed1.R3D")}, ".R3D");
+  redtest::ClipPlan twelve = small;
+  twelve.precision = 12;
+  WriteSeedsIntoEmptyCorpus(*argc, *argv,
+                            {Seed(small, "fuzz_r3d_seed0.R3D"), Seed(odd, "fuzz_r3d_seed1.R3D"),
+                             Seed(twelve, "fuzz_r3d_seed2.R3D")},
+                            ".R3D");
 #else
   (void)argc;
   (void)argv;
