@@ -20,30 +20,7 @@ namespace {
 using redtest::Card;
 using redtest::FakeLibrary;
 
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    Set(value);
-  }
-  ~ScopedEnv() { Set(old_); }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  void Set(const std::optional<std::string>& v) {
-#ifdef _WIN32
-    _putenv_s(name_.c_str(), v ? v->c_str() : "");
-#else
-    if (v)
-      setenv(name_.c_str(), v->c_str(), 1);
-    else
-      unsetenv(name_.c_str());
-#endif
-  }
-  std::string name_;
-  std::optional<std::string> old_;
-};
+using vxtest::ScopedEnv;
 
 std::vector<std::uint8_t> Request(const char* clip, std::int32_t frame, bool prefetch = true,
                                   std::uint32_t mode = kDecodeQuarterGood) {

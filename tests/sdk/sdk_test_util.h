@@ -9,31 +9,7 @@
 
 namespace sdktest {
 
-// Sets (or with nullopt removes) an environment variable for the life of the object.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    Set(value);
-  }
-  ~ScopedEnv() { Set(old_); }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  void Set(const std::optional<std::string>& v) {
-#ifdef _WIN32
-    _putenv_s(name_.c_str(), v ? v->c_str() : "");
-#else
-    if (v)
-      setenv(name_.c_str(), v->c_str(), 1);
-    else
-      unsetenv(name_.c_str());
-#endif
-  }
-  std::string name_;
-  std::optional<std::string> old_;
-};
+using vxtest::ScopedEnv;
 
 // A registry file of its own in a fresh folder, for one test.
 class ScopedRegistry {
