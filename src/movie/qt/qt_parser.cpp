@@ -66,33 +66,7 @@ VxString AbsolutePath(const VxChar* name) {
 
 CVxImageStreamParserQT::CVxImageStreamParserQT(CVxMediaFileParserQT* owner, DWORD track)
     : owner_(owner), track_(track) {
-  vx::module::AddObject();
   description_.cbSize = sizeof description_;
-}
-
-CVxImageStreamParserQT::~CVxImageStreamParserQT() {
-  vx::module::RemoveObject();
-}
-
-HRESULT STDMETHODCALLTYPE CVxImageStreamParserQT::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  if (riid == IID_IUnknown || riid == IID_IVxImageStreamParser) {
-    *ppv = static_cast<IVxImageStreamParser*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *ppv = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG STDMETHODCALLTYPE CVxImageStreamParserQT::AddRef() {
-  return static_cast<ULONG>(++refs_);
-}
-
-ULONG STDMETHODCALLTYPE CVxImageStreamParserQT::Release() {
-  const std::int32_t n = --refs_;
-  if (n == 0) delete this;
-  return static_cast<ULONG>(n);
 }
 
 HRESULT CVxImageStreamParserQT::LoadFormat() {
@@ -195,51 +169,10 @@ HRESULT STDMETHODCALLTYPE CVxImageStreamParserQT::WriteImage(IVxImage* image, st
   });
 }
 
-HRESULT STDMETHODCALLTYPE CVxImageStreamParserQT::ImageOp5(void*) {
-  return E_NOTIMPL;
-}
-
-HRESULT STDMETHODCALLTYPE CVxImageStreamParserQT::SetFlag(DWORD which, DWORD value) {
-  if (which != 0) return E_NOTIMPL;
-  flag_ = value != 0;
-  return S_OK;
-}
-
-HRESULT STDMETHODCALLTYPE CVxImageStreamParserQT::ImageOp7(void*) {
-  return E_NOTIMPL;
-}
-
 // ---- Sound stream --------------------------------------------------------------------------
 
 CVxAudioStreamParserQT::CVxAudioStreamParserQT(CVxMediaFileParserQT* owner, DWORD track)
-    : owner_(owner), track_(track) {
-  vx::module::AddObject();
-}
-
-CVxAudioStreamParserQT::~CVxAudioStreamParserQT() {
-  vx::module::RemoveObject();
-}
-
-HRESULT STDMETHODCALLTYPE CVxAudioStreamParserQT::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  if (riid == IID_IUnknown || riid == IID_IVxAudioStreamParser) {
-    *ppv = static_cast<IVxAudioStreamParser*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *ppv = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG STDMETHODCALLTYPE CVxAudioStreamParserQT::AddRef() {
-  return static_cast<ULONG>(++refs_);
-}
-
-ULONG STDMETHODCALLTYPE CVxAudioStreamParserQT::Release() {
-  const std::int32_t n = --refs_;
-  if (n == 0) delete this;
-  return static_cast<ULONG>(n);
-}
+    : owner_(owner), track_(track) {}
 
 HRESULT CVxAudioStreamParserQT::LoadFormat() {
   return owner_->Manager()->GetAudioFormat(owner_->Movie(), track_, &format_, &samples_);

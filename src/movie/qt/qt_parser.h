@@ -7,26 +7,19 @@
 #include <vector>
 
 #include "frame/source_info.h"
+#include "frame/stream_object.h"
 #include "movie/qt/qt_interfaces.h"
 #include "vx/com_ptr.h"
 #include "vx/parser.h"
 
 class CVxMediaFileParserQT;
 
-class CVxImageStreamParserQT final : public IVxImageStreamParser {
+class CVxImageStreamParserQT final : public CVxImageStreamObject {
  public:
   CVxImageStreamParserQT(CVxMediaFileParserQT* owner, DWORD track);
-  CVxImageStreamParserQT(const CVxImageStreamParserQT&) = delete;
-  CVxImageStreamParserQT& operator=(const CVxImageStreamParserQT&) = delete;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
   HRESULT STDMETHODCALLTYPE ReadImage(IVxImage** image, std::int32_t frame) override;
   HRESULT STDMETHODCALLTYPE WriteImage(IVxImage* image, std::int32_t frame) override;
-  HRESULT STDMETHODCALLTYPE ImageOp5(void* arg) override;
-  HRESULT STDMETHODCALLTYPE SetFlag(DWORD which, DWORD value) override;
-  HRESULT STDMETHODCALLTYPE ImageOp7(void* arg) override;
 
   // Reads the track's format (command 256).
   HRESULT LoadFormat();
@@ -40,28 +33,21 @@ class CVxImageStreamParserQT final : public IVxImageStreamParser {
   void Detach() { owner_ = nullptr; }
 
  private:
-  ~CVxImageStreamParserQT();
+  ~CVxImageStreamParserQT() override = default;
 
-  std::int32_t refs_ = 1;  // the parser's
   CVxMediaFileParserQT* owner_;
   DWORD track_;
   VxQTVideoFormat format_{};       // frame count, duration numerator, rate, alpha, field mode, ...
   std::uint32_t pixelFormat_ = 0;  // the code last asked for
   bool fallback_ = false;          // the decoder could not deliver the preferred format
-  bool flag_ = false;              // SetFlag(0, ...)
   tagVxImageStreamFormat description_{};  // the host's 14 words, when writing
   std::uint32_t written_ = 0;
 };
 
-class CVxAudioStreamParserQT final : public IVxAudioStreamParser {
+class CVxAudioStreamParserQT final : public CVxAudioStreamObject {
  public:
   CVxAudioStreamParserQT(CVxMediaFileParserQT* owner, DWORD track);
-  CVxAudioStreamParserQT(const CVxAudioStreamParserQT&) = delete;
-  CVxAudioStreamParserQT& operator=(const CVxAudioStreamParserQT&) = delete;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
   HRESULT STDMETHODCALLTYPE GetFormat(BYTE* buffer, int* size) override;
   HRESULT STDMETHODCALLTYPE GetLength(LONG* range) override;
   HRESULT STDMETHODCALLTYPE ReadSamples(const VxSamplePosition* pos, LONG count, void* buffer,
@@ -78,9 +64,8 @@ class CVxAudioStreamParserQT final : public IVxAudioStreamParser {
   void Detach() { owner_ = nullptr; }
 
  private:
-  ~CVxAudioStreamParserQT();
+  ~CVxAudioStreamParserQT() override = default;
 
-  std::int32_t refs_ = 1;
   CVxMediaFileParserQT* owner_;
   DWORD track_;
   VxQTWaveFormat format_{};

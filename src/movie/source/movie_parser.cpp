@@ -176,33 +176,7 @@ std::string PathOf(const VxString& name) {
 
 CVxMovieImageStream::CVxMovieImageStream(CVxMovieParser* owner, int track)
     : owner_(owner), track_(track) {
-  vx::module::AddObject();
   description_.cbSize = sizeof description_;
-}
-
-CVxMovieImageStream::~CVxMovieImageStream() {
-  vx::module::RemoveObject();
-}
-
-HRESULT STDMETHODCALLTYPE CVxMovieImageStream::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  if (riid == IID_IUnknown || riid == IID_IVxImageStreamParser) {
-    *ppv = static_cast<IVxImageStreamParser*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *ppv = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG STDMETHODCALLTYPE CVxMovieImageStream::AddRef() {
-  return static_cast<ULONG>(++refs_);
-}
-
-ULONG STDMETHODCALLTYPE CVxMovieImageStream::Release() {
-  const std::int32_t n = --refs_;
-  if (n == 0) delete this;
-  return static_cast<ULONG>(n);
 }
 
 void CVxMovieImageStream::FillFormat(tagVxImageStreamFormat* out) const {
@@ -317,51 +291,10 @@ HRESULT STDMETHODCALLTYPE CVxMovieImageStream::WriteImage(IVxImage* image, std::
   });
 }
 
-HRESULT STDMETHODCALLTYPE CVxMovieImageStream::ImageOp5(void*) {
-  return E_NOTIMPL;
-}
-
-HRESULT STDMETHODCALLTYPE CVxMovieImageStream::SetFlag(DWORD which, DWORD value) {
-  if (which != 0) return E_NOTIMPL;
-  flag_ = value != 0;
-  return S_OK;
-}
-
-HRESULT STDMETHODCALLTYPE CVxMovieImageStream::ImageOp7(void*) {
-  return E_NOTIMPL;
-}
-
 // ---- Sound stream --------------------------------------------------------------------------
 
 CVxMovieAudioStream::CVxMovieAudioStream(CVxMovieParser* owner, int track)
-    : owner_(owner), track_(track) {
-  vx::module::AddObject();
-}
-
-CVxMovieAudioStream::~CVxMovieAudioStream() {
-  vx::module::RemoveObject();
-}
-
-HRESULT STDMETHODCALLTYPE CVxMovieAudioStream::QueryInterface(REFIID riid, void** ppv) {
-  if (!ppv) return E_POINTER;
-  if (riid == IID_IUnknown || riid == IID_IVxAudioStreamParser) {
-    *ppv = static_cast<IVxAudioStreamParser*>(this);
-    AddRef();
-    return S_OK;
-  }
-  *ppv = nullptr;
-  return E_NOINTERFACE;
-}
-
-ULONG STDMETHODCALLTYPE CVxMovieAudioStream::AddRef() {
-  return static_cast<ULONG>(++refs_);
-}
-
-ULONG STDMETHODCALLTYPE CVxMovieAudioStream::Release() {
-  const std::int32_t n = --refs_;
-  if (n == 0) delete this;
-  return static_cast<ULONG>(n);
-}
+    : owner_(owner), track_(track) {}
 
 std::uint64_t CVxMovieAudioStream::Samples() const {
   if (!owner_ || owner_->Mode() != 1) return written_;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "frame/source_info.h"
+#include "frame/stream_object.h"
 #include "movie/source/movie_source.h"
 #include "vx/com_ptr.h"
 #include "vx/metadata.h"
@@ -42,20 +43,12 @@ ffmedia::SampleLayout SampleLayoutOf(const WAVEFORMATEX& f);
 
 class CVxMovieParser;
 
-class CVxMovieImageStream final : public IVxImageStreamParser {
+class CVxMovieImageStream final : public CVxImageStreamObject {
  public:
   CVxMovieImageStream(CVxMovieParser* owner, int track);
-  CVxMovieImageStream(const CVxMovieImageStream&) = delete;
-  CVxMovieImageStream& operator=(const CVxMovieImageStream&) = delete;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
   HRESULT STDMETHODCALLTYPE ReadImage(IVxImage** image, std::int32_t frame) override;
   HRESULT STDMETHODCALLTYPE WriteImage(IVxImage* image, std::int32_t frame) override;
-  HRESULT STDMETHODCALLTYPE ImageOp5(void* arg) override;
-  HRESULT STDMETHODCALLTYPE SetFlag(DWORD which, DWORD value) override;
-  HRESULT STDMETHODCALLTYPE ImageOp7(void* arg) override;
 
   void FillFormat(tagVxImageStreamFormat* out) const;
   void SetDescription(const tagVxImageStreamFormat& d) { description_ = d; }
@@ -64,26 +57,19 @@ class CVxMovieImageStream final : public IVxImageStreamParser {
   void Detach() { owner_ = nullptr; }
 
  private:
-  ~CVxMovieImageStream();
+  ~CVxMovieImageStream() override = default;
   HRESULT Decode(IVxImage* dst, VxPixelFormat format, std::int64_t frame);
 
-  std::int32_t refs_ = 1;  // the parser's
   CVxMovieParser* owner_;
   int track_;
-  bool flag_ = false;
   tagVxImageStreamFormat description_{};  // the host's, when writing
   std::uint32_t written_ = 0;
 };
 
-class CVxMovieAudioStream final : public IVxAudioStreamParser {
+class CVxMovieAudioStream final : public CVxAudioStreamObject {
  public:
   CVxMovieAudioStream(CVxMovieParser* owner, int track);
-  CVxMovieAudioStream(const CVxMovieAudioStream&) = delete;
-  CVxMovieAudioStream& operator=(const CVxMovieAudioStream&) = delete;
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override;
-  ULONG STDMETHODCALLTYPE Release() override;
   HRESULT STDMETHODCALLTYPE GetFormat(BYTE* buffer, int* size) override;
   HRESULT STDMETHODCALLTYPE GetLength(LONG* range) override;
   HRESULT STDMETHODCALLTYPE ReadSamples(const VxSamplePosition* pos, LONG count, void* buffer,
@@ -99,9 +85,8 @@ class CVxMovieAudioStream final : public IVxAudioStreamParser {
   void Detach() { owner_ = nullptr; }
 
  private:
-  ~CVxMovieAudioStream();
+  ~CVxMovieAudioStream() override = default;
 
-  std::int32_t refs_ = 1;
   CVxMovieParser* owner_;
   int track_;
   WAVEFORMATEX format_{};
