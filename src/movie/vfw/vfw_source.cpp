@@ -57,20 +57,6 @@ std::int64_t Gcd(std::int64_t a, std::int64_t b) {
   return a;
 }
 
-// Sample bytes of the layouts; the FFmpeg library's helper is not in Windows builds.
-int BytesOf(SampleLayout l) {
-  switch (l) {
-    case SampleLayout::kS16:
-      return 2;
-    case SampleLayout::kS24:
-      return 3;
-    case SampleLayout::kS32:
-    case SampleLayout::kF32:
-      return 4;
-  }
-  return 0;
-}
-
 // A sample as a left-justified 32-bit integer.
 std::int32_t FromFloat(float f) {
   if (!(f > -1.0f)) return std::numeric_limits<std::int32_t>::min();
@@ -348,7 +334,7 @@ class VfwSource final : public MovieSource {
     if (track < 0 || track >= static_cast<int>(audio_.size())) return Status::kInvalidArg;
     const AudioStream& a = audio_[static_cast<std::size_t>(track)];
     const ffmedia::AudioTrack& t = info_.audio[static_cast<std::size_t>(track)];
-    const int outBytes = BytesOf(layout);
+    const int outBytes = ffmedia::SampleBytes(layout);
     if (start < 0 || count < 0 || (count > 0 && !dst) || outBytes == 0 ||
         count > std::numeric_limits<std::int64_t>::max() / (outBytes * a.channels))
       return Status::kInvalidArg;
@@ -666,7 +652,7 @@ class VfwSink final : public MovieSink {
 
   Status WriteAudio(int track, const void* src, std::int64_t count, SampleLayout layout) override {
     if (!writer_ || track < 0 || track >= static_cast<int>(audio_.size()) || count < 0 ||
-        (count > 0 && !src) || BytesOf(layout) == 0)
+        (count > 0 && !src) || ffmedia::SampleBytes(layout) == 0)
       return Status::kInvalidArg;
     Track& a = audio_[static_cast<std::size_t>(track)];
     if (count == 0) return Status::kOk;
@@ -677,7 +663,7 @@ class VfwSink final : public MovieSink {
     try {
       buf_.resize(bytes);
       const auto* s = static_cast<const std::uint8_t*>(src);
-      const std::size_t inBytes = static_cast<std::size_t>(BytesOf(layout));
+      const std::size_t inBytes = static_cast<std::size_t>(ffmedia::SampleBytes(layout));
       for (std::size_t i = 0; i < values; ++i)
         StoreSample(LoadSample(s + i * inBytes, layout), out,
                     buf_.data() + i * static_cast<std::size_t>(a.bits / 8));
